@@ -1,0 +1,32 @@
+#include "engines/byte_format.h"
+
+#include <bit>
+#include <cstddef>
+#include <cstring>
+
+namespace nax {
+
+uint32_t nax_bigorsmall()
+{
+    return std::endian::native == std::endian::little ? 0 : 1;
+}
+
+int32_t nax_bytes2shorts(const uint8_t *source, int16_t *destination, int32_t byte_count,
+                         int32_t bits_per_sample, uint32_t byte_order)
+{
+    if (bits_per_sample != 16) return 0;
+
+    const int32_t samples = byte_count / 2;
+    if (byte_order == nax_bigorsmall()) {
+        if (samples > 0) memcpy(destination, source, static_cast<size_t>(samples) * 2);
+        return samples;
+    }
+    for (int32_t j = 0; j < samples; j++) {
+        uint16_t sample;
+        memcpy(&sample, source + 2 * static_cast<ptrdiff_t>(j), sizeof sample);
+        destination[j] = static_cast<int16_t>(static_cast<uint16_t>(sample << 8 | sample >> 8));
+    }
+    return samples;
+}
+
+} // namespace nax

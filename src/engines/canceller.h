@@ -1,0 +1,40 @@
+// Echo canceller engine: a binding over libspeexdsp's multi-channel canceller. The
+// functions carry the library's names with parameter lists of their own, hence the
+// namespace.
+#pragma once
+
+#include <cstdint>
+
+namespace nax::canceller {
+
+struct Instance;
+
+// Creates a canceller and everything that it needs per frame.
+//   frame_size     F, samples per channel of every later frame
+//   filter_length  samples of echo path
+//   mics           M, 1 or 2
+//   speakers       K, references; below 1 nothing can be cancelled
+//   sample_rate    Hz
+// Returns the instance, or null when there is no memory even for that. Where the
+// library cannot serve the set, the instance passes the microphones through.
+// Real time: no, it allocates.
+Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, int32_t mics,
+                                   int32_t speakers, int32_t sample_rate);
+
+// Cancels one frame.
+//   mic_frame      F x M, planar; left unchanged
+//   ref_frame      F x K, planar, aligned with the echo; left unchanged
+//   aec_frame      F x M, interleaved by microphone: the echo removed
+//   echo_frame     F x M, interleaved by microphone: microphone minus cleaned,
+//                  saturated to 16 bits
+//   delay_changed  1 when the reference was shifted since the last frame, else 0
+// Both outputs are always written in full. The buffers must not overlap.
+// Real time: yes. The caller's floating-point mode is left as it was.
+void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
+                                  const int16_t *ref_frame, int16_t *aec_frame,
+                                  int16_t *echo_frame, int32_t delay_changed);
+
+// Releases an instance; returns null, for the caller to store in its place.
+Instance *speex_echo_state_destroy(Instance *instance);
+
+} // namespace nax::canceller

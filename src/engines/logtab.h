@@ -1,0 +1,22 @@
+// Log table engine: a process-wide table behind a cheap base-2 logarithm, and the
+// levels in dB made from it.
+#pragma once
+
+#include <cstdint>
+
+namespace nax {
+
+// Makes the table ready. May be called any number of times, from several threads
+// at once: every caller writes the same values. Returns 0. Real time: yes.
+int32_t nax_logtab_init();
+
+// Base-2 logarithm of a positive, finite, normal number. Error at most
+// LOG2_MAX_ERROR. Needs nax_logtab_init first.
+float log2_approx(float value);
+
+// 10 log10(power), in dB; -100 dB for a power below 1e-10.
+float level_db(float power);
+
+inline constexpr float LOG2_MAX_ERROR = 2.0e-5f;
+
+} // namespace nax

@@ -1,0 +1,84 @@
+// One frame of 16-bit samples: split, align, cancel, join.
+#include "process/alignment.h"
+#include "process/channels.h"
+#include "state/state.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace nax {
+
+static constexpr int32_t MAX_FRAME_COUNT = 16384; // where the frame counter stays
+
+// Planar microphones and references from the first frame of in: M microphones, then
+// K references per sample instant.
+static void split(nax_aec_state &state, const int16_t *in)
+{
+    const int32_t block = state.block_size;
+    const int32_t mics = state.num_src_channel;
+    const int64_t kept = kept_references(state);
+    const int32_t stride = state.num_channel - state.drop_channel;
+
+    for (int32_t m = 0; m < mics; m++)
+        copy_channel(in + m, stride, state.mic_frame + m * block, 1, block);
+    for (int64_t k = 0; k < kept; k++)
+        copy_channel(in + mics + k, stride, state.ref_frame + k * block, 1, block);
+}
+
+// The full layout: M cleaned microphones, K aligned references, D zeros.
+static void join(const nax_aec_state &state, int16_t *out)
+{
+    const int32_t block = state.block_size;
+    const int32_t mics = state.num_src_channel;
+    const int64_t kept = kept_references(state);
+    const int32_t stride = state.num_channel;
+
+    if (stride > mics + kept)
+        memset(out, 0, sizeof *out * static_cast<size_t>(block) * static_cast<size_t>(stride));
+    for (int32_t m = 0; m < mics; m++)
+        copy_channel(state.aec_frame + m, mics, out + m, stride, block);
+    for (int64_t k = 0; k < kept; k++)
+        copy_channel(state.ref_frame + k * block, 1, out + mics + k, stride, block);
+}
+
+} // namespace nax
+
+extern "C" int32_t nax_aec_short(nax_aec_state *state, const int16_t *in, int16_t *out,
+                                 int16_t *echo, int32_t len)
+{
+    if (!state) {
+        static const char message[] = "You didn't initlize the nax_aec!";
+        fwrite(message, 1, sizeof message - 1, stderr);
+        return -1;
+    }
+    if (!in || len < 0) {
+        static const char message[] = "Error: input audio data is null!";
+        fwrite(message, 1, sizeof message - 1, stderr);
+        return -1;
+    }
+
+    const int32_t block = state->block_size;
+    const int32_t instants = len / state->num_channel;
+    state->frame_count = std::min(state->frame_count, nax::MAX_FRAME_COUNT - 1) + 1;
+
+    nax::split(*state, in);
+    nax::Alignment alignment = {state->delay_len, 0};
+    if (state->delay_est[0] == 1) alignment = nax::align_reference(*state);
+
+    // One frame per call is the rule. Further whole frames repeat the first one, so
+    // that an output sized by len is always filled.
+    for (int32_t end = block; end <= instants; end += block) {
+        nax::canceller::speex_fast_echo_cancellation(state->echo_state, state->mic_frame,
+                                                     state->ref_frame, state->aec_frame,
+                                                     state->echo_frame, alignment.delay_changed);
+        const size_t start = static_cast<size_t>(end - block);
+        if (out) nax::join(*state, out + start * static_cast<size_t>(state->num_channel));
+        if (echo) {
+            const size_t samples = static_cast<size_t>(block) * static_cast<size_t>(state->num_src_channel);
+            memcpy(echo + start * static_cast<size_t>(state->num_src_channel), state->echo_frame,
+                   samples * sizeof *echo);
+        }
+    }
+    return alignment.delay;
+}
