@@ -85,8 +85,9 @@ typedef struct nax_aec_param {
     /* Sum of NAX_AEC_DELAY_ESTIMATION and NAX_AEC_REMAP, or 0. */
     int32_t model_aec_en;
     /* Base delay in samples, 0 to 12288. With delay estimation on it is the delay
-     * applied until the echo has been found and the smallest one ever applied.
-     * With delay estimation off nothing is held back: it is only returned. */
+     * applied until the echo has been found; the echo may then turn out to be
+     * earlier or later. With delay estimation off nothing is held back: it is
+     * only returned. */
     int32_t delay_len;
     /* Look-ahead in samples, 0 or more. It sizes buffers that are kept for
      * later use and changes nothing in the audio. */

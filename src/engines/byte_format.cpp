@@ -6,10 +6,7 @@
 
 namespace nax {
 
-uint32_t nax_bigorsmall()
-{
-    return std::endian::native == std::endian::little ? 0 : 1;
-}
+uint32_t nax_bigorsmall() { return std::endian::native == std::endian::little ? 0 : 1; }
 
 int32_t nax_bytes2shorts(const uint8_t *source, int16_t *destination, int32_t byte_count,
                          int32_t bits_per_sample, uint32_t byte_order)

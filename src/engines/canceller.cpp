@@ -9,6 +9,7 @@
 
 #include <speex/speex_echo.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -17,6 +18,12 @@ namespace nax::canceller {
 // The library runs on blocks shorter than a frame, with the same filter length: it
 // then adapts several times a frame. docs/experiments.md has the comparison.
 static constexpr int32_t BLOCKS_PER_FRAME = 4;
+
+// The library picks the corner of its microphone high-pass from the rate that it is
+// told: about 130 Hz at a true 8000 Hz, where it eats near-end speech. Told at least
+// this rate it uses the lowest corner; its averaging times, which also follow the
+// rate, make no difference that could be measured.
+static constexpr int32_t LEAST_RATE_TOLD = 24000;
 
 struct Instance {
     SpeexEchoState *library; // null: pass the microphones through
@@ -50,8 +57,9 @@ Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, in
 
     instance->library =
         ::speex_echo_state_init_mc(instance->block_size, filter_length, mics, speakers);
+    int32_t rate_told = std::max(sample_rate, LEAST_RATE_TOLD);
     if (instance->library)
-        speex_echo_ctl(instance->library, SPEEX_ECHO_SET_SAMPLING_RATE, &sample_rate);
+        speex_echo_ctl(instance->library, SPEEX_ECHO_SET_SAMPLING_RATE, &rate_told);
     return instance;
 }
 
@@ -65,10 +73,9 @@ static void interleave(const int16_t *from, int32_t frame_size, int32_t channels
 }
 
 void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
-                                  const int16_t *ref_frame, int16_t *aec_frame,
-                                  int16_t *echo_frame, int32_t delay_changed)
+                                  const int16_t *ref_frame, int16_t *aec_frame, int16_t *echo_frame,
+                                  int32_t delay_changed)
 {
-    (void)delay_changed;
     if (!instance) return;
 
     const FlushDenormals flush;
@@ -80,6 +87,8 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
         memset(echo_frame, 0, static_cast<size_t>(frame) * mics * sizeof *echo_frame);
         return;
     }
+    // A filter that learnt another alignment is worse than none.
+    if (delay_changed) speex_echo_state_reset(instance->library);
     for (int32_t start = 0; start < frame; start += block) {
         int16_t *cleaned = aec_frame + start * mics;
         int16_t *echo = echo_frame + start * mics;

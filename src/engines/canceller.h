@@ -31,8 +31,8 @@ Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, in
 // Both outputs are always written in full. The buffers must not overlap.
 // Real time: yes. The caller's floating-point mode is left as it was.
 void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
-                                  const int16_t *ref_frame, int16_t *aec_frame,
-                                  int16_t *echo_frame, int32_t delay_changed);
+                                  const int16_t *ref_frame, int16_t *aec_frame, int16_t *echo_frame,
+                                  int32_t delay_changed);
 
 // Releases an instance; returns null, for the caller to store in its place.
 Instance *speex_echo_state_destroy(Instance *instance);

@@ -18,7 +18,6 @@ static void size_pcm_buf(nax_aec_state &state, int32_t sample_count)
     const int32_t frame_samples = state.frame_size * state.num_channel;
     const size_t capacity = static_cast<size_t>(std::max(sample_count, frame_samples));
     state.pcm_buf = static_cast<int16_t *>(realloc(state.pcm_buf, capacity * sizeof(int16_t)));
-    state.pcm_len = sample_count;
 }
 
 // Allocates sel_buf for the selected samples of the first call, and at least a
@@ -59,7 +58,8 @@ static void select_channels(nax_aec_state &state, int32_t instants)
 
 static void dump(FILE *stream, const int16_t *samples, int64_t count)
 {
-    if (stream && count > 0) fwrite(samples, static_cast<size_t>(count) * sizeof *samples, 1, stream);
+    if (stream && count > 0)
+        fwrite(samples, static_cast<size_t>(count) * sizeof *samples, 1, stream);
 }
 
 } // namespace nax
@@ -82,8 +82,8 @@ extern "C" int32_t nax_aec_byte(nax_aec_state *state, uint8_t **audio, int16_t *
     const int32_t sample_count = len / (state->bits_per_sample / 8);
     const int64_t sel_len = sample_count - int64_t{state->frame_size} * state->drop_channel;
     if (state->pcm_len != sample_count) nax::size_pcm_buf(*state, sample_count);
-    state->pcm_len = nax::nax_bytes2shorts(*audio, state->pcm_buf, len, state->bits_per_sample,
-                                           byte_order);
+    state->pcm_len =
+        nax::nax_bytes2shorts(*audio, state->pcm_buf, len, state->bits_per_sample, byte_order);
     if (!state->sel_buf) nax::size_sel_buf(*state, sel_len);
 
     // Microphones first, nothing dropped, no table: the samples are in order as they

@@ -34,12 +34,13 @@ static void join(const nax_aec_state &state, int16_t *out)
     const int64_t kept = kept_references(state);
     const int32_t stride = state.num_channel;
 
-    if (stride > mics + kept)
-        memset(out, 0, sizeof *out * static_cast<size_t>(block) * static_cast<size_t>(stride));
     for (int32_t m = 0; m < mics; m++)
         copy_channel(state.aec_frame + m, mics, out + m, stride, block);
     for (int64_t k = 0; k < kept; k++)
         copy_channel(state.ref_frame + k * block, 1, out + mics + k, stride, block);
+    for (int64_t c = std::max<int64_t>(0, mics + kept); c < stride; c++)
+        for (int32_t i = 0; i < block; i++)
+            out[ptrdiff_t{i} * stride + c] = 0;
 }
 
 } // namespace nax
@@ -75,7 +76,8 @@ extern "C" int32_t nax_aec_short(nax_aec_state *state, const int16_t *in, int16_
         const size_t start = static_cast<size_t>(end - block);
         if (out) nax::join(*state, out + start * static_cast<size_t>(state->num_channel));
         if (echo) {
-            const size_t samples = static_cast<size_t>(block) * static_cast<size_t>(state->num_src_channel);
+            const size_t samples =
+                static_cast<size_t>(block) * static_cast<size_t>(state->num_src_channel);
             memcpy(echo + start * static_cast<size_t>(state->num_src_channel), state->echo_frame,
                    samples * sizeof *echo);
         }

@@ -148,8 +148,7 @@ extern "C" nax_aec_state *nax_aec_state_init(int32_t sample_rate, int32_t bits_p
 
     fprintf(stderr, "LOG (%s(): ,%d), AEC-RELEASE-VERSION 2.0,RELEASE DATE 2022-02-28\n\n",
             "nax_aec_state_init", 270);
-    fprintf(stderr,
-            "LOG (%s(): ,%d), This AEC version is used for no more than 2 microphones!\n\n",
+    fprintf(stderr, "LOG (%s(): ,%d), This AEC version is used for no more than 2 microphones!\n\n",
             "nax_aec_state_init", 275);
     return st;
 }

@@ -21,8 +21,8 @@ inline constexpr int32_t DELAY_EST_WORDS = 28;
 // Longest frame: 16 ms at 48000 Hz. Every frame length divides the delay line, so
 // a frame is written in one piece.
 inline constexpr int32_t MAX_FRAME_SIZE = 768;
-static_assert(DELAY_LINE_LEN % 128 == 0 && DELAY_LINE_LEN % 256 == 0 &&
-              DELAY_LINE_LEN % 512 == 0 && DELAY_LINE_LEN % MAX_FRAME_SIZE == 0);
+static_assert(DELAY_LINE_LEN % 128 == 0 && DELAY_LINE_LEN % 256 == 0 && DELAY_LINE_LEN % 512 == 0 &&
+              DELAY_LINE_LEN % MAX_FRAME_SIZE == 0);
 
 // Counts: F = frame_size samples per channel, M = num_src_channel microphones,
 // R = num_ref_channel references, D = drop_channel, K = R - D kept references.
