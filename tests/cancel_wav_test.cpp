@@ -1,0 +1,394 @@
+// The examples as their user sees them: files and options in, files, messages and
+// exit statuses out. CANCEL_WAV and MINIMAL are the paths of the programs.
+#include "nax_aec.h"
+
+#include <gtest/gtest.h>
+#include <sndfile.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Samples = std::vector<int16_t>;
+
+constexpr int32_t WAV_16 = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+
+struct Result {
+    int status;
+    std::string out, err;
+};
+
+struct Wav {
+    int rate = 0, channels = 0;
+    Samples samples; // interleaved
+};
+
+// A far end that comes and goes, and its echo: first arrival after 40 ms and a few reflections.
+struct Call {
+    int rate;
+    size_t delay;
+    Samples mic, ref;
+};
+
+std::string contents(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_wav(const std::string &path, int rate, int channels, const Samples &samples,
+               int format = WAV_16)
+{
+    SF_INFO info = {};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = format;
+    SNDFILE *file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_TRUE(file) << path;
+    const auto count = static_cast<sf_count_t>(samples.size());
+    EXPECT_EQ(sf_write_short(file, samples.data(), count), count);
+    sf_close(file);
+}
+
+Wav read_wav(const std::string &path)
+{
+    SF_INFO info = {};
+    SNDFILE *file = sf_open(path.c_str(), SFM_READ, &info);
+    EXPECT_TRUE(file) << path;
+    if (!file) return {};
+    Wav wav = {info.samplerate, info.channels, {}};
+    wav.samples.resize(static_cast<size_t>(info.frames * info.channels));
+    sf_read_short(file, wav.samples.data(), static_cast<sf_count_t>(wav.samples.size()));
+    sf_close(file);
+    return wav;
+}
+
+Samples interleave(const std::vector<Samples> &channels)
+{
+    Samples all;
+    for (size_t t = 0; t < channels[0].size(); t++)
+        for (const Samples &channel : channels)
+            all.push_back(channel[t]);
+    return all;
+}
+
+// An odd length, so that the last frame is a partial one.
+Call make_call(int rate, double seconds = 4)
+{
+    Call call = {rate, static_cast<size_t>(rate / 25), {}, {}};
+    const size_t count = static_cast<size_t>(rate * seconds) + 77;
+    std::mt19937 random(20);
+    std::normal_distribution<double> noise(0, 2500);
+    for (size_t t = 0; t < count; t++) {
+        const double syllable = std::abs(std::sin(9.0 * static_cast<double>(t) / rate));
+        call.ref.push_back(static_cast<int16_t>(std::clamp(noise(random) * syllable, -3e4, 3e4)));
+    }
+    for (size_t t = 0; t < count; t++) {
+        double echo = 0;
+        for (size_t tap = 0; tap < 5; tap++) {
+            const size_t lag = call.delay + tap * call.delay / 25;
+            if (t >= lag) echo += 0.4 / (1.0 + static_cast<double>(tap)) * call.ref[t - lag];
+        }
+        call.mic.push_back(static_cast<int16_t>(echo));
+    }
+    return call;
+}
+
+// Microphone over cleaned energy in the second half, in dB.
+double echo_removed_db(const Samples &mic, const Samples &cleaned)
+{
+    double before = 0, after = 1;
+    for (size_t t = mic.size() / 2; t < mic.size(); t++) {
+        before += mic[t] * mic[t];
+        after += cleaned[t] * cleaned[t];
+    }
+    return 10 * std::log10(before / after);
+}
+
+class CancelWav : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string name = testing::TempDir() + "cancel_wav_XXXXXX";
+        ASSERT_TRUE(mkdtemp(name.data()));
+        folder = name + "/";
+    }
+
+    void TearDown() override { std::filesystem::remove_all(folder); }
+
+    // Runs a command line in the folder; the shell sees it as it is.
+    Result shell(const std::string &command) const
+    {
+        const std::string line = "cd " + folder + " && " + command + " >stdout 2>stderr";
+        const int status = std::system(line.c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(folder + "stdout"),
+                contents(folder + "stderr")};
+    }
+
+    Result run(const std::string &arguments) const { return shell(CANCEL_WAV " " + arguments); }
+
+    void write_call(const Call &call) const
+    {
+        write_wav(folder + "mic.wav", call.rate, 1, call.mic);
+        write_wav(folder + "ref.wav", call.rate, 1, call.ref);
+    }
+
+    Samples cleaned(const std::string &arguments) const
+    {
+        const Result result = run("--quiet " + arguments + " out.wav");
+        EXPECT_EQ(result.status, 0) << arguments << "\n" << result.err;
+        EXPECT_EQ(result.out, "") << arguments;
+        return read_wav(folder + "out.wav").samples;
+    }
+
+    // The command must end with this status and say this in one line.
+    void expect_failure(const std::string &arguments, int status, const std::string &message) const
+    {
+        const Result result = run(arguments);
+        EXPECT_EQ(result.status, status) << arguments;
+        EXPECT_EQ(result.err, "cancel_wav: " + message + "\n") << arguments;
+        EXPECT_EQ(result.out, "") << arguments;
+        EXPECT_FALSE(std::filesystem::exists(folder + "out.wav")) << arguments;
+    }
+
+    std::string folder;
+};
+
+TEST_F(CancelWav, FindsTheDelayAndRemovesTheEchoAtEveryRate)
+{
+    for (const int rate : {8000, 16000, 32000, 48000}) {
+        const Call call = make_call(rate);
+        const size_t frame = static_cast<size_t>(rate) * 2 / 125;
+        write_call(call);
+        const Result result = run("mic.wav ref.wav out.wav --delays delays.csv");
+        ASSERT_EQ(result.status, 0) << result.err;
+        for (const char *words :
+             {"Applied delay", "Echo removed", "second half", "Frames", "Speed"})
+            EXPECT_NE(result.out.find(words), std::string::npos) << words;
+
+        const Wav out = read_wav(folder + "out.wav");
+        EXPECT_EQ(out.rate, rate);
+        EXPECT_EQ(out.channels, 1);
+        ASSERT_EQ(out.samples.size(), call.mic.size());
+        // Measured: 24 dB at 8000 Hz, 60 dB at the others.
+        EXPECT_GT(echo_removed_db(call.mic, out.samples), 12) << rate;
+
+        std::istringstream delays(contents(folder + "delays.csv"));
+        std::string line, last;
+        size_t lines = 0;
+        for (; std::getline(delays, line); lines++)
+            last = line;
+        EXPECT_EQ(lines, 1 + (call.mic.size() + frame - 1) / frame) << rate;
+        const long applied = std::stol(last.substr(last.find(',') + 1));
+        EXPECT_LE(applied, static_cast<long>(call.delay)) << rate;
+        EXPECT_GT(applied, static_cast<long>(call.delay - frame)) << rate;
+    }
+}
+
+TEST_F(CancelWav, LeavesTheReferenceInPlaceWithoutDelayEstimation)
+{
+    const Call call = make_call(16000);
+    write_call(call);
+    cleaned(
+        "--no-delay-estimation --delay 640 --refs refs.wav --delays delays.csv mic.wav ref.wav");
+    EXPECT_EQ(read_wav(folder + "refs.wav").samples, call.ref);
+    EXPECT_NE(contents(folder + "delays.csv").find("\n0.000,640\n0.016,640\n"), std::string::npos);
+}
+
+TEST_F(CancelWav, GivesTheSameFromOneFileInEitherChannelOrder)
+{
+    const Call call = make_call(16000, 2);
+    write_call(call);
+    write_wav(folder + "mics_first.wav", 16000, 2, interleave({call.mic, call.ref}));
+    write_wav(folder + "refs_first.wav", 16000, 2, interleave({call.ref, call.mic}));
+    const Samples expected = cleaned("mic.wav ref.wav");
+    EXPECT_EQ(cleaned("mics_first.wav"), expected);
+    EXPECT_EQ(cleaned("--order refs-first refs_first.wav"), expected);
+}
+
+TEST_F(CancelWav, DropsTrailingReferencesAndTakesTheMicrophoneFromTheRemapEntry)
+{
+    const Call call = make_call(16000, 2);
+    const Samples junk(call.ref.rbegin(), call.ref.rend());
+    write_call(call);
+    const Samples expected = cleaned("mic.wav ref.wav");
+    write_wav(folder + "two_refs.wav", 16000, 2, interleave({call.ref, junk}));
+    EXPECT_EQ(cleaned("--drop 1 --refs refs.wav mic.wav two_refs.wav"), expected);
+    EXPECT_EQ(read_wav(folder + "refs.wav").channels, 1);
+    write_wav(folder + "mic_last.wav", 16000, 3, interleave({junk, call.ref, call.mic}));
+    EXPECT_EQ(cleaned("--drop 1 --remap 2 mic_last.wav"), expected);
+}
+
+TEST_F(CancelWav, HandlesTwoMicrophonesAndTwoReferences)
+{
+    const Call call = make_call(16000);
+    Samples other = call.mic;
+    std::transform(other.begin(), other.end(), other.begin(),
+                   [](int16_t y) { return static_cast<int16_t>(-y / 2); });
+    write_wav(folder + "all.wav", 16000, 4, interleave({call.ref, call.ref, call.mic, other}));
+    const Samples both =
+        cleaned("--order refs-first --mics 2 --refs refs.wav --echo echo.wav all.wav");
+    EXPECT_EQ(both.size(), 2 * call.mic.size());
+    // Measured: 57 dB; two references alike leave the split between them open.
+    EXPECT_GT(echo_removed_db(interleave({call.mic, other}), both), 12);
+    EXPECT_EQ(read_wav(folder + "refs.wav").channels, 2);
+    EXPECT_EQ(read_wav(folder + "echo.wav").channels, 2);
+}
+
+TEST_F(CancelWav, WritesTheEchoThatWasTakenOutAndDumpsOfWholeFrames)
+{
+    const Call call = make_call(16000, 2);
+    write_call(call);
+    const Samples out = cleaned("--echo echo.wav --dump dump mic.wav ref.wav");
+    const Samples echo = read_wav(folder + "echo.wav").samples;
+    ASSERT_EQ(echo.size(), call.mic.size());
+    for (size_t t = 0; t < echo.size(); t++)
+        ASSERT_EQ(out[t] + echo[t], call.mic[t]) << t;
+
+    const size_t padded = (call.mic.size() + 255) / 256 * 256;
+    const std::string aec = contents(folder + "dump_aec.raw");
+    const Samples input = interleave({call.mic, call.ref});
+    ASSERT_EQ(aec.size(), padded * 2 * sizeof(int16_t));
+    EXPECT_EQ(memcmp(aec.data(), input.data(), input.size() * sizeof(int16_t)), 0);
+    EXPECT_EQ(contents(folder + "dump_echo.raw").size(), padded * sizeof(int16_t));
+}
+
+TEST_F(CancelWav, UsesTheShorterLengthOfFilesLessThanASecondApart)
+{
+    const Call call = make_call(16000, 2);
+    write_call(call);
+    write_wav(folder + "ref.wav", 16000, 1, Samples(call.ref.begin(), call.ref.end() - 8000));
+    const Result result = run("mic.wav ref.wav out.wav");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.err.find("ref.wav: is 0.500 s shorter than mic.wav"), std::string::npos);
+    EXPECT_EQ(read_wav(folder + "out.wav").samples.size(), call.mic.size() - 8000);
+}
+
+TEST_F(CancelWav, RefusesUnusableFilesInOneLineWithStatus1)
+{
+    const Samples second(16000, 100);
+    const int wav = SF_FORMAT_WAV;
+    write_wav(folder + "mic.wav", 16000, 1, second);
+    write_wav(folder + "fast.wav", 44100, 1, second);
+    write_wav(folder + "8k.wav", 8000, 1, second);
+    write_wav(folder + "24.wav", 16000, 1, second, wav | SF_FORMAT_PCM_24);
+    write_wav(folder + "8.wav", 16000, 1, second, wav | SF_FORMAT_PCM_U8);
+    write_wav(folder + "float.wav", 16000, 1, second, wav | SF_FORMAT_FLOAT);
+    write_wav(folder + "mic.au", 16000, 1, second, SF_FORMAT_AU | SF_FORMAT_PCM_16);
+    write_wav(folder + "three.wav", 16000, 3, Samples(48000, 100));
+    write_wav(folder + "long.wav", 16000, 1, Samples(40000, 100));
+    write_wav(folder + "none.wav", 16000, 1, {});
+    std::ofstream(folder + "text.wav") << "not audio\n";
+    std::ofstream(folder + "empty.wav").flush();
+
+    const std::string width = "is not 16-bit PCM, the only sample format accepted";
+    const std::string rates = "not 8000, 16000, 32000 or 48000 Hz";
+    const std::pair<const char *, std::string> cases[] = {
+        {"missing.wav mic.wav out.wav", "missing.wav: No such file or directory"},
+        {"mic.wav missing.wav out.wav", "missing.wav: No such file or directory"},
+        {"mic.wav text.wav out.wav", "text.wav: Format not recognised"},
+        {"mic.wav empty.wav out.wav", "empty.wav: Format not recognised"},
+        {"none.wav mic.wav out.wav", "none.wav: holds no samples"},
+        {"mic.au mic.wav out.wav", "mic.au: is not a WAV file"},
+        {"fast.wav fast.wav out.wav", "fast.wav: has 44100 Hz, " + rates},
+        {"mic.wav 8k.wav out.wav", "8k.wav: has 8000 Hz, but mic.wav has 16000 Hz"},
+        {"mic.wav 24.wav out.wav", "24.wav: " + width},
+        {"8.wav mic.wav out.wav", "8.wav: " + width},
+        {"mic.wav float.wav out.wav", "float.wav: " + width},
+        {"mic.wav long.wav out.wav",
+         "long.wav: is 1.500 s longer than mic.wav, more than 1 s apart"},
+        {"three.wav mic.wav out.wav", "three.wav: has 3 channels, not 1 or 2 microphones"},
+        {"mic.wav out.wav",
+         "mic.wav: has 1 channel(s), too few for 1 microphone(s) and a reference"},
+        {"mic.wav mic.wav missing/out.wav", "missing/out.wav: No such file or directory"},
+        {"mic.wav mic.wav .", ".: Is a directory"},
+    };
+    for (const auto &[arguments, message] : cases)
+        expect_failure(arguments, 1, message);
+}
+
+TEST_F(CancelWav, RefusesToWriteToAFullDisk)
+{
+    const Call call = make_call(16000, 1);
+    write_call(call);
+    if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full here";
+    for (const char *arguments :
+         {"mic.wav ref.wav /dev/full", "mic.wav ref.wav o.wav --echo /dev/full",
+          "mic.wav ref.wav o.wav --delays /dev/full"}) {
+        const Result result = run(arguments);
+        EXPECT_EQ(result.status, 1) << arguments;
+        EXPECT_NE(result.err.find("cancel_wav: /dev/full: "), std::string::npos) << arguments;
+    }
+}
+
+TEST_F(CancelWav, RefusesAWrongCommandLineInOneLineWithStatus2)
+{
+    write_wav(folder + "mic.wav", 16000, 1, Samples(16000, 100));
+    write_wav(folder + "all.wav", 16000, 2, Samples(32000, 100));
+    const std::string names = "command line: needs MIC.wav REF.wav OUT.wav or ALL.wav OUT.wav";
+    const std::pair<const char *, std::string> cases[] = {
+        {"", names},
+        {"out.wav", names},
+        {"mic.wav mic.wav mic.wav out.wav", names},
+        {"--louder all.wav out.wav", "--louder: no such option, see cancel_wav --help"},
+        {"all.wav out.wav --delay", "--delay: needs a value"},
+        {"all.wav out.wav --delay 12289", "--delay: '12289' is not a number from 0 to 12288"},
+        {"all.wav out.wav --delay -1", "--delay: '-1' is not a number from 0 to 12288"},
+        {"all.wav out.wav --delay 5ms", "--delay: '5ms' is not a number from 0 to 12288"},
+        {"all.wav out.wav --delay ''", "--delay: '' is not a number from 0 to 12288"},
+        {"all.wav out.wav --look-ahead x", "--look-ahead: 'x' is not a number from 0 to 12288"},
+        {"all.wav out.wav --mics 3", "--mics: '3' is not a number from 1 to 2"},
+        {"all.wav out.wav --order any", "--order: 'any' is neither mics-first nor refs-first"},
+        {"mic.wav mic.wav out.wav --mics 1",
+         "--mics: describes one multi-channel file, but two input files are given"},
+        {"all.wav out.wav --drop 2", "--drop: 2 is more than the 1 reference(s) of all.wav"},
+        {"all.wav out.wav --drop 1 --refs r.wav", "--refs: --drop 1 leaves no reference to write"},
+        {"all.wav out.wav --remap 2", "--remap: channel 2 is outside the input's channels, 0 to 1"},
+        {"all.wav out.wav --remap 0,1",
+         "--remap: names 2 channel(s) for the 1 microphone(s) of all.wav"},
+        {"all.wav out.wav --remap 0,1,2", "--remap: '1,2' is not a number from 0 to 1023"},
+        {"all.wav ./all.wav", "./all.wav: is already an input or another output"},
+    };
+    for (const auto &[arguments, message] : cases)
+        expect_failure(arguments, 2, message);
+    EXPECT_EQ(run("all.wav o.wav --echo o.wav").status, 2);
+}
+
+TEST_F(CancelWav, PrintsItsHelpAndVersion)
+{
+    const Result help = run("--help");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.find("Usage: cancel_wav"), 0u);
+    const Result version = run("--version");
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "cancel_wav (nax_aec) " + std::to_string(NAX_AEC_VERSION_MAJOR) + "." +
+                               std::to_string(NAX_AEC_VERSION_MINOR) + "." +
+                               std::to_string(NAX_AEC_VERSION_PATCH) + "\n");
+}
+
+TEST_F(CancelWav, AgreesWithTheMinimalExampleOnWholeFrames)
+{
+    const Call call = make_call(16000, 2);
+    write_call(call);
+    const Samples input = interleave({call.mic, call.ref});
+    std::ofstream(folder + "in.raw", std::ios::binary)
+        .write(reinterpret_cast<const char *>(input.data()),
+               static_cast<std::streamsize>(input.size() * sizeof(int16_t)));
+    ASSERT_EQ(shell("{ " MINIMAL " <in.raw >out.raw; }").status, 0);
+    const std::string minimal = contents(folder + "out.raw");
+    const Samples out = cleaned("mic.wav ref.wav");
+    ASSERT_EQ(minimal.size(), call.mic.size() / 256 * 256 * sizeof(int16_t));
+    EXPECT_EQ(memcmp(minimal.data(), out.data(), minimal.size()), 0);
+}
+
+} // namespace

@@ -1,0 +1,288 @@
+// The binding over libspeexdsp (src/engines/canceller): layouts, contract and what
+// it does without the library's help. The library's calls are watched by --wrap.
+#include "engines/canceller.h"
+
+#include "heap_wrap.h"
+#include "signals.h"
+
+#include <speex/speex_echo.h>
+
+namespace canceller = nax::canceller;
+
+static int created, destroyed, resets;
+static bool refuse_library;
+static int library_arguments[4]; // frame size, filter length, microphones, speakers
+static int sampling_rate;
+
+extern "C" {
+SpeexEchoState *__real_speex_echo_state_init_mc(int frame, int filter, int mics, int speakers);
+int __real_speex_echo_ctl(SpeexEchoState *library, int request, void *value);
+void __real_speex_echo_state_reset(SpeexEchoState *library);
+void __real_speex_echo_state_destroy(SpeexEchoState *library);
+
+SpeexEchoState *__wrap_speex_echo_state_init_mc(int frame, int filter, int mics, int speakers)
+{
+    if (refuse_library) return nullptr;
+    created++;
+    library_arguments[0] = frame;
+    library_arguments[1] = filter;
+    library_arguments[2] = mics;
+    library_arguments[3] = speakers;
+    return __real_speex_echo_state_init_mc(frame, filter, mics, speakers);
+}
+
+int __wrap_speex_echo_ctl(SpeexEchoState *library, int request, void *value)
+{
+    if (request == SPEEX_ECHO_SET_SAMPLING_RATE) sampling_rate = *static_cast<int *>(value);
+    return __real_speex_echo_ctl(library, request, value);
+}
+
+void __wrap_speex_echo_state_reset(SpeexEchoState *library)
+{
+    resets++;
+    __real_speex_echo_state_reset(library);
+}
+
+void __wrap_speex_echo_state_destroy(SpeexEchoState *library)
+{
+    destroyed++;
+    __real_speex_echo_state_destroy(library);
+}
+}
+
+// An instance with its frames. Guard samples behind both outputs.
+struct Bound {
+    Bound(int32_t sample_rate, int32_t mics_, int32_t speakers_)
+        : frame(frame_size(sample_rate)), mics(mics_), speakers(speakers_),
+          instance(
+              canceller::speex_echo_state_init_mc(frame, 2 * frame, mics, speakers, sample_rate)),
+          mic(static_cast<size_t>(frame * mics)), ref(static_cast<size_t>(frame * speakers) + 1)
+    {}
+    ~Bound() { canceller::speex_echo_state_destroy(instance); }
+    Bound(const Bound &) = delete;
+    Bound &operator=(const Bound &) = delete;
+
+    void cancel(int32_t delay_changed = 0)
+    {
+        cleaned.assign(mic.size() + 1, 0x5a5a);
+        echo.assign(mic.size() + 1, 0x5a5a);
+        canceller::speex_fast_echo_cancellation(instance, mic.data(), ref.data(), cleaned.data(),
+                                                echo.data(), delay_changed);
+    }
+
+    // The microphones in the layout of the outputs.
+    Samples interleaved_mic() const
+    {
+        Samples samples;
+        for (int32_t i = 0; i < frame; i++)
+            for (int32_t m = 0; m < mics; m++)
+                samples.push_back(mic[static_cast<size_t>(m * frame + i)]);
+        return samples;
+    }
+
+    int32_t frame, mics, speakers;
+    canceller::Instance *instance;
+    Samples mic, ref, cleaned, echo;
+};
+
+class Canceller : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        created = destroyed = resets = sampling_rate = 0;
+        refuse_library = false;
+        heap::refuse_after = -1;
+    }
+};
+
+static void expect_pass_through(Bound &bound)
+{
+    Noise noise(5);
+    bound.mic = noise.frame(bound.frame * bound.mics, 20000.0);
+    bound.cancel(1);
+    Samples expected = bound.interleaved_mic();
+    expected.push_back(0x5a5a);
+    EXPECT_EQ(bound.cleaned, expected);
+    Samples silent(bound.mic.size(), 0);
+    silent.push_back(0x5a5a);
+    EXPECT_EQ(bound.echo, silent);
+}
+
+// Left untold the library takes 8000 Hz for the rate; below the true rate its
+// high-pass eats into speech.
+TEST_F(Canceller, TellsTheLibraryItsGeometryAndAtLeastItsRate)
+{
+    for (const int32_t rate : RATES)
+        for (const auto &[mics, speakers] : {std::pair{1, 1}, {2, 1}, {1, 3}, {2, 2}}) {
+            const Bound bound(rate, mics, speakers);
+            EXPECT_GE(sampling_rate, rate);
+            EXPECT_EQ(bound.frame % library_arguments[0], 0) << "a frame is whole blocks";
+            EXPECT_EQ(library_arguments[1], 2 * bound.frame);
+            EXPECT_EQ(library_arguments[2], mics);
+            EXPECT_EQ(library_arguments[3], speakers);
+        }
+}
+
+TEST_F(Canceller, RemovesAnEchoFromEachMicrophoneAndKeepsTheLayouts)
+{
+    for (const int32_t rate : RATES) {
+        Bound bound(rate, 2, 2);
+        Speech left(rate, 1), right(rate, 2);
+        EchoPath near_path(20), far_path(90);
+        double heard[2] = {}, left_over[2] = {};
+        const int32_t frames = 3000 / 16; // 3 s, of which the last is measured
+        for (int32_t frame = 0; frame < frames; frame++) {
+            for (int32_t i = 0; i < bound.frame; i++) {
+                const size_t at = static_cast<size_t>(i), block = static_cast<size_t>(bound.frame);
+                bound.ref[at] = to_sample(left.next());
+                bound.ref[block + at] = to_sample(right.next());
+                // The first microphone hears the left loudspeaker, the second the right.
+                bound.mic[at] = to_sample(near_path.next(bound.ref[at]));
+                bound.mic[block + at] = to_sample(far_path.next(bound.ref[block + at]));
+            }
+            bound.cancel();
+            const Samples mic = bound.interleaved_mic();
+            for (size_t i = 0; frame >= frames * 2 / 3 && i < mic.size(); i++) {
+                heard[i % 2] += double{1} * mic[i] * mic[i];
+                left_over[i % 2] += double{1} * bound.cleaned[i] * bound.cleaned[i];
+            }
+        }
+        // A layout mixed up by one channel or sample removes nothing. A delta echo
+        // comes out some 25 dB or more.
+        for (const int m : {0, 1})
+            EXPECT_GT(10.0 * std::log10(heard[m] / left_over[m]), 15.0) << rate << " " << m;
+    }
+}
+
+TEST_F(Canceller, GivesMicrophoneMinusCleanedAsTheEcho)
+{
+    Bound bound(16000, 2, 1);
+    Noise noise(3);
+    for (int32_t frame = 0; frame < 50; frame++) {
+        bound.ref = noise.frame(bound.frame, 8000.0);
+        bound.mic = bound.ref;
+        const Samples second = noise.frame(bound.frame, 32767.0);
+        bound.mic.insert(bound.mic.end(), second.begin(), second.end());
+        bound.cancel();
+        const Samples mic = bound.interleaved_mic();
+        for (size_t i = 0; i < mic.size(); i++)
+            ASSERT_EQ(bound.echo[i], to_sample(double{1} * mic[i] - bound.cleaned[i]));
+    }
+}
+
+TEST_F(Canceller, WritesBothOutputsInFullAndNothingBehindThem)
+{
+    for (const int32_t rate : RATES)
+        for (const int32_t mics : {1, 2}) {
+            Bound bound(rate, mics, 1);
+            bound.cancel(); // silence in: every sample written is 0
+            Samples expected(bound.mic.size(), 0);
+            expected.push_back(0x5a5a);
+            EXPECT_EQ(bound.cleaned, expected);
+            EXPECT_EQ(bound.echo, expected);
+        }
+}
+
+TEST_F(Canceller, LeavesItsInputsAsTheyAre)
+{
+    Bound bound(16000, 2, 2);
+    Noise noise(9);
+    bound.mic = noise.frame(2 * bound.frame, 9000.0);
+    bound.ref = noise.frame(2 * bound.frame, 9000.0);
+    const Samples mic = bound.mic, ref = bound.ref;
+    for (const int32_t delay_changed : {0, 1, 0}) {
+        bound.cancel(delay_changed);
+        EXPECT_EQ(bound.mic, mic);
+        EXPECT_EQ(bound.ref, ref);
+    }
+}
+
+TEST_F(Canceller, GivesTheSameOutputForTheSameInput)
+{
+    Samples outputs[2];
+    for (Samples &output : outputs) {
+        Bound bound(16000, 1, 1);
+        Speech speech(16000, 4);
+        for (int32_t frame = 0; frame < 60; frame++) {
+            for (size_t i = 0; i < 256; i++)
+                bound.mic[i] = bound.ref[i] = to_sample(speech.next());
+            bound.cancel(frame == 30 ? 1 : 0);
+            output.insert(output.end(), bound.cleaned.begin(), bound.cleaned.end());
+        }
+    }
+    EXPECT_EQ(outputs[0], outputs[1]);
+}
+
+TEST_F(Canceller, StartsAnewOnlyWhenTheReferenceWasMoved)
+{
+    Bound bound(16000, 1, 1);
+    for (const int32_t delay_changed : {0, 1, 0, 0, 1})
+        bound.cancel(delay_changed);
+    EXPECT_EQ(resets, 2);
+}
+
+TEST_F(Canceller, PassesTheMicrophonesThroughWithoutAReference)
+{
+    for (const int32_t speakers : {0, -1}) {
+        Bound bound(16000, 2, 0);
+        bound.instance = canceller::speex_echo_state_destroy(bound.instance);
+        bound.instance = canceller::speex_echo_state_init_mc(256, 512, 2, speakers, 16000);
+        expect_pass_through(bound);
+    }
+    EXPECT_EQ(created, 0) << "the library has no use for an instance without speakers";
+}
+
+TEST_F(Canceller, PassesTheMicrophonesThroughWhenTheLibraryRefuses)
+{
+    refuse_library = true;
+    Bound bound(8000, 2, 1);
+    expect_pass_through(bound);
+}
+
+TEST_F(Canceller, PassesTheMicrophonesThroughWithoutMemoryForItsBlocks)
+{
+    for (const int first_refused : {1, 2}) {
+        heap::refuse_after = first_refused;
+        Bound bound(8000, 1, 1);
+        heap::refuse_after = -1;
+        ASSERT_NE(bound.instance, nullptr);
+        expect_pass_through(bound);
+    }
+}
+
+TEST_F(Canceller, ReturnsNullWithoutMemoryForItself)
+{
+    heap::refuse_after = 0;
+    canceller::Instance *instance = canceller::speex_echo_state_init_mc(128, 256, 1, 1, 8000);
+    heap::refuse_after = -1;
+    EXPECT_EQ(instance, nullptr);
+}
+
+TEST_F(Canceller, AcceptsANullInstanceEverywhere)
+{
+    int16_t mic[128] = {}, ref[128] = {}, cleaned[128] = {}, echo[128] = {};
+    canceller::speex_fast_echo_cancellation(nullptr, mic, ref, cleaned, echo, 0);
+    EXPECT_EQ(canceller::speex_echo_state_destroy(nullptr), nullptr);
+}
+
+TEST_F(Canceller, ReleasesTheLibraryAndItsBlocksOnce)
+{
+    heap::live.clear();
+    {
+        const heap::Noting noting;
+        canceller::Instance *instance = canceller::speex_echo_state_init_mc(128, 256, 2, 2, 8000);
+        EXPECT_FALSE(heap::live.empty());
+        EXPECT_EQ(canceller::speex_echo_state_destroy(instance), nullptr);
+    }
+    EXPECT_TRUE(heap::live.empty());
+    EXPECT_EQ(created, 1);
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST_F(Canceller, LeavesDenormalNumbersToTheCaller)
+{
+    Bound bound(16000, 1, 1);
+    bound.cancel();
+    volatile float small = 1e-38f;
+    EXPECT_NE(small * 0.01f, 0.0f) << "denormals were flushed after the call";
+}

@@ -1,0 +1,44 @@
+/* The public headers as C99, and the order of the parameter block's words. */
+#include "nax_aec.h"
+#include "nax_aec_dump.h"
+
+#include <stddef.h>
+#include <stdio.h>
+
+#define EXPECT(condition)                                                                          \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            fprintf(stderr, "header_test: %s does not hold\n", #condition);                        \
+            failures++;                                                                            \
+        }                                                                                          \
+    } while (0)
+
+int main(void)
+{
+    int failures = 0;
+    nax_aec_state *(*init)(int32_t, int32_t, int32_t, int32_t, const nax_aec_param *) =
+        nax_aec_state_init;
+    void (*report)(int32_t, int32_t, const nax_aec_param *) = nax_aec_param_printf;
+    void (*destroy)(nax_aec_state *) = nax_aec_state_destroy;
+    int32_t (*process)(nax_aec_state *, const int16_t *, int16_t *, int16_t *, int32_t) =
+        nax_aec_short;
+    int32_t (*bytes)(nax_aec_state *, uint8_t **, int16_t *, int16_t *, int32_t, uint32_t) =
+        nax_aec_byte;
+    EXPECT(init && report && destroy && process && bytes);
+
+    EXPECT(offsetof(nax_aec_param, pos) == 0);
+    EXPECT(offsetof(nax_aec_param, drop_channel) == 4);
+    EXPECT(offsetof(nax_aec_param, model_aec_en) == 8);
+    EXPECT(offsetof(nax_aec_param, delay_len) == 12);
+    EXPECT(offsetof(nax_aec_param, look_ahead) == 16);
+    /* The sixth word is as wide as a pointer, and aligned as one. */
+    EXPECT(offsetof(nax_aec_param, array_list) == (sizeof(void *) == 4 ? 20 : 24));
+    EXPECT(sizeof(nax_aec_param) == (sizeof(void *) == 4 ? 24 : 32));
+
+    EXPECT(NAX_AEC_LITTLE_ENDIAN == 0 && NAX_AEC_BIG_ENDIAN == 1);
+    EXPECT(NAX_AEC_DELAY_ESTIMATION == 1 && NAX_AEC_REMAP == 2);
+
+    /* The library's own variables, not copies of them. */
+    EXPECT(aec_out == NULL && echo_out == NULL);
+    return failures != 0;
+}
