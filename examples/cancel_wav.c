@@ -1,0 +1,443 @@
+/*
+ * cancel_wav: cancels the echo in WAV files with nax_aec.
+ *
+ * It uses the public interface only and works through its files frame by frame,
+ * so that their length does not matter. Both ways of giving the input end in the
+ * same interleaved bytes for nax_aec_byte: a microphone file and a reference
+ * file become "microphones first", and one multi-channel file is passed as it is.
+ *
+ * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
+ */
+#define _POSIX_C_SOURCE 200809L /* stat, isatty, clock_gettime */
+
+#include "cancel_wav_options.h"
+
+#include "nax_aec.h"
+#include "nax_aec_dump.h"
+
+#include <errno.h>
+#include <math.h>
+#include <sndfile.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+enum { HOST_ORDER = 2 }; /* for nax_aec_byte: libsndfile gives samples in the host's order */
+enum { MAX_LISTED_CHANGES = 32, MAX_FILES = 8, PATH_ROOM = 4096 };
+
+/* A reference frame above -60 dB of full scale (mean square, samples squared)
+ * counts as active: room noise in a recorded reference stays below it. */
+static const double ACTIVE_MEAN_SQUARE = 32.768 * 32.768;
+
+struct source {
+    SNDFILE *file[2];
+    size_t width[2]; /* channels of each file */
+    int files;
+    int rate, frame;                   /* Hz; samples of a channel in 16 ms */
+    size_t mics, refs, kept, channels; /* kept: references not dropped; channels: mics + refs */
+    sf_count_t length, position;       /* sample instants in all, and read so far */
+    int16_t *scratch;                  /* one frame of one file */
+};
+
+struct sinks {
+    SNDFILE *cleaned, *echo, *refs;
+    FILE *delays;
+    char aec_path[PATH_ROOM], echo_path[PATH_ROOM];
+    int16_t *scratch; /* one frame of one file */
+};
+
+struct change {
+    double time_s;
+    int delay;
+};
+
+struct report {
+    long frames, active_frames, changes;
+    struct change change[MAX_LISTED_CHANGES];
+    double mic_energy[2], cleaned_energy[2]; /* of active frames in each half of the file */
+    double library_s;
+};
+
+/* libsndfile's reason without its "System error : " and its full stop. */
+__attribute__((noreturn)) static void fail_sndfile(const char *path, SNDFILE *file)
+{
+    const char *reason = sf_strerror(file);
+    const char *colon = strstr(reason, " : ");
+    reason = colon ? colon + 3 : reason;
+    fail(STATUS_FILE, path, "%.*s", (int)strcspn(reason, ".\n"), reason);
+}
+
+static int16_t *allocate(size_t samples)
+{
+    int16_t *memory = calloc(samples, sizeof *memory);
+    if (!memory) fail(STATUS_FILE, "memory", "cannot get room for %zu samples", samples);
+    return memory;
+}
+
+/* ---- input ------------------------------------------------------------------- */
+
+/* Refuses a regular file that is already in use, so that no output overwrites an
+ * input or another output. */
+static void claim(const char *path, bool is_output)
+{
+    static struct stat used[MAX_FILES];
+    static int used_count;
+    struct stat now;
+    if (stat(path, &now) != 0 || !S_ISREG(now.st_mode)) return;
+    for (int i = 0; is_output && i < used_count; i++)
+        if (used[i].st_dev == now.st_dev && used[i].st_ino == now.st_ino)
+            fail(STATUS_USAGE, path, "is already an input or another output");
+    if (used_count < MAX_FILES) used[used_count++] = now;
+}
+
+static SNDFILE *open_wav(const char *path, SF_INFO *info)
+{
+    memset(info, 0, sizeof *info);
+    SNDFILE *file = sf_open(path, SFM_READ, info);
+    if (!file) fail_sndfile(path, NULL);
+    const int container = info->format & SF_FORMAT_TYPEMASK;
+    if (container != SF_FORMAT_WAV && container != SF_FORMAT_WAVEX)
+        fail(STATUS_FILE, path, "is not a WAV file");
+    if ((info->format & SF_FORMAT_SUBMASK) != SF_FORMAT_PCM_16)
+        fail(STATUS_FILE, path, "is not 16-bit PCM, the only sample format accepted");
+    if (info->samplerate != 8000 && info->samplerate != 16000 && info->samplerate != 32000 &&
+        info->samplerate != 48000)
+        fail(STATUS_FILE, path, "has %d Hz, not 8000, 16000, 32000 or 48000 Hz", info->samplerate);
+    if (info->frames == 0) fail(STATUS_FILE, path, "holds no samples");
+    claim(path, false);
+    return file;
+}
+
+/* The shorter of two files counts; more than a second apart they are taken for
+ * files that do not belong together. */
+static sf_count_t common_length(const struct options *options, const SF_INFO *info)
+{
+    const sf_count_t extra = info[1].frames - info[0].frames;
+    const double apart_s = fabs((double)extra) / info[0].samplerate;
+    if (apart_s > 1.0)
+        fail(STATUS_FILE, options->in[1], "is %.3f s %s than %s, more than 1 s apart", apart_s,
+             extra > 0 ? "longer" : "shorter", options->in[0]);
+    if (extra != 0 && !options->quiet)
+        fprintf(stderr, "cancel_wav: %s: is %.3f s %s than %s, the shorter length counts\n",
+                options->in[1], apart_s, extra > 0 ? "longer" : "shorter", options->in[0]);
+    return extra < 0 ? info[1].frames : info[0].frames;
+}
+
+static void lay_out_channels(struct source *source, const struct options *options)
+{
+    const int all = (int)(source->width[0] + source->width[1]);
+    const int mics = source->files == 2 ? (int)source->width[0] : options->mics;
+    const int refs = all - mics;
+    if (mics > MAX_MICS)
+        fail(STATUS_FILE, options->in[0], "has %d channels, not 1 or 2 microphones", mics);
+    if (refs < 1)
+        fail(STATUS_FILE, options->in[0],
+             "has %d channel(s), too few for %d microphone(s) and a reference", all, mics);
+    if (options->drop > refs)
+        fail(STATUS_USAGE, "--drop", "%d is more than the %d reference(s) of %s", options->drop,
+             refs, options->in[source->files - 1]);
+    if (options->drop == refs && options->refs)
+        fail(STATUS_USAGE, "--refs", "--drop %d leaves no reference to write", options->drop);
+    if (options->remap_count > 0 && options->remap_count != mics)
+        fail(STATUS_USAGE, "--remap", "names %d channel(s) for the %d microphone(s) of %s",
+             options->remap_count, mics, options->in[0]);
+    for (int m = 0; m < options->remap_count; m++)
+        if (options->remap[m] >= all)
+            fail(STATUS_USAGE, "--remap", "channel %d is outside the input's channels, 0 to %d",
+                 options->remap[m], all - 1);
+    source->mics = (size_t)mics;
+    source->refs = (size_t)refs;
+    source->kept = (size_t)(refs - options->drop);
+    source->channels = (size_t)all;
+}
+
+static struct source open_source(const struct options *options)
+{
+    struct source source = {.files = options->in_count};
+    SF_INFO info[2];
+    for (int i = 0; i < source.files; i++) {
+        source.file[i] = open_wav(options->in[i], &info[i]);
+        source.width[i] = (size_t)info[i].channels;
+    }
+    if (source.files == 2 && info[1].samplerate != info[0].samplerate)
+        fail(STATUS_FILE, options->in[1], "has %d Hz, but %s has %d Hz", info[1].samplerate,
+             options->in[0], info[0].samplerate);
+    lay_out_channels(&source, options);
+    source.rate = info[0].samplerate;
+    source.frame = source.rate * 2 / 125; /* 16 ms */
+    source.length = source.files == 2 ? common_length(options, info) : info[0].frames;
+    source.scratch = allocate((size_t)source.frame * source.channels);
+    return source;
+}
+
+/* Copies width neighbouring channels of count sample instants between interleaved
+ * buffers of to_stride and from_stride channels. */
+static void copy_channels(int16_t *to, size_t to_stride, const int16_t *from, size_t from_stride,
+                          size_t width, int count)
+{
+    for (int t = 0; t < count; t++, to += to_stride, from += from_stride)
+        memcpy(to, from, width * sizeof *to);
+}
+
+/* Reads the next frame of every file into one interleaved frame, padded with
+ * zeros at the end. Returns the sample instants read, 0 at the end. */
+static int read_frame(struct source *source, const struct options *options, int16_t *audio)
+{
+    const sf_count_t left = source->length - source->position;
+    const int count = left < source->frame ? (int)left : source->frame;
+    memset(audio, 0, (size_t)source->frame * source->channels * sizeof *audio);
+    for (int i = 0; i < source->files; audio += source->width[i++]) {
+        if (sf_readf_short(source->file[i], source->scratch, count) != count)
+            fail(STATUS_FILE, options->in[i], "ends before its header says");
+        copy_channels(audio, source->channels, source->scratch, source->width[i], source->width[i],
+                      count);
+    }
+    source->position += count;
+    return count;
+}
+
+/* ---- output ------------------------------------------------------------------ */
+
+/* Returns null for no path. */
+static SNDFILE *create_wav(const char *path, int rate, size_t channels)
+{
+    SF_INFO info = {
+        .samplerate = rate, .channels = (int)channels, .format = SF_FORMAT_WAV | SF_FORMAT_PCM_16};
+    if (!path) return NULL;
+    claim(path, true);
+    SNDFILE *file = sf_open(path, SFM_WRITE, &info);
+    if (!file) fail_sndfile(path, NULL);
+    claim(path, false);
+    return file;
+}
+
+static FILE *create_file(const char *path)
+{
+    claim(path, true);
+    FILE *file = fopen(path, "wb");
+    if (!file) fail(STATUS_FILE, path, "%s", strerror(errno));
+    claim(path, false);
+    return file;
+}
+
+static FILE *create_dump(char *path, const char *prefix, const char *ending)
+{
+    if (snprintf(path, PATH_ROOM, "%s%s", prefix, ending) >= PATH_ROOM)
+        fail(STATUS_USAGE, "--dump", "the name is too long");
+    return create_file(path);
+}
+
+static void open_sinks(struct sinks *sinks, const struct options *options,
+                       const struct source *source)
+{
+    memset(sinks, 0, sizeof *sinks);
+    sinks->cleaned = create_wav(options->out, source->rate, source->mics);
+    sinks->echo = create_wav(options->echo, source->rate, source->mics);
+    sinks->refs = create_wav(options->refs, source->rate, source->kept);
+    if (options->delays) {
+        sinks->delays = create_file(options->delays);
+        fputs("time_s,delay_samples\n", sinks->delays);
+    }
+    if (options->dump) {
+        aec_out = create_dump(sinks->aec_path, options->dump, "_aec.raw");
+        echo_out = create_dump(sinks->echo_path, options->dump, "_echo.raw");
+    }
+    sinks->scratch = allocate((size_t)source->frame * source->channels);
+}
+
+/* Writes width channels of an interleaved buffer of stride channels. */
+static void write_wav(SNDFILE *file, const char *path, int16_t *scratch, const int16_t *audio,
+                      size_t stride, size_t width, int count)
+{
+    if (!file) return;
+    copy_channels(scratch, width, audio, stride, width, count);
+    if (sf_writef_short(file, scratch, count) != count) fail_sndfile(path, file);
+}
+
+static void close_wav(SNDFILE *file, const char *path)
+{
+    if (!file) return;
+    sf_write_sync(file);
+    if (sf_error(file)) fail_sndfile(path, file);
+    if (sf_close(file)) fail(STATUS_FILE, path, "cannot be completed");
+}
+
+static void close_file(FILE *file, const char *path)
+{
+    if (!file) return;
+    const bool failed = ferror(file);
+    if (fclose(file) != 0 || failed) fail(STATUS_FILE, path, "cannot be written");
+}
+
+static void close_sinks(struct sinks *sinks, const struct options *options)
+{
+    close_wav(sinks->cleaned, options->out);
+    close_wav(sinks->echo, options->echo);
+    close_wav(sinks->refs, options->refs);
+    close_file(sinks->delays, options->delays);
+    close_file(aec_out, sinks->aec_path);
+    close_file(echo_out, sinks->echo_path);
+    aec_out = echo_out = NULL;
+    free(sinks->scratch);
+}
+
+/* ---- figures ----------------------------------------------------------------- */
+
+/* Energy of width neighbouring channels of an interleaved buffer of stride channels. */
+static double energy(const int16_t *audio, size_t stride, size_t width, int count)
+{
+    double sum = 0;
+    for (int t = 0; t < count; t++, audio += stride)
+        for (size_t c = 0; c < width; c++)
+            sum += (double)audio[c] * audio[c];
+    return sum;
+}
+
+/* processed: the input as the canceller got it, microphones before kept references. */
+static void note_energy(struct report *report, const struct source *source,
+                        const int16_t *processed, const int16_t *out, int count)
+{
+    const size_t mics = source->mics, stride = mics + source->kept;
+    const double samples = (double)count * (double)source->kept;
+    if (energy(processed + mics, stride, source->kept, count) <= ACTIVE_MEAN_SQUARE * samples)
+        return;
+    const int half = source->position * 2 > source->length;
+    report->active_frames++;
+    report->mic_energy[half] += energy(processed, stride, mics, count);
+    report->cleaned_energy[half] += energy(out, source->channels, mics, count);
+}
+
+static void note_delay(struct report *report, double time_s, int delay)
+{
+    static int last_delay;
+    if (report->frames > 0 && delay == last_delay) return;
+    if (report->changes < MAX_LISTED_CHANGES)
+        report->change[report->changes] = (struct change){time_s, delay};
+    report->changes++;
+    last_delay = delay;
+}
+
+static void print_ratio(const char *title, double mic_energy, double cleaned_energy)
+{
+    if (mic_energy <= 0)
+        printf("%s none to remove", title);
+    else if (cleaned_energy <= 0)
+        printf("%s all", title);
+    else
+        printf("%s %.1f dB", title, 10 * log10(mic_energy / cleaned_energy));
+}
+
+static void print_report(const struct report *report, const struct source *source,
+                         const struct options *options)
+{
+    const double audio_s = (double)source->length / source->rate;
+    const long listed = report->changes < MAX_LISTED_CHANGES ? report->changes : MAX_LISTED_CHANGES;
+    printf("Applied delay%s\n", options->estimate ? "" : " (estimation is off, nothing held back)");
+    for (long i = 0; i < listed; i++)
+        printf("  from %8.3f s: %5d samples, %6.1f ms\n", report->change[i].time_s,
+               report->change[i].delay, 1e3 * report->change[i].delay / source->rate);
+    if (report->changes > listed)
+        printf("  and %ld changes more, see --delays\n", report->changes - listed);
+    print_ratio("Echo removed:", report->mic_energy[0] + report->mic_energy[1],
+                report->cleaned_energy[0] + report->cleaned_energy[1]);
+    print_ratio(", second half:", report->mic_energy[1], report->cleaned_energy[1]);
+    printf("\n  (microphone over cleaned energy in the %ld frames with an active reference, where\n"
+           "  a near-end talker counts in both)\n",
+           report->active_frames);
+    printf("Frames: %ld of %d samples, %.3f s of audio\n", report->frames, source->frame, audio_s);
+    printf("Speed: %.0f times real time\n", audio_s / fmax(report->library_s, 1e-9));
+}
+
+static void show_progress(const struct source *source)
+{
+    static int last_percent = -1;
+    const int percent = (int)(100 * source->position / source->length);
+    if (percent != last_percent)
+        fprintf(stderr, "\rcancel_wav: %3d %%%s", percent, percent == 100 ? "\n" : "");
+    last_percent = percent;
+}
+
+/* ---- the work ---------------------------------------------------------------- */
+
+static nax_aec_state *create_state(const struct options *options, const struct source *source)
+{
+    /* Lives as long as the state, which borrows it. */
+    static int16_t table[MAX_MICS];
+    /* With microphones first and nothing to drop or remap the library has no
+     * selection to dump; a table that changes nothing makes it do one. */
+    const bool by_table =
+        options->remap_count > 0 || (options->dump && options->order == MICS_FIRST);
+    for (int m = 0; m < MAX_MICS; m++)
+        table[m] = options->remap_count > 0 ? options->remap[m] : (int16_t)m;
+    const nax_aec_param param = {
+        .pos = options->order,
+        .drop_channel = options->drop,
+        .model_aec_en =
+            (options->estimate ? NAX_AEC_DELAY_ESTIMATION : 0) | (by_table ? NAX_AEC_REMAP : 0),
+        .delay_len = options->delay,
+        .look_ahead = options->look_ahead,
+        .array_list = table,
+    };
+    nax_aec_state *state =
+        nax_aec_state_init(source->rate, 16, (int32_t)source->mics, (int32_t)source->refs, &param);
+    if (!state) fail(STATUS_FILE, options->in[0], "the library does not accept this format");
+    return state;
+}
+
+static double now_s(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (double)now.tv_sec + 1e-9 * (double)now.tv_nsec;
+}
+
+static void cancel(const struct options *options, struct source *source, struct sinks *sinks,
+                   struct report *report)
+{
+    const size_t mics = source->mics, channels = source->channels;
+    const size_t samples = (size_t)source->frame * channels;
+    const bool progress = !options->quiet && isatty(STDERR_FILENO);
+    int16_t *in = allocate(samples), *out = allocate(samples), *echo = allocate(samples);
+    nax_aec_state *state = create_state(options, source);
+
+    for (int count; (count = read_frame(source, options, in)) > 0; report->frames++) {
+        const double time_s = (double)report->frames * source->frame / source->rate;
+        uint8_t *audio = (uint8_t *)in;
+        const double start_s = now_s();
+        const int delay =
+            nax_aec_byte(state, &audio, out, echo, (int32_t)(samples * sizeof *in), HOST_ORDER);
+        report->library_s += now_s() - start_s;
+
+        write_wav(sinks->cleaned, options->out, sinks->scratch, out, channels, mics, count);
+        write_wav(sinks->echo, options->echo, sinks->scratch, echo, mics, mics, count);
+        write_wav(sinks->refs, options->refs, sinks->scratch, out + mics, channels, source->kept,
+                  count);
+        if (sinks->delays) fprintf(sinks->delays, "%.3f,%d\n", time_s, delay);
+        note_delay(report, time_s, delay);
+        note_energy(report, source, (const int16_t *)(const void *)audio, out, count);
+        if (progress) show_progress(source);
+    }
+    nax_aec_state_destroy(state);
+    free(in);
+    free(out);
+    free(echo);
+}
+
+int main(int argc, char **argv)
+{
+    const struct options options = parse_options(argc, argv);
+    struct source source = open_source(&options);
+    struct sinks sinks;
+    struct report report = {0};
+    open_sinks(&sinks, &options, &source);
+    cancel(&options, &source, &sinks, &report);
+    close_sinks(&sinks, &options);
+    for (int i = 0; i < source.files; i++)
+        sf_close(source.file[i]);
+    free(source.scratch);
+    if (!options.quiet) print_report(&report, &source, &options);
+    return EXIT_SUCCESS;
+}
