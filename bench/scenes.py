@@ -1,0 +1,449 @@
+#!/usr/bin/python3
+"""Synthetic echo scenes from real speech and music in simulated rooms.
+
+Every scene is made from recordings that Debian packages, by seeded random
+numbers, so that it is the same on every machine:
+
+  apt-get install python3-numpy python3-scipy alsa-utils codec2-examples \\
+      pocketsphinx-testdata libspandsp2 asterisk-moh-opsound-g722 \\
+      asterisk-core-sounds-{en,fr,it,ru}-g722
+
+The far end goes through a delay line (steps, drift), a loudspeaker (band-pass,
+perhaps distorting) and a room per microphone (a direct path, some early
+reflections, an exponentially decaying tail). The near-end talker, always another
+person than the far end, goes through a room of its own. Noise is added.
+
+The true delay is the lag, in samples, of the room response's direct path behind
+the reference, bulk delay included: a list of knots (time in s, delay in samples)
+to interpolate linearly, a step being two knots at one time.
+
+An active echo frame is a 16 ms frame of the references that the microphones can
+hear, held back by the true delay, whose level is above -50 dBFS and at most
+30 dB below the references' active level (the mean power of the frames above
+-50 dBFS). Seconds of active far end are counted in such frames.
+"""
+import argparse
+import ctypes
+import functools
+import glob
+import json
+import pathlib
+import sys
+import zlib
+from dataclasses import dataclass, field
+
+import numpy as np
+from scipy import ndimage, signal
+from scipy.io import wavfile
+
+LINE = 12288                    # samples that a delay line holds
+RATES = (8000, 16000, 32000, 48000)
+FULL_SCALE = 32768.0
+ACTIVE_NOTE = "16 ms frames of heard references at the true delay, over -50 dBFS, within 30 dB of active level"
+
+ASTERISK = "/usr/share/asterisk/"
+SOURCES = {                     # name: (files, rate in Hz of raw files)
+    "allison": (ASTERISK + "sounds/en_US_f_Allison/demo-[ci]*.g722", None),
+    "june": (ASTERISK + "sounds/fr_CA_f_June/demo-[ci]*.g722", None),
+    "carlo": (ASTERISK + "sounds/it_IT_m_Carlo/demo-[ci]*.g722", None),
+    "ivr": (ASTERISK + "sounds/ru_RU_f_IvrvoiceRU/demo-[ci]*.g722", None),
+    "reader": ("/usr/share/pocketsphinx/test/data/librivox/*.wav", None),
+    "radio": ("/usr/share/codec2/raw/ve9qrp.raw", 8000),
+    "names": ("/usr/share/sounds/alsa/[FRS]*_*.wav", None),
+    "coffee": (ASTERISK + "moh/manolo_camp-morning_coffee.g722", None),
+    "cold": (ASTERISK + "moh/macroform-cold_day.g722", None),
+    "simple": (ASTERISK + "moh/macroform-the_simplicity.g722", None),
+    "robot": (ASTERISK + "moh/macroform-robot_dity.g722", None),
+    "reno": (ASTERISK + "moh/reno_project-system.g722", None),
+}
+TALKERS = ("allison", "carlo", "june", "ivr")
+
+
+def frame_size(rate):
+    """Samples in a 16 ms frame."""
+    return rate * 16 // 1000
+
+
+def decode_g722(path):
+    """A G.722 file as int16 at 16 kHz (n)."""
+    spandsp = ctypes.CDLL("libspandsp.so.2")
+    spandsp.g722_decode_init.restype = ctypes.c_void_p
+    data = pathlib.Path(path).read_bytes()[:400000]
+    samples = np.zeros(2 * len(data), np.int16)
+    decoder = ctypes.c_void_p(spandsp.g722_decode_init(None, 64000, 0))
+    n = spandsp.g722_decode(decoder, samples.ctypes.data_as(ctypes.c_void_p), data, len(data))
+    spandsp.g722_decode_free(decoder)
+    return samples[:n]
+
+
+@functools.lru_cache(maxsize=None)
+def source(name, rate):
+    """All recordings of one talker or piece, joined, at rate (n), active level -20 dBFS."""
+    pattern, raw_rate = SOURCES[name]
+    if not (paths := sorted(glob.glob(pattern))):
+        sys.exit(f"scenes.py: no file {pattern}; the packages needed:\n{__doc__.split(chr(10) * 2)[2]}")
+    parts = []
+    for path in paths:
+        if path.endswith(".g722"):
+            own_rate, samples = 16000, decode_g722(path)
+        elif path.endswith(".raw"):
+            own_rate, samples = raw_rate, np.fromfile(path, "<i2")
+        else:
+            own_rate, samples = wavfile.read(path)
+        parts.append(samples.astype(np.float64))
+    x = np.concatenate(parts)
+    x = signal.resample_poly(x, rate, own_rate)
+    x = signal.sosfilt(signal.butter(2, 40, "high", fs=rate, output="sos"), x)
+    return x * 0.1 / active_rms(x, rate)
+
+
+def excerpt(name, rate, samples, rng):
+    """A stretch of a source or of a synthetic signal (samples)."""
+    time = np.arange(samples) / rate
+    if name == "silence":
+        return np.zeros(samples)
+    if name == "chord":         # A minor, each note with three harmonics
+        x = sum(np.sin(2 * np.pi * f * h * time + rng.uniform(0, 6)) / h
+                for f in (220, 261.63, 329.63) for h in (1, 2, 3))
+    elif name == "chords":      # another chord each second
+        roots = rng.choice([196, 220, 246.94, 261.63, 293.66, 329.63], int(time[-1]) + 1)
+        root = np.repeat(roots, rate)[:samples]
+        x = sum(np.sin(2 * np.pi * np.cumsum(root * ratio) / rate) for ratio in (1, 1.26, 1.498))
+    elif name == "sine_steps":  # one pure tone, another frequency each half second
+        tones = np.repeat(rng.uniform(250, 3000, 2 * int(time[-1]) + 2), rate // 2)[:samples]
+        x = np.sin(2 * np.pi * np.cumsum(tones) / rate)
+    else:
+        x = source(name, rate)
+        start = rng.integers(0, max(1, len(x) - samples))
+        return np.resize(np.roll(x, -start), samples)
+    return x * 0.1 / np.sqrt(np.mean(x * x))
+
+
+def frame_powers(x, frame):
+    """Mean power of each whole frame of x (n or n x channels, summed) -> (frames)."""
+    power = x * x if x.ndim == 1 else (x * x).sum(axis=1)
+    return power[:len(power) // frame * frame].reshape(-1, frame).mean(axis=1)
+
+
+def active_rms(x, rate):
+    """Root mean square over the frames within 30 dB of the loudest."""
+    powers = frame_powers(x, frame_size(rate))
+    return np.sqrt(powers[powers >= powers.max() * 1e-3].mean()) if powers.any() else 1.0
+
+
+def delay_at(knots, time):
+    """True delay in samples at time in s; on a step the new value."""
+    times, delays = zip(*knots)
+    return np.interp(time, times, delays)
+
+
+def held_back(x, delays):
+    """x (n or n x channels) read delays (n, samples, perhaps fractional) earlier."""
+    wanted = np.arange(len(delays)) - delays
+    if np.all(wanted == np.round(wanted)):
+        index = wanted.astype(int)
+        inside = (index >= 0) & (index < len(x))
+        return (x[np.clip(index, 0, len(x) - 1)].T * inside).T
+    if x.ndim == 2:
+        return np.stack([held_back(channel, delays) for channel in x.T], axis=1)
+    finer = signal.resample_poly(x, 2, 1)
+    return ndimage.map_coordinates(finer, [2 * wanted], order=5, mode="constant")
+
+
+def active_frames(references, knots, rate, heard):
+    """Which frames are active echo frames (see the top). references n x R, full scale 1."""
+    frame = frame_size(rate)
+    delays = np.round(delay_at(knots or [(0, 0)], np.arange(len(references)) / rate))
+    powers = frame_powers(held_back(references[:, list(heard)], delays), frame)
+    floor = 1e-5
+    active_level = powers[powers > floor].mean() if np.any(powers > floor) else 0.0
+    return (powers > floor) & (powers > active_level * 1e-3)
+
+
+@dataclass
+class Scene:
+    name: str
+    category: str
+    rate: int
+    microphones: np.ndarray     # n x M, full scale 1
+    references: np.ndarray      # n x R
+    near: np.ndarray            # n x M, the talker as the microphones hear him, or None
+    echo: np.ndarray            # n x M, or None
+    knots: list                 # true delay: (s, samples); None where there is no echo
+    audible: bool               # is there an echo to hear
+    heard: tuple                # the references whose echo the microphones hear
+    far_only: list              # spans (s, s) without near-end talker
+    params: dict = field(default_factory=dict)  # delay_len, look_ahead, drop_channel, if not 0
+
+    def truth(self):
+        """The record for truth.json."""
+        active = active_frames(self.references, self.knots, self.rate, self.heard)
+        return dict(name=self.name, category=self.category, rate=self.rate,
+                    mics=self.microphones.shape[1], refs=self.references.shape[1],
+                    seconds=round(len(self.references) / self.rate, 3),
+                    knots=self.knots, audible=self.audible, heard=list(self.heard),
+                    far_only=self.far_only, near=self.near is not None, params=self.params,
+                    far_active_s=round(0.016 * int(active.sum()), 3), far_active_note=ACTIVE_NOTE)
+
+
+def room_response(rng, rate, rt60, direct_db):
+    """Room response (n): the direct path at 0, direct_db above all reflections together."""
+    n = int(rt60 * rate)
+    time = np.arange(n) / rate
+    tail = rng.standard_normal(n) * np.exp(-6.9 * time / rt60) * (time > 0.003)
+    tail *= np.minimum(1, time / 0.01)
+    tail /= np.sqrt((tail * tail).sum())
+    for arrival in rng.uniform(0.0007, 0.015, 6):
+        tail[int(arrival * rate)] += rng.choice([-1, 1]) * 0.5 * np.exp(-arrival / 0.012)
+    tail *= 10 ** (-direct_db / 20) / np.sqrt((tail * tail).sum())
+    tail[0] = 1.0
+    return tail
+
+
+def loudspeaker(x, rate, kind):
+    """x (n) as a small loudspeaker plays it: plain, clip (distorts) or thin (no bass)."""
+    if kind == "clip":
+        limit = 1.5 * active_rms(x, rate)
+        x = limit * np.tanh(x / limit)
+    order, corner = (4, 500) if kind == "thin" else (2, 150)
+    x = signal.sosfilt(signal.butter(order, corner, "high", fs=rate, output="sos"), x)
+    return signal.sosfilt(signal.butter(2, min(7000, 0.42 * rate), fs=rate, output="sos"), x)
+
+
+def gain_curve(steps, samples, rate):
+    """Gain (samples) from steps [(s, dB)]."""
+    curve = np.ones(samples)
+    for time, level_db in steps:
+        curve[int(time * rate):] = 10 ** (level_db / 20)
+    return curve
+
+
+def noise_like(kind, samples, rate, rng):
+    """Noise (samples) of power 1: white, pink (falling 3 dB an octave) or rumble (6 dB)."""
+    spectrum = np.fft.rfft(rng.standard_normal(samples))
+    frequency = np.maximum(np.fft.rfftfreq(samples, 1 / rate), 20)
+    spectrum *= frequency ** {"white": 0, "pink": -0.5, "rumble": -1.0}[kind]
+    x = np.fft.irfft(spectrum, samples)
+    return x / np.sqrt(np.mean(x * x))
+
+
+def build(name, category, rate=16000, seconds=20, far=None, near=None, near_spans=None, near_db=0.0,
+          delay=None, delay_ms=80.0, steps=(), drift_ppm=0.0, mics=1, refs=1, heard=(0,),
+          stereo=False, echo_db=None, rt60=None, direct_db=None, floor_db=-65.0, snr_db=None,
+          noise="white", speaker="plain", echo_gains=(), far_gains=(), far_pauses=(), far_start=0.0,
+          drops_ms=(), audible=True, params=None):
+    """One Scene. near_db and snr_db count from the echo's active level; steps are
+    (s, ms), drops_ms (s, ms of microphone lost), pauses and spans (s, s)."""
+    rng = np.random.default_rng(zlib.crc32(name.encode()))
+    drops = [(int(t * rate), int(ms * rate / 1000)) for t, ms in drops_ms]
+    n = seconds * rate + sum(lost for _, lost in drops)
+    far = far or TALKERS[rng.integers(len(TALKERS))]
+    fars = (far,) if isinstance(far, str) else far
+    references = np.zeros((n, refs))
+    for channel in range(refs):
+        references[:, channel] = excerpt(fars[channel % len(fars)], rate, n, rng)
+    if stereo:                  # two sources, each louder on its own side
+        references = references @ np.array([[1.0, 0.4], [0.35, 1.0]]) / 1.2
+    references *= gain_curve(far_gains, n, rate)[:, None] * 10 ** (rng.uniform(-3, 3) / 20)
+    for start, end in list(far_pauses) + [(0, far_start)]:
+        references[int(start * rate):int(end * rate)] = 0
+
+    delay = int(round(delay_ms * rate / 1000)) if delay is None else delay
+    knots, value = [(0.0, delay)], delay
+    for time, ms in steps:
+        knots += [(time, value), (time, value + int(ms * rate / 1000))]
+        value = knots[-1][1]
+    knots.append((n / rate, value + drift_ppm * 1e-6 * n))
+    played = held_back(references, delay_at(knots, np.arange(n) / rate))
+
+    echo, lags = np.zeros((n, mics)), []
+    for m in range(mics):
+        for r in heard:
+            response = room_response(rng, rate, rt60 or rng.uniform(0.1, 0.4),
+                                     rng.uniform(3, 12) if direct_db is None else direct_db)
+            lag = (m + (r != heard[0])) * int(0.0001 * rate)
+            sound = loudspeaker(played[:, r], rate, speaker)
+            echo[lag:, m] += signal.fftconvolve(sound, response)[:n - lag]
+    echo_level = rng.uniform(-28, -18) if echo_db is None else echo_db
+    target = 10 ** (echo_level / 20)
+    echo *= target / active_rms(echo[:, 0], rate) * gain_curve(echo_gains, n, rate)[:, None]
+    if not audible:
+        echo[:] = 0
+
+    near_sound, far_only = np.zeros((n, mics)), [(0.0, float(seconds))]
+    if near:
+        near_spans = near_spans or [(0.0, float(seconds))]
+        talk = excerpt(near, rate, n, rng)
+        mask = np.zeros(n)
+        for start, end in near_spans:
+            mask[int(start * rate):int(end * rate)] = 1
+        edges = [0.0, *(t for span in near_spans for t in span), float(seconds)]
+        far_only = [(a, b) for a, b in zip(edges[::2], edges[1::2]) if b > a]
+        for m in range(mics):
+            response = room_response(rng, rate, rng.uniform(0.15, 0.35), rng.uniform(0, 6))
+            near_sound[:, m] = signal.fftconvolve(talk * mask, response)[:n]
+        near_sound *= target * 10 ** (near_db / 20) / active_rms(near_sound[:, 0], rate)
+
+    floor = 10 ** (floor_db / 20) if floor_db is not None else 0.0
+    microphones = echo + near_sound
+    for m in range(mics):
+        microphones[:, m] += floor * noise_like("pink", n, rate, rng)
+        if snr_db is not None:
+            microphones[:, m] += target * 10 ** (-snr_db / 20) * noise_like(noise, n, rate, rng)
+
+    for at, lost in drops:      # later microphone samples move up: the echo comes earlier
+        microphones, echo, near_sound = (np.delete(x, np.s_[at:at + lost], axis=0)
+                                         for x in (microphones, echo, near_sound))
+        time, value = at / rate, knots[-1][1]
+        knots[-1:] = [(time, value), (time, value - lost), (seconds, value - lost)]
+    n = seconds * rate
+    return Scene(name, category, rate, np.clip(microphones[:n], -1, 1), references[:n],
+                 near_sound[:n] if near else None, echo[:n] if audible else None,
+                 [[round(float(t), 6), round(float(d), 3)] for t, d in knots] if audible else None,
+                 audible, tuple(heard), far_only if audible or near else [], params or {})
+
+
+def catalogue():
+    """Name -> arguments of build, in the order of the report."""
+    table = {}
+
+    def add(name, category, **options):
+        table[name] = dict(category=category, **options)
+
+    for rate in RATES:
+        longest = LINE - frame_size(rate)
+        for i, delay in enumerate((0, rate * 7 // 1000 + 1, rate * 45 // 1000 + 5,
+                                   rate * 120 // 1000, longest * 3 // 5, longest)):
+            far = "names" if rate == 48000 and i == 2 else TALKERS[i % 4]
+            add(f"delay_{rate // 1000}k_{delay}", "delay", rate=rate, delay=delay, far=far)
+    add("mics_2", "channels", mics=2, far="june", delay_ms=60)
+    add("mics_2_48k", "channels", rate=48000, mics=2, far="carlo", delay_ms=150)
+    add("refs_2_first_heard", "channels", refs=2, heard=(0,), far=("allison", "carlo"), delay_ms=50)
+    add("refs_2_second_heard", "channels", refs=2, heard=(1,), far=("ivr", "june"), delay_ms=130)
+    add("refs_2_both_heard", "channels", refs=2, heard=(0, 1), far=("june", "carlo"), delay_ms=90)
+    add("refs_2_first_silent", "channels", refs=2, heard=(1,), far=("silence", "carlo"), delay_ms=210)
+    add("refs_2_second_silent", "channels", refs=2, heard=(0,), far=("ivr", "silence"), delay_ms=40)
+    add("refs_2_stereo_mics_2", "channels", refs=2, mics=2, heard=(0, 1), stereo=True,
+        far=("allison", "coffee"), delay_ms=110)
+    add("refs_2_stereo_8k", "channels", rate=8000, refs=2, heard=(0, 1), stereo=True,
+        far=("radio", "ivr"), delay_ms=300)
+    add("refs_2_one_dropped", "channels", refs=2, heard=(0,), far=("allison", "june"), delay_ms=70,
+        params=dict(drop_channel=1))
+
+    for ms, delay_ms in ((20, 60), (-20, 60), (60, 50), (-60, 150), (200, 40), (-200, 300)):
+        add(f"step_{ms:+d}ms", "step", delay_ms=delay_ms, steps=((10, ms),))
+    add("step_+200ms_48k", "step", rate=48000, delay_ms=25, steps=((10, 200),), far="ivr")
+    add("step_-60ms_32k", "step", rate=32000, delay_ms=180, steps=((10, -60),), far="carlo")
+    add("steps_three_up", "step", delay_ms=40, steps=((3, 20), (5, 60), (7, 200)), far="carlo")
+    add("steps_three_down", "step", delay_ms=400, steps=((3, -200), (5, -60), (7, -20)), far="ivr")
+    add("steps_three_both_8k", "step", rate=8000, delay_ms=100, steps=((3, 60), (5, -60), (7, 200)),
+        far="june")
+    add("steps_three_both_48k", "step", rate=48000, delay_ms=100, steps=((3, -60), (5, 20), (7, 100)),
+        far="allison")
+
+    for ppm in (50, -50, 100, -100):
+        add(f"drift_{ppm:+d}ppm", "drift", seconds=60, delay_ms=100.3, drift_ppm=ppm)
+
+    for db in (-10, -5, 0, 5, 10):
+        add(f"double_talk_{db:+d}dB", "double_talk", far="allison", near="carlo", near_db=db,
+            near_spans=[(7, 20)], delay_ms=95, echo_db=-26)
+    for db, far, near in ((-5, "carlo", "june"), (0, "june", "reader"), (5, "ivr", "carlo")):
+        add(f"double_talk_all_along_{db:+d}dB", "double_talk", far=far, near=near, near_db=db,
+            delay_ms=140, echo_db=-26)
+    add("double_talk_48k", "double_talk", rate=48000, far="carlo", near="names", near_spans=[(8, 20)],
+        delay_ms=70, echo_db=-26)
+    add("double_talk_step", "double_talk", far="june", near="carlo", near_db=-3, near_spans=[(6, 20)],
+        delay_ms=60, steps=((11, 60),), echo_db=-26)
+
+    for i, piece in enumerate(("coffee", "cold", "simple", "robot", "reno")):
+        add(f"music_{piece}", "music", far=piece, delay_ms=35 + 40 * i)
+    add("music_near_talker", "music", far="reno", near="allison", near_spans=[(8, 20)], delay_ms=180,
+        echo_db=-26)
+    add("music_8k", "music", rate=8000, far="cold", delay_ms=260)
+    add("music_48k_stereo", "music", rate=48000, refs=2, heard=(0, 1), stereo=True,
+        far=("robot", "coffee"), delay_ms=60)
+    add("tones_chord", "tones", far="chord", delay_ms=90)
+    add("tones_chords", "tones", far="chords", delay_ms=90)
+    add("tones_sine_steps", "tones", far="sine_steps", delay_ms=120)
+
+    add("noise_white_10dB", "noise", far="june", snr_db=10, delay_ms=100)
+    add("noise_pink_10dB", "noise", far="carlo", snr_db=10, noise="pink", delay_ms=55)
+    add("noise_rumble_10dB_48k", "noise", rate=48000, far="allison", snr_db=10, noise="rumble",
+        delay_ms=140)
+    add("noise_white_0dB", "noise", far="ivr", snr_db=0, delay_ms=75)
+
+    add("speaker_distorts", "speaker", far="carlo", speaker="clip", delay_ms=65)
+    add("speaker_distorts_music", "speaker", far="robot", speaker="clip", delay_ms=65)
+    add("speaker_without_bass", "speaker", far="june", speaker="thin", delay_ms=115)
+    add("volume_up_12dB", "volume", far="ivr", echo_db=-30, echo_gains=((10, 12),), delay_ms=85)
+    add("volume_down_12dB", "volume", far="allison", echo_db=-18, echo_gains=((10, -12),), delay_ms=85)
+    add("volume_of_reference", "volume", far="carlo", far_gains=((7, -12), (13, 0)), delay_ms=85)
+
+    add("pause_10s", "pause", seconds=30, far="allison", far_pauses=((8, 18),), delay_ms=105)
+    add("pause_10s_step", "pause", seconds=30, far="june", far_pauses=((8, 18),), delay_ms=105,
+        steps=((13, 60),))
+    add("pause_10s_near_talker", "pause", seconds=30, far="ivr", near="reader",
+        near_spans=[(9, 18)], far_pauses=((8, 18),), delay_ms=105)
+    add("late_start", "late_start", far="carlo", far_start=5, near="june", near_spans=[(0, 5)],
+        delay_ms=160)
+    add("late_start_48k", "late_start", rate=48000, far="allison", far_start=5, near="carlo",
+        near_spans=[(0, 7)], delay_ms=120)
+
+    for ms in (5, 20, 40):
+        add(f"dropped_{ms}ms", "dropped", far="allison", delay_ms=120, drops_ms=((9, ms),))
+
+    add("no_echo_near_only", "no_echo", far="june", near="carlo", audible=False)
+    add("no_echo_near_only_48k", "no_echo", rate=48000, far="carlo", near="names", audible=False)
+    add("no_echo_near_only_mics_2", "no_echo", mics=2, far="ivr", near="allison", audible=False)
+    add("no_echo_noise_only", "no_echo", far="allison", floor_db=-50, audible=False)
+    add("no_echo_music", "no_echo", far="reno", near="june", audible=False)
+    add("no_echo_near_far_silent", "no_echo", far="silence", near="ivr", audible=False)
+    add("silence_digital", "silence", far="silence", audible=False, floor_db=None)
+    add("silence_room", "silence", far="silence", audible=False, floor_db=-55)
+
+    add("base_640", "base", far="ivr", delay=1000, params=dict(delay_len=640))
+    add("base_exact", "base", far="june", delay=1600, params=dict(delay_len=1600))
+    add("base_odd_48k", "base", rate=48000, far="carlo", delay=5000,
+        params=dict(delay_len=1001, look_ahead=768))
+    add("look_ahead_512", "base", far="allison", delay_ms=75, params=dict(look_ahead=512))
+
+    add("demo", "demo", seconds=16, far="allison", near="carlo", near_spans=[(8, 16)], delay_ms=150,
+        echo_db=-22, rt60=0.15, direct_db=9, near_db=0)
+    return table
+
+
+def make(name):
+    """The Scene of that name."""
+    return build(name, **catalogue()[name])
+
+
+def write(scene, folder):
+    """Writes NAME_lpb.wav, NAME_mic.wav and NAME_near.wav (16 bits); returns the truth."""
+    for suffix, audio in (("lpb", scene.references), ("mic", scene.microphones), ("near", scene.near)):
+        if audio is not None:
+            samples = np.clip(np.round(audio * FULL_SCALE), -32768, 32767).astype(np.int16)
+            wavfile.write(folder / f"{scene.name}_{suffix}.wav", scene.rate, samples)
+    return scene.truth()
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Make synthetic echo scenes from real recordings.")
+    parser.add_argument("--out", type=pathlib.Path, help="folder for the WAV files and truth.json")
+    parser.add_argument("--only", nargs="+", metavar="NAME", help="these scenes or categories")
+    parser.add_argument("--list", action="store_true", help="print the names and categories")
+    options = parser.parse_args()
+    table = catalogue()
+    names = [n for n in table if not options.only or {n, table[n]["category"]} & set(options.only)]
+    if not names or not (options.out or options.list):
+        parser.error("no scene of that name" if not names else "--out or --list is needed")
+    if options.list:
+        print("\n".join(f"{name:32s} {table[name]['category']}" for name in names))
+        return
+    options.out.mkdir(parents=True, exist_ok=True)
+    truths = [write(make(name), options.out) for name in names]
+    (options.out / "truth.json").write_text(json.dumps(truths, indent=1) + "\n")
+    print(f"{len(truths)} scenes in {options.out}")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,120 @@
+"""The echo cancellers that bench/quality runs over a case, each on the whole of it.
+
+A case is a dictionary with the audio in whole frames, int16 (mic: n x M microphones,
+lpb: n x R references), rate in Hz, frame (F samples), mics (M), refs (R), kept (K, the
+references that reach the canceller), params (of nax_aec.Canceller) and alone (which
+frames have no near-end talker).
+"""
+import contextlib
+import ctypes
+import functools
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+import numpy as np
+from scipy import linalg, signal
+
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent / "examples" / "python"))
+import nax_aec  # noqa: E402
+
+FULL_SCALE = 32768.0
+
+
+@contextlib.contextmanager
+def captured_messages():
+    """Keeps standard error of C code away; yields a list that gets its text at the end."""
+    messages, saved = [], os.dup(2)
+    with tempfile.TemporaryFile() as sink:
+        os.dup2(sink.fileno(), 2)
+        try:
+            yield messages
+        finally:
+            os.dup2(saved, 2)
+            os.close(saved)
+            sink.seek(0)
+            messages.append(sink.read().decode(errors="replace"))
+
+
+def run_library(case, references, estimation):
+    """The library over the case; returns cleaned (n x M int16), delays (frames), resets."""
+    params = dict(case["params"])
+    if not estimation:
+        params["delay_len"] = 0
+    with captured_messages() as messages:
+        with nax_aec.Canceller(case["rate"], case["mics"], case["refs"],
+                               delay_estimation=estimation, **params) as aec:
+            cleaned, _, _, delays = aec.process_stream(case["mic"], references)
+    return cleaned, delays, messages[0].count("reset")
+
+
+def run_speex(case, references):
+    """libspeexdsp on whole frames with a filter of two; returns cleaned (n x M int16)."""
+    frame, mics = case["frame"], case["mics"]
+    references = np.ascontiguousarray(references[:, :case["kept"]])
+    speex = ctypes.CDLL("libspeexdsp.so.1")
+    speex.speex_echo_state_init_mc.restype = ctypes.c_void_p
+    cleaned = np.zeros_like(case["mic"])
+    with captured_messages():
+        state = ctypes.c_void_p(speex.speex_echo_state_init_mc(frame, 2 * frame, mics, case["kept"]))
+        speex.speex_echo_ctl(state, 24, ctypes.byref(ctypes.c_int(case["rate"])))  # SET_SAMPLING_RATE
+        for start in range(0, len(cleaned), frame):
+            blocks = [ctypes.c_void_p(a[start:].ctypes.data) for a in (case["mic"], references, cleaned)]
+            speex.speex_echo_cancellation(state, *blocks)
+        speex.speex_echo_state_destroy(state)
+    return cleaned
+
+
+def run_best_fixed(case, references):
+    """The least-squares filter of 32 ms over the far-only stretches; returns cleaned (n x M)."""
+    taps, kept = 2 * case["frame"], case["kept"]
+    inside = np.repeat(case["alone"], case["frame"])[:, None]
+    x = references[:, :kept] * inside / FULL_SCALE
+    y = case["mic"] * inside / FULL_SCALE
+    size = 2 ** int(np.ceil(np.log2(len(x) + taps)))
+    spectra, targets = np.fft.rfft(x, size, axis=0), np.fft.rfft(y, size, axis=0)
+
+    def correlation(a, b):
+        return np.fft.irfft(np.conj(a) * b, size)
+
+    def block(i, j):
+        lags = correlation(spectra[:, i], spectra[:, j])
+        return linalg.toeplitz(lags[:taps], np.r_[lags[0], lags[:-taps:-1]])
+
+    matrix = np.block([[block(i, j) for j in range(kept)] for i in range(kept)])
+    matrix[np.diag_indices_from(matrix)] += 1e-6 * matrix.diagonal().max() + 1e-12
+    wanted = np.array([np.concatenate([correlation(spectra[:, i], target)[:taps] for i in range(kept)])
+                       for target in targets.T]).T
+    filters = linalg.solve(matrix, wanted, assume_a="pos")
+    cleaned = case["mic"].astype(float)
+    for m in range(case["mics"]):
+        for k in range(kept):
+            cleaned[:, m] -= signal.fftconvolve(references[:, k],
+                                                filters[k * taps:(k + 1) * taps, m])[:len(cleaned)]
+    return cleaned
+
+
+@functools.lru_cache(maxsize=None)
+def webrtc_library(folder):
+    """webrtc_apm.cpp, compiled into the folder."""
+    source, binary = HERE / "webrtc_apm.cpp", pathlib.Path(folder) / "webrtc_apm.so"
+    if not binary.exists() or binary.stat().st_mtime < source.stat().st_mtime:
+        flags = subprocess.run(["pkg-config", "--cflags", "--libs", "webrtc-audio-processing"],
+                               check=True, capture_output=True, text=True).stdout.split()
+        subprocess.run(["g++", "-O2", "-shared", "-fPIC", "-o", binary, source, *flags], check=True)
+    return ctypes.CDLL(str(binary))
+
+
+def run_webrtc(case, folder):
+    """webrtc-audio-processing on the unaligned references; returns cleaned (n x M int16)."""
+    cleaned = np.zeros_like(case["mic"])
+    references = np.ascontiguousarray(case["lpb"][:, :case["kept"]])
+    webrtc_library(folder).webrtc_apm(case["rate"], len(cleaned), case["mics"], case["kept"],
+                                      *(ctypes.c_void_p(a.ctypes.data)
+                                        for a in (case["mic"], references, cleaned)))
+    size = 2 ** int(np.ceil(np.log2(2 * len(cleaned))))    # its own latency taken out again
+    lags = np.fft.irfft(np.fft.rfft(cleaned[:, 0], size) * np.conj(np.fft.rfft(case["mic"][:, 0], size)))
+    return np.roll(cleaned, -int(lags[:2 * case["frame"]].argmax()), axis=0)
