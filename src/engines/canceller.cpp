@@ -84,7 +84,7 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
     const int32_t frame = block * BLOCKS_PER_FRAME;
     if (!instance->library) {
         interleave(mic_frame, frame, mics, aec_frame, frame);
-        memset(echo_frame, 0, static_cast<size_t>(frame) * mics * sizeof *echo_frame);
+        memset(echo_frame, 0, static_cast<size_t>(frame * mics) * sizeof *echo_frame);
         return;
     }
     // A filter that learnt another alignment is worse than none.
