@@ -1,0 +1,37 @@
+#include "engines/kernels.h"
+
+namespace nax {
+
+void fir_decimate(const int16_t *samples, const int16_t *taps, int32_t tap_count, int32_t step,
+                  float *to, int32_t outputs)
+{
+    for (int32_t j = 0; j < outputs; j++) {
+        const int16_t *from = samples + j * step;
+        int32_t sum = 0;
+        for (int32_t i = 0; i < tap_count; i++)
+            sum += from[i] * taps[i];
+        to[j] = static_cast<float>(sum) * (1.0f / 32768);
+    }
+}
+
+void average_cross(float *__restrict a_re, float *__restrict a_im, const float *__restrict x_re,
+                   const float *__restrict x_im, const float *__restrict y_re,
+                   const float *__restrict y_im, float keep, int32_t count)
+{
+    for (int32_t k = 0; k < count; k++) {
+        a_re[k] = keep * a_re[k] + (x_re[k] * y_re[k] + x_im[k] * y_im[k]);
+        a_im[k] = keep * a_im[k] + (x_re[k] * y_im[k] - x_im[k] * y_re[k]);
+    }
+}
+
+float spectrum_energy(const float *a_re, const float *a_im, int32_t count)
+{
+    // Four sums, because compilers do not reorder a float sum by themselves.
+    float sum[4] = {};
+    for (int32_t k = 0; k < count; k += 4)
+        for (int32_t j = 0; j < 4; j++)
+            sum[j] += a_re[k + j] * a_re[k + j] + a_im[k + j] * a_im[k + j];
+    return (sum[0] + sum[1]) + (sum[2] + sum[3]);
+}
+
+} // namespace nax
