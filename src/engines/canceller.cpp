@@ -2,6 +2,7 @@
 // filter of Soo and Pang (1990) in its alternatively updated variant, with the
 // learning rate of Valin (2007, "On adjusting the learning rate in frequency domain
 // echo cancellation with double-talk") and a foreground and a background filter.
+// docs/experiments.md has the comparisons behind the choices made here.
 #include "engines/canceller.h"
 
 #include "engines/float_mode.h"
@@ -15,9 +16,14 @@
 
 namespace nax::canceller {
 
-// The library runs on blocks shorter than a frame, with the same filter length: it
-// then adapts several times a frame. docs/experiments.md has the comparison.
+// The library runs on quarter frames, with the same filter length: it then adapts four
+// times a frame. At 8000 Hz that would cost half as much again; half frames must do.
 static constexpr int32_t BLOCKS_PER_FRAME = 4;
+static constexpr int32_t MIN_BLOCK = 64; // samples
+
+// More references than any device has; the library computes its sizes in int, and up
+// to here they fit.
+static constexpr int32_t MAX_SPEAKERS = 1024;
 
 // The library picks the corner of its microphone high-pass from the rate that it is
 // told: about 130 Hz at a true 8000 Hz, where it eats near-end speech. Told at least
@@ -25,14 +31,44 @@ static constexpr int32_t BLOCKS_PER_FRAME = 4;
 // rate, make no difference that could be measured.
 static constexpr int32_t LEAST_RATE_TOLD = 24000;
 
+// The library's first steps are as large as the reference's power over the
+// microphone's. With a reference much weaker than the microphone it would hardly
+// learn, so the microphone is then attenuated on the way in and amplified on the way
+// out, by as many bits as bring their ratio below this one.
+static constexpr float WEAK_REF_RATIO = 4; // of powers, 6 dB
+static constexpr int32_t MAX_MIC_SHIFT = 2;
+static constexpr float POWER_KEEP = 0.9f; // decay per frame of the powers compared
+
 struct Instance {
     SpeexEchoState *library; // null: pass the microphones through
-    int32_t block_size;      // samples per channel handed to the library at once
+    int32_t frame_size;
+    int32_t block_size; // samples per channel handed to the library at once
     int32_t mics;
     int32_t speakers;
+    int32_t mic_shift; // bits by which the library sees the microphones attenuated
+    float mic_power;   // running means over channels and samples
+    float ref_power;
     int16_t *mic_block; // block_size x mics, interleaved
     int16_t *ref_block; // block_size x speakers, interleaved
 };
+
+// Pass-through instances for when there is no memory for one: by microphones, and by
+// frame size over the smallest one.
+static constexpr int32_t SMALLEST_FRAME = 128;
+static Instance no_memory[2][6];
+
+static bool is_from_heap(const Instance *instance)
+{
+    const Instance *first = no_memory[0];
+    return instance < first || instance >= first + sizeof no_memory / sizeof *first;
+}
+
+static Instance *allocate_instance(int32_t frame_size, int32_t mics)
+{
+    void *memory = calloc(1, sizeof(Instance));
+    return memory ? static_cast<Instance *>(memory)
+                  : &no_memory[mics - 1][frame_size / SMALLEST_FRAME - 1];
+}
 
 static int16_t *allocate_block(int32_t block_size, int32_t channels)
 {
@@ -40,16 +76,31 @@ static int16_t *allocate_block(int32_t block_size, int32_t channels)
         calloc(static_cast<size_t>(block_size) * static_cast<size_t>(channels), sizeof(int16_t)));
 }
 
+// Whether there is memory for all that the library will ask for. It looks at none of
+// its allocations, so room for their sum, rounded up, is tried for in one piece first.
+static bool library_fits(int32_t block_size, int32_t filter_length, int32_t mics, int32_t speakers)
+{
+    constexpr size_t SMALL_RECORDS = 4096; // bytes
+    const size_t window = 2 * static_cast<size_t>(block_size);
+    const size_t partitions = static_cast<size_t>(filter_length / block_size);
+    const size_t m = static_cast<size_t>(mics), k = static_cast<size_t>(speakers);
+    const size_t floats = window * (k * (partitions * (2 * m + 1) + 4) + 8 * m + 16);
+    void *volatile trial = malloc(floats * sizeof(float) + SMALL_RECORDS);
+    free(trial);
+    return trial != nullptr;
+}
+
 Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, int32_t mics,
                                    int32_t speakers, int32_t sample_rate)
 {
-    Instance *instance = static_cast<Instance *>(calloc(1, sizeof(Instance)));
-    if (!instance) return nullptr;
-
-    instance->block_size = frame_size / BLOCKS_PER_FRAME;
+    Instance *instance = allocate_instance(frame_size, mics);
+    instance->frame_size = frame_size;
+    instance->block_size = std::max(frame_size / BLOCKS_PER_FRAME, MIN_BLOCK);
     instance->mics = mics;
     instance->speakers = speakers;
-    if (speakers < 1) return instance;
+    if (!is_from_heap(instance)) return instance;
+    if (speakers < 1 || speakers > MAX_SPEAKERS) return instance;
+    if (!library_fits(instance->block_size, filter_length, mics, speakers)) return instance;
 
     instance->mic_block = allocate_block(instance->block_size, mics);
     instance->ref_block = allocate_block(instance->block_size, speakers);
@@ -63,13 +114,49 @@ Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, in
     return instance;
 }
 
-// One block of planar channels, frame_size samples apart, to interleaved.
+static float mean_power(const int16_t *samples, int32_t count)
+{
+    int64_t sum = 0;
+    for (int32_t i = 0; i < count; i++)
+        sum += samples[i] * samples[i];
+    return static_cast<float>(sum) / static_cast<float>(count);
+}
+
+static void track_powers(Instance &instance, const int16_t *mic_frame, const int16_t *ref_frame)
+{
+    const float mic = mean_power(mic_frame, instance.frame_size * instance.mics);
+    const float ref = mean_power(ref_frame, instance.frame_size * instance.speakers);
+    instance.mic_power = POWER_KEEP * instance.mic_power + (1 - POWER_KEEP) * mic;
+    instance.ref_power = POWER_KEEP * instance.ref_power + (1 - POWER_KEEP) * ref;
+}
+
+// Starts the library anew: a filter that learnt another alignment is worse than none.
+// With the filter empty the microphones' scale may change as well.
+static void restart(Instance &instance)
+{
+    speex_echo_state_reset(instance.library);
+    instance.mic_shift = 0;
+    for (float ref = WEAK_REF_RATIO * instance.ref_power;
+         instance.mic_power > ref && instance.mic_shift < MAX_MIC_SHIFT; ref *= 4)
+        instance.mic_shift++;
+}
+
+// One block of planar channels, frame_size samples apart, to interleaved, divided by
+// 2^shift.
 static void interleave(const int16_t *from, int32_t frame_size, int32_t channels, int16_t *to,
-                       int32_t block_size)
+                       int32_t block_size, int32_t shift)
 {
     for (int32_t c = 0; c < channels; c++)
         for (int32_t i = 0; i < block_size; i++)
-            to[i * channels + c] = from[c * frame_size + i];
+            to[i * channels + c] = static_cast<int16_t>(from[c * frame_size + i] >> shift);
+}
+
+static void pass_through(const Instance &instance, const int16_t *mic_frame, int16_t *aec_frame,
+                         int16_t *echo_frame)
+{
+    const int32_t samples = instance.frame_size * instance.mics;
+    interleave(mic_frame, instance.frame_size, instance.mics, aec_frame, instance.frame_size, 0);
+    memset(echo_frame, 0, static_cast<size_t>(samples) * sizeof *echo_frame);
 }
 
 void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
@@ -77,27 +164,25 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
                                   int32_t delay_changed)
 {
     if (!instance) return;
+    if (!instance->library) return pass_through(*instance, mic_frame, aec_frame, echo_frame);
 
     const FlushDenormals flush;
     const int32_t mics = instance->mics;
+    const int32_t frame = instance->frame_size;
     const int32_t block = instance->block_size;
-    const int32_t frame = block * BLOCKS_PER_FRAME;
-    if (!instance->library) {
-        interleave(mic_frame, frame, mics, aec_frame, frame);
-        memset(echo_frame, 0, static_cast<size_t>(frame * mics) * sizeof *echo_frame);
-        return;
-    }
-    // A filter that learnt another alignment is worse than none.
-    if (delay_changed) speex_echo_state_reset(instance->library);
+    track_powers(*instance, mic_frame, ref_frame);
+    if (delay_changed) restart(*instance);
+
+    interleave(mic_frame, frame, mics, echo_frame, frame, 0);
     for (int32_t start = 0; start < frame; start += block) {
-        int16_t *cleaned = aec_frame + start * mics;
-        int16_t *echo = echo_frame + start * mics;
-        interleave(mic_frame + start, frame, mics, instance->mic_block, block);
-        interleave(ref_frame + start, frame, instance->speakers, instance->ref_block, block);
+        interleave(mic_frame + start, frame, mics, instance->mic_block, block, instance->mic_shift);
+        interleave(ref_frame + start, frame, instance->speakers, instance->ref_block, block, 0);
         speex_echo_cancellation(instance->library, instance->mic_block, instance->ref_block,
-                                cleaned);
-        for (int32_t i = 0; i < block * mics; i++)
-            echo[i] = saturate_int16(instance->mic_block[i] - cleaned[i]);
+                                aec_frame + start * mics);
+    }
+    for (int32_t i = 0; i < frame * mics; i++) {
+        aec_frame[i] = saturate_int16(aec_frame[i] * (1 << instance->mic_shift));
+        echo_frame[i] = saturate_int16(echo_frame[i] - aec_frame[i]);
     }
 }
 
@@ -107,7 +192,7 @@ Instance *speex_echo_state_destroy(Instance *instance)
     if (instance->library) ::speex_echo_state_destroy(instance->library);
     free(instance->mic_block);
     free(instance->ref_block);
-    free(instance);
+    if (is_from_heap(instance)) free(instance);
     return nullptr;
 }
 

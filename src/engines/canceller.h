@@ -15,8 +15,8 @@ struct Instance;
 //   mics           M, 1 or 2
 //   speakers       K, references; below 1 nothing can be cancelled
 //   sample_rate    Hz
-// Returns the instance, or null when there is no memory even for that. Where the
-// library cannot serve the set, the instance passes the microphones through.
+// Where the library cannot serve the set, or there is no memory, the instance passes
+// the microphones through.
 // Real time: no, it allocates.
 Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, int32_t mics,
                                    int32_t speakers, int32_t sample_rate);

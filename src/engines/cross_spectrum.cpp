@@ -24,6 +24,8 @@ namespace nax {
 // Decay of the evidence per frame: a memory of 16 frames, 0.26 s of active far end.
 // Longer ones hold on to the old delay after a step, shorter ones waver in noise.
 static constexpr float KEEP = 0.94f;
+// At 8000 Hz, with 96 partitions, updating all of them would cost more than the FFTs.
+static constexpr int32_t MAX_PARTITIONS_AT_ONCE = 48;
 // Decay of the whitening power per frame. 0.8 to 0.97 serve almost alike.
 static constexpr float RELEASE = 0.9f;
 // Added to the variance: what this many frames of weakly whitened signal would give.
@@ -129,18 +131,22 @@ bool cross_spectrum_update(CrossSpectrum &cross, const float *ref, const float *
         return false;
     }
 
-    // A partition whose reference was silent keeps its evidence, and takes no time.
+    // A partition whose reference was silent keeps its evidence, and takes no time. Where
+    // the lines hold many frames every other partition is updated, with twice the decay.
     Spectrum y;
     const float mic_weight = whiten(cross, cross.mic, y);
+    const int32_t turns = cross.partitions > MAX_PARTITIONS_AT_ONCE ? 2 : 1;
+    const float keep = turns == 2 ? KEEP * KEEP : KEEP;
+    cross.turn = (cross.turn + 1) % turns;
     bool news = false;
-    for (int32_t p = 0, slot = cross.newest; p < cross.partitions; p++, slot++) {
-        if (slot == cross.partitions) slot = 0;
+    for (int32_t p = cross.turn; p < cross.partitions; p += turns) {
+        const int32_t slot = (cross.newest + p) % cross.partitions;
         const float weight = cross.ref_weight[slot] * mic_weight;
         if (weight == 0) continue;
         const Spectrum &x = cross.ref_past[slot];
         Spectrum &a = cross.evidence[p];
-        average_cross(a.re, a.im, x.re, x.im, y.re, y.im, KEEP, BINS);
-        cross.variance[p] = KEEP * KEEP * cross.variance[p] + 2 * BINS * weight;
+        average_cross(a.re, a.im, x.re, x.im, y.re, y.im, keep, BINS);
+        cross.variance[p] = keep * keep * cross.variance[p] + 2 * BINS * weight;
         news = true;
     }
     return news;

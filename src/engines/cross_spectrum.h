@@ -45,6 +45,7 @@ struct CrossSpectrum {
     Signal mic;
     float ref_peak_db; // decaying peak level of the reference
     int32_t partitions;
+    int32_t turn;                      // which of the interleaved partitions this frame updates
     int32_t newest;                    // slot of this frame in the histories
     Spectrum ref_past[MAX_PARTITIONS]; // whitened reference, a ring of frames
     float ref_weight[MAX_PARTITIONS];  // mean |X|^2 of each; 0: silent, not used

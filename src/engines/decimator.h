@@ -8,6 +8,7 @@ namespace nax {
 inline constexpr int32_t ESTIMATOR_RATE = 4000; // Hz
 inline constexpr int32_t HOP = 64;              // samples per frame at that rate
 inline constexpr int32_t MAX_DECIMATION = 12;   // from 48000 Hz
+inline constexpr int32_t MAX_MIXED = 65535;     // channels whose sum fits 32 bits
 
 struct Decimator {
     // Taps per output sample and per unit of decimation: the transition band then is

@@ -38,6 +38,7 @@ static constexpr int32_t PATH_LAGS = 48;
 // Sightings at one lag after which the applied delay is corrected within its frame:
 // soon when the echo comes before the filter, later when only tail is to be won.
 static constexpr int32_t LOST_SIGHTINGS = 4;
+static constexpr int32_t STUBBORN_SIGHTINGS = 24;
 static constexpr int32_t TAIL_SIGHTINGS = 12;
 static constexpr int32_t SAME_LAGS = 2;
 
@@ -85,7 +86,8 @@ int32_t AEC_DelayInit(int32_t enable, int32_t sample_rate, int32_t half_frame, i
     estimator.found = NONE;
     estimator.suspect = NONE;
 
-    Work *work = refs > 0 ? static_cast<Work *>(calloc(1, sizeof(Work))) : nullptr;
+    const bool mixable = refs > 0 && refs <= MAX_MIXED;
+    Work *work = mixable ? static_cast<Work *>(calloc(1, sizeof(Work))) : nullptr;
     if (work) {
         decimator_init(work->ref, estimator.decimation);
         decimator_init(work->mic, estimator.decimation);
@@ -145,7 +147,12 @@ static int32_t decide(Estimator &estimator, const CrossSpectrum &cross)
         return delay_for(estimator, top->lag, MARGIN_LAGS);
     }
 
-    if (estimator.sightings < LOST_SIGHTINGS) return estimator.applied;
+    // Within the path that is followed. While the lag followed so far stands taller, an
+    // earlier one may be no more than the talker's pitch, unless it stays.
+    const bool took_over = height_at(cross, top->lag) >= height_at(cross, estimator.found);
+    if (top->height < SURE_HEIGHT ||
+        estimator.sightings < (took_over ? LOST_SIGHTINGS : STUBBORN_SIGHTINGS))
+        return estimator.applied;
     estimator.found = top->lag;
     if (top->lag * estimator.decimation < estimator.applied)
         return delay_for(estimator, top->lag, LOST_MARGIN_LAGS);

@@ -20,12 +20,26 @@ template <typename T> static T *allocate(int64_t count)
     return static_cast<T *>(calloc(static_cast<size_t>(count), sizeof(T)));
 }
 
+// Whether the allocator would give so many buffers. A count that no device has, from a
+// parameter word gone wrong, would otherwise be granted line by line until the machine
+// has no memory left.
+static bool affordable(int64_t count, int64_t samples_each)
+{
+    constexpr int64_t PLAUSIBLE = 1024;
+    if (count <= PLAUSIBLE) return true;
+    if (samples_each <= 0 || count > int64_t{PTRDIFF_MAX} / 2 / samples_each) return false;
+    void *volatile trial = malloc(static_cast<size_t>(count * samples_each * 2));
+    free(trial);
+    return trial != nullptr;
+}
+
 // An array of count buffers of samples_each samples. The array is asked for even
 // when there are no buffers to go into it. Buffers end with the first one refused.
 static int16_t **allocate_lines(int64_t count, int64_t samples_each)
 {
     int16_t **lines = allocate<int16_t *>(count);
-    for (int64_t i = 0; lines && i < count; i++) {
+    if (!lines || !affordable(count, samples_each)) return lines;
+    for (int64_t i = 0; i < count; i++) {
         lines[i] = allocate<int16_t>(samples_each);
         if (!lines[i]) break;
     }
@@ -181,7 +195,7 @@ extern "C" void nax_aec_state_destroy(nax_aec_state *state)
     release(state->spare_b);
     release(state->pcm_buf);
     if (state->ref_delay_lines) {
-        for (int64_t i = 0; i < nax::kept_references(*state); i++)
+        for (int64_t i = 0; i < nax::kept_references(*state) && state->ref_delay_lines[i]; i++)
             release(state->ref_delay_lines[i]);
         free(state->ref_delay_lines);
         state->ref_delay_lines = nullptr;
