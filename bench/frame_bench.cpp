@@ -5,7 +5,7 @@
 //   library  nax_aec_short or nax_aec_byte
 //   bare     libspeexdsp on whole 16 ms frames, the same channels, the true rate
 // "ratio" is library over bare. "over_binding" is library over the bare canceller run as
-// the engine runs it, on quarter frames: what is above 1 there with the estimation off is
+// the engine runs it, on shorter blocks: what is above 1 there with the estimation off is
 // the front end itself.
 //
 // The frames hold speech-like noise with an echo, loud enough to keep everything busy.
@@ -14,6 +14,7 @@
 #include <benchmark/benchmark.h>
 #include <speex/speex_echo.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -25,14 +26,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int BLOCKS_PER_FRAME = 4; // as the binding runs the library
-constexpr int BURST = 25;           // frames timed before the other side has its turn
-constexpr int FRAMES = 200;         // frames of material, played in a loop
+constexpr int BURST = 25;   // frames timed before the other side has its turn
+constexpr int FRAMES = 200; // frames of material, played in a loop
 
 struct Format {
     int rate, mics, refs;
     int frame() const { return rate * 16 / 1000; }
     int channels() const { return mics + refs; }
+    int binding_block() const { return std::max(frame() / 4, 64); } // as the binding runs it
 };
 
 // Interleaved microphones and references of FRAMES frames.
@@ -61,11 +62,11 @@ std::vector<int16_t> make_material(const Format &f)
     return all;
 }
 
-// The bare canceller library on blocks of frame / blocks samples.
+// The bare canceller library on blocks of the given size.
 class Bare {
 public:
-    Bare(const Format &f, const std::vector<int16_t> &material, int blocks)
-        : f_(f), block_(f.frame() / blocks), out_(static_cast<size_t>(f.frame() * f.mics)),
+    Bare(const Format &f, const std::vector<int16_t> &material, int block)
+        : f_(f), block_(block), out_(static_cast<size_t>(f.frame() * f.mics)),
           state_(speex_echo_state_init_mc(block_, 2 * f.frame(), f.mics, f.refs))
     {
         int rate = f.rate;
@@ -145,8 +146,8 @@ void cost(benchmark::State &bench, Format f, bool bytes, bool estimate)
 {
     const std::vector<int16_t> material = make_material(f);
     Library library(f, material, bytes, estimate);
-    Bare bare(f, material, 1);
-    Bare binding(f, material, BLOCKS_PER_FRAME);
+    Bare bare(f, material, f.frame());
+    Bare binding(f, material, f.binding_block());
     double library_s = 0, bare_s = 0, binding_s = 0;
     int start = 0, frames = 0;
     for (auto _ : bench) {
