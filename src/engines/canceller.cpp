@@ -39,14 +39,21 @@ static constexpr float WEAK_REF_RATIO = 4; // of powers, 6 dB
 static constexpr int32_t MAX_MIC_SHIFT = 2;
 static constexpr float POWER_KEEP = 0.9f; // decay per frame of the powers compared
 
+// A filter whose output is louder than the microphone for so many frames is worse than
+// none. The library would restart itself after 50 such blocks, but with a message on
+// standard error, from the audio thread.
+static constexpr int32_t LOUDER_FRAMES = 4;
+static constexpr float LOUDER_MARGIN = 10000; // of mean power; half of the library's
+
 struct Instance {
     SpeexEchoState *library; // null: pass the microphones through
     int32_t frame_size;
     int32_t block_size; // samples per channel handed to the library at once
     int32_t mics;
     int32_t speakers;
-    int32_t mic_shift; // bits by which the library sees the microphones attenuated
-    float mic_power;   // running means over channels and samples
+    int32_t louder_frames; // in a row
+    int32_t mic_shift;     // bits by which the library sees the microphones attenuated
+    float mic_power;       // running means over channels and samples
     float ref_power;
     int16_t *mic_block; // block_size x mics, interleaved
     int16_t *ref_block; // block_size x speakers, interleaved
@@ -135,10 +142,33 @@ static void track_powers(Instance &instance, const int16_t *mic_frame, const int
 static void restart(Instance &instance)
 {
     speex_echo_state_reset(instance.library);
+    instance.louder_frames = 0;
     instance.mic_shift = 0;
     for (float ref = WEAK_REF_RATIO * instance.ref_power;
          instance.mic_power > ref && instance.mic_shift < MAX_MIC_SHIFT; ref *= 4)
         instance.mic_shift++;
+}
+
+// Mean power of the first difference, near enough to the library's pre-emphasis, of an
+// interleaved frame.
+static float bright_power(const int16_t *samples, int32_t channels, int32_t count)
+{
+    float sum = 0;
+    for (int32_t i = channels; i < count; i++) {
+        const float difference = static_cast<float>(samples[i] - samples[i - channels]);
+        sum += difference * difference;
+    }
+    return sum / static_cast<float>(count);
+}
+
+// Restarts the library when it adds echo rather than removing it.
+static void watch(Instance &instance, const int16_t *mics, const int16_t *cleaned)
+{
+    const int32_t count = instance.frame_size * instance.mics;
+    const float heard = bright_power(mics, instance.mics, count);
+    const float left = bright_power(cleaned, instance.mics, count);
+    instance.louder_frames = left > heard + LOUDER_MARGIN ? instance.louder_frames + 1 : 0;
+    if (instance.louder_frames >= LOUDER_FRAMES) restart(instance);
 }
 
 // One block of planar channels, frame_size samples apart, to interleaved, divided by
@@ -173,17 +203,18 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
     track_powers(*instance, mic_frame, ref_frame);
     if (delay_changed) restart(*instance);
 
-    interleave(mic_frame, frame, mics, echo_frame, frame, 0);
+    interleave(mic_frame, frame, mics, echo_frame, frame, 0); // until the echo is known
     for (int32_t start = 0; start < frame; start += block) {
         interleave(mic_frame + start, frame, mics, instance->mic_block, block, instance->mic_shift);
         interleave(ref_frame + start, frame, instance->speakers, instance->ref_block, block, 0);
         speex_echo_cancellation(instance->library, instance->mic_block, instance->ref_block,
                                 aec_frame + start * mics);
     }
-    for (int32_t i = 0; i < frame * mics; i++) {
+    for (int32_t i = 0; i < frame * mics; i++)
         aec_frame[i] = saturate_int16(aec_frame[i] * (1 << instance->mic_shift));
+    watch(*instance, echo_frame, aec_frame);
+    for (int32_t i = 0; i < frame * mics; i++)
         echo_frame[i] = saturate_int16(echo_frame[i] - aec_frame[i]);
-    }
 }
 
 Instance *speex_echo_state_destroy(Instance *instance)
