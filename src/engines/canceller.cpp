@@ -11,6 +11,7 @@
 #include <speex/speex_echo.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 
@@ -59,22 +60,28 @@ struct Instance {
     int16_t *ref_block; // block_size x speakers, interleaved
 };
 
-// Pass-through instances for when there is no memory for one: by microphones, and by
-// frame size over the smallest one.
+// Pass-through instances for when there is no memory for one, never written to: by
+// microphones, and by frame size over the smallest one.
 static constexpr int32_t SMALLEST_FRAME = 128;
-static Instance no_memory[2][6];
+using PassThrough = std::array<std::array<Instance, 6>, 2>;
+static constexpr PassThrough make_pass_through()
+{
+    PassThrough table = {};
+    for (int32_t mics = 1; mics <= 2; mics++)
+        for (int32_t frame = 1; frame <= 6; frame++) {
+            Instance &instance =
+                table[static_cast<size_t>(mics - 1)][static_cast<size_t>(frame - 1)];
+            instance.frame_size = frame * SMALLEST_FRAME;
+            instance.mics = mics;
+        }
+    return table;
+}
+static constinit PassThrough no_memory = make_pass_through();
 
 static bool is_from_heap(const Instance *instance)
 {
-    const Instance *first = no_memory[0];
+    const Instance *first = no_memory[0].data();
     return instance < first || instance >= first + sizeof no_memory / sizeof *first;
-}
-
-static Instance *allocate_instance(int32_t frame_size, int32_t mics)
-{
-    void *memory = calloc(1, sizeof(Instance));
-    return memory ? static_cast<Instance *>(memory)
-                  : &no_memory[mics - 1][frame_size / SMALLEST_FRAME - 1];
 }
 
 static int16_t *allocate_block(int32_t block_size, int32_t channels)
@@ -100,12 +107,14 @@ static bool library_fits(int32_t block_size, int32_t filter_length, int32_t mics
 Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, int32_t mics,
                                    int32_t speakers, int32_t sample_rate)
 {
-    Instance *instance = allocate_instance(frame_size, mics);
+    Instance *instance = static_cast<Instance *>(calloc(1, sizeof(Instance)));
+    if (!instance)
+        return &no_memory[static_cast<size_t>(mics - 1)]
+                         [static_cast<size_t>(frame_size / SMALLEST_FRAME - 1)];
     instance->frame_size = frame_size;
     instance->block_size = std::max(frame_size / BLOCKS_PER_FRAME, MIN_BLOCK);
     instance->mics = mics;
     instance->speakers = speakers;
-    if (!is_from_heap(instance)) return instance;
     if (speakers < 1 || speakers > MAX_SPEAKERS) return instance;
     if (!library_fits(instance->block_size, filter_length, mics, speakers)) return instance;
 
@@ -219,11 +228,11 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
 
 Instance *speex_echo_state_destroy(Instance *instance)
 {
-    if (!instance) return nullptr;
+    if (!instance || !is_from_heap(instance)) return nullptr;
     if (instance->library) ::speex_echo_state_destroy(instance->library);
     free(instance->mic_block);
     free(instance->ref_block);
-    if (is_from_heap(instance)) free(instance);
+    free(instance);
     return nullptr;
 }
 
