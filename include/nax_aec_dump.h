@@ -1,5 +1,6 @@
-/*
- * nax_aec: the two debug dumps of nax_aec_byte.
+/**
+ * @file
+ * The two debug dumps of nax_aec_byte.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  *
@@ -11,14 +12,6 @@
  * 16-bit samples in host byte order, aec_out first. Nothing is flushed and write
  * errors are ignored. An open dump makes nax_aec_byte write to a file on the
  * audio thread: for debugging only.
- *
- *   aec_out   the interleaved input of the canceller: M microphones, then K
- *             references not yet aligned, len / 2 - F x D samples a call. (When
- *             pos is 1, nothing is dropped and no table is given, or when pos is
- *             neither 0 nor 1, no such selection is made and the dump holds
- *             zeros.)
- *   echo_out  F x M samples a call of the caller's echo buffer, which must not
- *             be null while this stream is open.
  */
 #ifndef NAX_AEC_DUMP_H
 #define NAX_AEC_DUMP_H
@@ -29,7 +22,18 @@
 extern "C" {
 #endif
 
+/**
+ * The interleaved input of the canceller: M microphones, then K references not
+ * yet aligned, len / 2 - F x D samples a call. (When pos is 1, nothing is dropped
+ * and no table is given, or when pos is neither 0 nor 1, no such selection is made
+ * and the dump holds zeros.)
+ */
 extern FILE *aec_out;
+
+/**
+ * F x M samples a call of the caller's echo buffer, which must not be null while
+ * this stream is open.
+ */
 extern FILE *echo_out;
 
 #ifdef __cplusplus

@@ -4,13 +4,18 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 
 namespace heap {
 
-inline bool noting = false;   // heap calls go into the journal and into live
-inline int refuse_after = -1; // >= 0: so many more calls of calloc and realloc succeed
+inline bool noting = false;       // heap calls go into the journal and into live
+inline int refuse_after = -1;     // >= 0: so many more allocations succeed
+inline int refuse_only = -1;      // >= 0: after so many allocations a single one is refused
+inline int64_t limit = INT64_MAX; // bytes that may be handed out at a time
+inline int64_t used = 0;          // bytes handed out and not yet freed
+inline int refusals = 0;
 
 // Blocks handed out while noting and not yet freed, with the names that tests gave
 // them. A freed block is noted as "free NAME"; freeing null is not noted.

@@ -11,8 +11,9 @@ references. M, R, D are the microphones, references and dropped references;
 K = R - D references reach the canceller. A positive delay means: the reference
 is held back by that many samples.
 
-The library is libnax_aec.so named by NAX_AEC_LIBRARY, else in a build directory
-beside this checkout (build, build-*, build/*), else on the system's path.
+The library is the file that NAX_AEC_LIBRARY names, else libnax_aec.so in a build
+directory of this checkout (build/default first, then build, build-*, build/*; one
+built for another machine is passed over), else the installed one.
 """
 import ctypes
 import os
@@ -35,29 +36,35 @@ class Param(ctypes.Structure):
                 ("look_ahead", ctypes.c_int32), ("array_list", ctypes.c_void_p)]
 
 
-def find_library():
-    """The path or name under which the library is loaded (see the top)."""
+def library_names():
+    """The paths or names under which the library is looked for, the best first."""
     named = os.environ.get("NAX_AEC_LIBRARY")
     if named:
-        return named
+        return [named]
     root = pathlib.Path(__file__).resolve().parents[2]
+    folders = [root / "build/default"]
     for pattern in ("build", "build-*", "build/*"):
-        for folder in sorted(root.glob(pattern)):
-            for path in (folder / "libnax_aec.so", folder / "lib" / "libnax_aec.so"):
-                if path.exists():
-                    return str(path)
-    return "libnax_aec.so.2"
+        folders += sorted(root.glob(pattern))
+    paths = [folder / "libnax_aec.so" for folder in dict.fromkeys(folders)]
+    return [str(path) for path in paths if path.exists()] + ["libnax_aec.so.2"]
+
+
+def load():
+    """The first library that loads; OSError with every reason when none does."""
+    reasons = []
+    for name in library_names():
+        try:
+            return ctypes.CDLL(name)
+        except OSError as error:
+            reasons.append(str(error))
+    raise OSError(f"cannot load libnax_aec ({'; '.join(reasons)}); build it or set NAX_AEC_LIBRARY")
 
 
 def library():
     """The loaded library, its calls typed; loaded once."""
     global _library
     if _library is None:
-        name = find_library()
-        try:
-            lib = ctypes.CDLL(name)
-        except OSError as error:
-            raise OSError(f"cannot load {name} ({error}); build it or set NAX_AEC_LIBRARY") from None
+        lib = load()
         int32, pointer, param = ctypes.c_int32, ctypes.c_void_p, ctypes.POINTER(Param)
         lib.nax_aec_state_init.restype = pointer
         lib.nax_aec_state_init.argtypes = [int32] * 4 + [param]

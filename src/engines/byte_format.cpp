@@ -1,7 +1,8 @@
 #include "engines/byte_format.h"
 
+#include "engines/kernels.h"
+
 #include <bit>
-#include <cstddef>
 #include <cstring>
 
 namespace nax {
@@ -18,11 +19,7 @@ int32_t nax_bytes2shorts(const uint8_t *source, int16_t *destination, int32_t by
         if (samples > 0) memcpy(destination, source, static_cast<size_t>(samples) * 2);
         return samples;
     }
-    for (int32_t j = 0; j < samples; j++) {
-        uint16_t sample;
-        memcpy(&sample, source + 2 * static_cast<ptrdiff_t>(j), sizeof sample);
-        destination[j] = static_cast<int16_t>(static_cast<uint16_t>(sample << 8 | sample >> 8));
-    }
+    swap_bytes(source, destination, samples);
     return samples;
 }
 

@@ -1,9 +1,12 @@
 #include "engines/kernels.h"
 
+#include <cstddef>
+#include <cstring>
+
 namespace nax {
 
-void fir_decimate(const int16_t *samples, const int16_t *taps, int32_t tap_count, int32_t step,
-                  float *to, int32_t outputs)
+void scalar::fir_decimate(const int16_t *samples, const int16_t *taps, int32_t tap_count,
+                          int32_t step, float *to, int32_t outputs)
 {
     for (int32_t j = 0; j < outputs; j++) {
         const int16_t *from = samples + j * step;
@@ -14,9 +17,10 @@ void fir_decimate(const int16_t *samples, const int16_t *taps, int32_t tap_count
     }
 }
 
-void average_cross(float *__restrict a_re, float *__restrict a_im, const float *__restrict x_re,
-                   const float *__restrict x_im, const float *__restrict y_re,
-                   const float *__restrict y_im, float keep, int32_t count)
+void scalar::average_cross(float *__restrict a_re, float *__restrict a_im,
+                           const float *__restrict x_re, const float *__restrict x_im,
+                           const float *__restrict y_re, const float *__restrict y_im, float keep,
+                           int32_t count)
 {
     for (int32_t k = 0; k < count; k++) {
         a_re[k] = keep * a_re[k] + (x_re[k] * y_re[k] + x_im[k] * y_im[k]);
@@ -24,7 +28,7 @@ void average_cross(float *__restrict a_re, float *__restrict a_im, const float *
     }
 }
 
-float spectrum_energy(const float *a_re, const float *a_im, int32_t count)
+float scalar::spectrum_energy(const float *a_re, const float *a_im, int32_t count)
 {
     // Four sums, because compilers do not reorder a float sum by themselves.
     float sum[4] = {};
@@ -33,5 +37,31 @@ float spectrum_energy(const float *a_re, const float *a_im, int32_t count)
             sum[j] += a_re[k + j] * a_re[k + j] + a_im[k + j] * a_im[k + j];
     return (sum[0] + sum[1]) + (sum[2] + sum[3]);
 }
+
+void scalar::swap_bytes(const uint8_t *__restrict source, int16_t *__restrict destination,
+                        int32_t samples)
+{
+    for (int32_t j = 0; j < samples; j++) {
+        uint16_t sample;
+        memcpy(&sample, source + 2 * static_cast<ptrdiff_t>(j), sizeof sample);
+        destination[j] = static_cast<int16_t>(static_cast<uint16_t>(sample << 8 | sample >> 8));
+    }
+}
+
+FirDecimate *fir_decimate = scalar::fir_decimate;
+AverageCross *average_cross = scalar::average_cross;
+SpectrumEnergy *spectrum_energy = scalar::spectrum_energy;
+SwapBytes *swap_bytes = scalar::swap_bytes;
+
+#if NAX_AEC_NEON
+[[gnu::constructor]] static void choose_neon()
+{
+    if (!processor_has_neon()) return;
+    fir_decimate = neon::fir_decimate;
+    average_cross = neon::average_cross;
+    spectrum_energy = neon::spectrum_energy;
+    swap_bytes = neon::swap_bytes;
+}
+#endif
 
 } // namespace nax

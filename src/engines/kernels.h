@@ -1,5 +1,8 @@
-// The delay estimator's inner loops.
+// The engines' inner loops. Each exists in a scalar variant and, for 32-bit ARM, in one
+// for NEON with the same results; the library calls them through the pointers below.
 #pragma once
+
+#include "engines/processor.h"
 
 #include <cstdint>
 
@@ -11,15 +14,42 @@ namespace nax {
 //   taps       tap_count coefficients, Q15; the sum of their magnitudes must stay
 //              below 2, so that no sum of products leaves 32 bits
 //   tap_count  a multiple of 8
-void fir_decimate(const int16_t *samples, const int16_t *taps, int32_t tap_count, int32_t step,
-                  float *to, int32_t outputs);
+//   outputs    a multiple of 4
+using FirDecimate = void(const int16_t *samples, const int16_t *taps, int32_t tap_count,
+                         int32_t step, float *to, int32_t outputs);
 
 // Recursive average of a cross-spectrum: A = keep A + conj(X) Y for count bins, a
 // multiple of 4. A must not overlap X or Y.
-void average_cross(float *a_re, float *a_im, const float *x_re, const float *x_im,
-                   const float *y_re, const float *y_im, float keep, int32_t count);
+using AverageCross = void(float *a_re, float *a_im, const float *x_re, const float *x_im,
+                          const float *y_re, const float *y_im, float keep, int32_t count);
 
 // Energy of a spectrum of count bins, a multiple of 4: the sum of |A|^2.
-float spectrum_energy(const float *a_re, const float *a_im, int32_t count);
+using SpectrumEnergy = float(const float *a_re, const float *a_im, int32_t count);
+
+// Copies 16-bit samples with their two bytes swapped. The source may have any
+// alignment; the buffers must not overlap.
+using SwapBytes = void(const uint8_t *source, int16_t *destination, int32_t samples);
+
+namespace scalar {
+FirDecimate fir_decimate;
+AverageCross average_cross;
+SpectrumEnergy spectrum_energy;
+SwapBytes swap_bytes;
+} // namespace scalar
+
+#if NAX_AEC_NEON
+namespace neon {
+FirDecimate fir_decimate;
+AverageCross average_cross;
+SpectrumEnergy spectrum_energy;
+SwapBytes swap_bytes;
+} // namespace neon
+#endif
+
+// The variants for this processor, chosen when the library is loaded.
+extern FirDecimate *fir_decimate;
+extern AverageCross *average_cross;
+extern SpectrumEnergy *spectrum_energy;
+extern SwapBytes *swap_bytes;
 
 } // namespace nax

@@ -1,5 +1,6 @@
 // Raw bytes in either channel order: convert, select, process, dump.
 #include "engines/byte_format.h"
+#include "process/channels.h"
 #include "state/state.h"
 
 #include "nax_aec_dump.h"
@@ -44,16 +45,13 @@ static void select_channels(nax_aec_state &state, int32_t instants)
         for (int32_t m = 0; m < mics; m++)
             mic_source[m] = state.array_list[m];
 
-    const int16_t *from = state.pcm_buf;
-    int16_t *to = state.sel_buf;
-    for (int32_t t = 0; t < instants; t++) {
-        for (int64_t k = 0; k < kept; k++)
-            to[mics + k] = from[first_ref + k];
-        for (int32_t m = 0; m < mics; m++)
-            to[m] = from[mic_source[m]];
-        from += state.num_channel;
-        to += mics + kept;
-    }
+    const int32_t stride = state.num_channel - state.drop_channel;
+    for (int64_t k = 0; k < kept; k++)
+        copy_channel(state.pcm_buf + first_ref + k, state.num_channel, state.sel_buf + mics + k,
+                     stride, instants);
+    for (int32_t m = 0; m < mics; m++)
+        copy_channel(state.pcm_buf + mic_source[m], state.num_channel, state.sel_buf + m, stride,
+                     instants);
 }
 
 static void dump(FILE *stream, const int16_t *samples, int64_t count)

@@ -13,8 +13,8 @@ static void copy(const int16_t *__restrict from, int16_t *__restrict to, int32_t
         to[i * TO] = from[i * FROM];
 }
 
-void copy_channel(const int16_t *from, int32_t from_stride, int16_t *to, int32_t to_stride,
-                  int32_t count)
+void scalar::copy_channel(const int16_t *from, int32_t from_stride, int16_t *to, int32_t to_stride,
+                          int32_t count)
 {
     if (to_stride == 1) {
         switch (from_stride) {
@@ -34,5 +34,14 @@ void copy_channel(const int16_t *from, int32_t from_stride, int16_t *to, int32_t
     for (int32_t i = 0; i < count; i++)
         to[ptrdiff_t{i} * to_stride] = from[ptrdiff_t{i} * from_stride];
 }
+
+CopyChannel *copy_channel = scalar::copy_channel;
+
+#if NAX_AEC_NEON
+[[gnu::constructor]] static void choose_neon()
+{
+    if (processor_has_neon()) copy_channel = neon::copy_channel;
+}
+#endif
 
 } // namespace nax

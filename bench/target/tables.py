@@ -1,0 +1,199 @@
+#!/usr/bin/python3
+"""Prints docs/cost.md from what scripts/cost has counted in a build directory."""
+
+import glob
+import re
+import subprocess
+import sys
+from collections import defaultdict
+
+# As in regions.h.
+OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN = range(8)
+OUR_HEAP_LIMIT = 400 * 1024
+STACK_LIMIT = 8 * 1024
+
+
+def read_counts(build, name):
+    """Counts by label, a list of rows (frames) each, and the heap lines."""
+    counts = {}
+    for line in open(f'{build}/{name}.counts'):
+        row, values = re.fullmatch(r'row (\d+): (.*)\n', line).groups()
+        counts[row] = [int(value) for value in values.split()]
+    kinds = {'frame': defaultdict(list), 'kernel': {}}
+    heap = []
+    for line in open(f'{build}/{name}.rows'):
+        words = line.split()
+        if words[0] == 'heap':
+            heap.append(words[1:])
+        elif words[2] == 'frame':
+            kinds['frame'][tuple(words[3:])].append(counts[words[1]])
+        else:
+            kinds['kernel'][' '.join(words[3:-1]), words[-1]] = counts[words[1]][LIBRARY]
+    return kinds['frame'], kinds['kernel'], heap
+
+
+def table(heads, rows):
+    """Prints a Markdown table; columns of figures are set to the right."""
+    print('| ' + ' | '.join(heads) + ' |')
+    print('|' + '|'.join('---' if i == 0 else '--:' for i in range(len(heads))) + '|')
+    for row in rows:
+        print('| ' + ' | '.join(row) + ' |')
+    print()
+
+
+def mean(rows, *regions):
+    return sum(row[region] for row in rows for region in regions) / len(rows)
+
+
+def form(words):
+    """Rate, microphones and references in words."""
+    return f'{words[0]} Hz, {words[1]} x {words[2]}'
+
+
+def in_thousands(count):
+    return f'{count / 1000:.1f}'
+
+
+def instructions(neon, scalar):
+    """Thousands of instructions per frame, and their share of the canceller's."""
+    print('## Instructions per frame\n')
+    print('Thousands, mean of 40 frames. The format is rate, microphones x references. The\n'
+          'canceller is libspeexdsp with the binding around it; the binding is also shown\n'
+          'alone. The front end is de-interleave, alignment (with the estimator left out) and\n'
+          'interleave. Shares are of the canceller. The byte path is what `nax_aec_byte` adds,\n'
+          'with bytes to swap and channels to select.\n')
+    rows = []
+    for label, on in neon.items():
+        if label[3:] != ('on', 'short'):
+            continue
+        off = neon[label[:3] + ('off', 'byte')]
+        off_canceller = mean(off, BINDING, LIBRARY)
+        canceller = mean(on, BINDING, LIBRARY)
+        front = mean(off, SPLIT, ALIGNMENT, JOIN)
+        plain = scalar[label]
+        rows.append([form(label),
+                     in_thousands(mean(on, SPLIT)), in_thousands(mean(on, ALIGNMENT)),
+                     in_thousands(mean(on, ESTIMATOR)),
+                     in_thousands(canceller), in_thousands(mean(on, BINDING)),
+                     in_thousands(mean(on, JOIN)), in_thousands(mean(off, BYTES)),
+                     f'{100 * front / off_canceller:.2f} %',
+                     f'{100 * mean(on, ESTIMATOR) / canceller:.1f} %',
+                     f'{100 * mean(plain, ESTIMATOR) / mean(plain, BINDING, LIBRARY):.1f} %'])
+    table(['format', 'de-interleave', 'align', 'estimator', 'canceller', 'of it binding',
+           'interleave', 'byte path', 'front end, no estimation', 'estimator',
+           'estimator without NEON'], rows)
+
+
+def kernels(counts):
+    print('## Vector code\n')
+    print('Instructions of one call each (de-interleave and interleave: one per channel) on\n'
+          'what a frame at 16000 Hz gives it; 512 instants for the byte swap of two channels.\n')
+    rows = []
+    for (name, variant), count in counts.items():
+        if variant == 'NEON':
+            plain = counts[name, 'scalar']
+            rows.append([name, str(plain), str(count), f'{100 * count / plain:.0f} %'])
+    table(['loop', 'scalar', 'NEON', 'NEON / scalar'], rows)
+
+
+def heap_by_part(heap):
+    print('## Heap per state\n')
+    print('Bytes with the allocator\'s own share, delay estimation on. Ours is all but the\n'
+          'canceller. The byte path\'s buffer is taken by the first `nax_aec_byte`. Nothing\n'
+          'grows after that.\n')
+    sel = {tuple(words[:3]): int(words[9]) for words in heap if words[4] == 'byte'}
+    rows, largest = [], 0
+    for words in heap:
+        if words[4] != 'short':
+            continue
+        record, lines, estimator, canceller = (int(word) for word in words[5:9])
+        ours = record + lines + estimator + sel[tuple(words[:3])]
+        largest = max(largest, ours)
+        rows.append([form(words), str(record), str(lines), str(estimator),
+                     str(sel[tuple(words[:3])]), str(ours), str(canceller)])
+    table(['format', 'record and frames', 'delay lines', 'estimator', 'byte path', 'ours',
+           'canceller'], rows)
+    print(f'The largest is {largest / 1024:.0f} KiB of {OUR_HEAP_LIMIT // 1024} KiB allowed.\n')
+
+
+def deepest_stack(build):
+    """Bytes of our own code's deepest chain of calls from each per-frame entry.
+
+    From the compiler's call graphs. Calls through pointers are those to the inner loops
+    and take the largest of these; library functions count as nothing.
+    """
+    frame, calls = {}, defaultdict(set)
+    for path in glob.glob(f'{build}/CMakeFiles/nax_aec_*.dir/src/**/*.ci', recursive=True):
+        text = open(path).read()
+        for name, size in re.findall(r'node: { title: "([^"]+)" label: "[^"]*?(\d+) bytes', text):
+            frame[name] = int(size)
+        for source, target in re.findall(r'sourcename: "([^"]+)" targetname: "([^"]+)"', text):
+            calls[source].add(target)
+    inner = [size for name, size in frame.items() if 'scalar' in name or 'neon' in name]
+    frame['__indirect_call'] = max(inner)
+
+    def depth(name):
+        return frame.get(name, 0) + max((depth(target) for target in calls[name]), default=0)
+    return {name: depth(name) for name in ('nax_aec_short', 'nax_aec_byte')}
+
+
+def stack(build):
+    print('## Stack per frame\n')
+    print('Bytes of our own code, the deepest chain of calls by the compiler\'s own account.\n'
+          'libspeexdsp and kissfft are not in it.\n')
+    depths = deepest_stack(build)
+    table(['call', 'bytes'], [[f'`{name}`', str(size)] for name, size in depths.items()])
+    print(f'{STACK_LIMIT} are allowed.\n')
+
+
+def code_size(build):
+    print('## Code size\n')
+    text = subprocess.run(['arm-linux-gnueabihf-size', f'{build}/libnax_aec.so'],
+                          capture_output=True, check=True, text=True).stdout
+    print('The shared library, in bytes; libspeexdsp and kissfft apart.\n')
+    table(['code and constants', 'data', 'zeroed data'], [text.splitlines()[1].split()[:3]])
+
+
+def streams(build):
+    print('## Many streams\n')
+    cpu = re.search(r'Model name:\s*(.*)', subprocess.run(
+        ['lscpu'], capture_output=True, check=True, text=True).stdout).group(1)
+    print('States that take turns with a frame each, delay estimation on, on the workstation\n'
+          f'({cpu}). The time is processor time per frame; the last column compares it with\n'
+          'the single state.\n')
+    rows, single = [], 0.0
+    for line in open(f'{build}/streams'):
+        words = line.split()
+        cost = float(words[5])
+        if words[3] == '1':
+            single = cost
+        rows.append([form(words), words[3], words[4], words[5], words[6],
+                     f'{100 * (cost / single - 1):+.0f} %'])
+    table(['format', 'states', 'threads', 'us per frame', 'bytes per state', 'cost'], rows)
+
+
+def main():
+    build = sys.argv[1]
+    neon, loops, heap = read_counts(build, 'neon')
+    scalar, _, _ = read_counts(build, 'scalar')
+    print('# What it costs\n')
+    print('Made by `scripts/cost`: the ARM build for Debian\'s baseline, whose inner loops find\n'
+          'NEON at run time, under emulation of a Cortex-A7. Counts are repeatable to the\n'
+          'instruction. They are not times: how many instructions a cycle takes is for the\n'
+          'device to say.\n')
+    instructions(neon, scalar)
+    kernels(loops)
+    heap_by_part(heap)
+    stack(build)
+    code_size(build)
+    streams(build)
+    print('## The same sound on every machine\n')
+    print('Our sources are compiled with `-ffp-contract=off`: no multiply-add is fused on one\n'
+          'processor and not on the other. The vector code computes in the scalar code\'s order\n'
+          'and does not fuse either, so it gives the same bits; only denormal numbers, which\n'
+          'NEON takes as zero, can differ, far below anything that decides on a delay. Nothing\n'
+          'is compiled or linked with fast-math. `scripts/test --armv7` compares the outputs of\n'
+          'seeded streams on both machines.')
+
+
+main()

@@ -1,0 +1,259 @@
+/*
+ * live_alsa: cancels the echo as it comes, from ALSA to ALSA, WAV files or both.
+ *
+ * Three threads. The audio thread captures a frame, cancels, plays, and never waits
+ * for anything but the capture: under SCHED_FIFO where that is permitted, its memory
+ * locked. The writer thread (live_alsa_recorder) gets the frames through a ring. The
+ * main thread gets each frame's figures through another, shows them and waits for
+ * signals.
+ *
+ * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
+ */
+#define _POSIX_C_SOURCE 200809L /* clock_gettime, sigtimedwait, mlockall */
+
+#include "live_alsa_device.h"
+#include "live_alsa_options.h"
+#include "live_alsa_recorder.h"
+#include "live_alsa_report.h"
+#include "live_alsa_ring.h"
+
+#include "nax_aec.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+enum { HOST_ORDER = 2 }; /* for nax_aec_byte: ALSA's S16 is the host's order */
+enum { STACK_BYTES = 256 * 1024, REPORTS = 64, STATUS_MS = 500, LOG_TURNS = 20 };
+
+struct session {
+    struct options options;
+    struct capture capture;
+    struct playback playback;
+    struct recorder recorder;
+    struct ring reports;   /* of struct report */
+    struct report pending; /* what did not fit there yet; the audio thread's own */
+    nax_aec_state *state;
+    pthread_t main_thread;
+    int16_t *spare; /* in place of a recorder's slot while the disk is behind */
+    int frame;
+    bool stop, device_lost;
+};
+
+static int frame_size(int rate) { return rate * 2 / 125; } /* 16 ms */
+
+static double now_s(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (double)now.tv_sec + 1e-9 * (double)now.tv_nsec;
+}
+
+/* ---- the audio thread ---------------------------------------------------------- */
+
+/* Runs the library over a slot's captured frame, plays and hands over the result.
+ * The library's first call allocates a buffer; from then on it does not. */
+static void process(struct session *session, int16_t *slot, struct report *report)
+{
+    const struct options *options = &session->options;
+    const size_t channels = session->capture.channels;
+    const size_t samples = (size_t)session->frame * channels;
+    int16_t *out = slot + samples, *echo = out + samples;
+    uint8_t *audio = (uint8_t *)slot;
+
+    const double start_s = now_s();
+    report->delay = nax_aec_byte(session->state, &audio, out, echo,
+                                 (int32_t)(samples * sizeof *slot), HOST_ORDER);
+    report_time(report, now_s() - start_s);
+    report_frame(report, (const int16_t *)(const void *)audio, out, options->mics,
+                 options->refs - options->drop, options->refs, session->frame);
+    report->play_slips += !playback_frame(&session->playback, out, channels);
+}
+
+static void send_report(struct session *session)
+{
+    struct report *slot = ring_slot_to_fill(&session->reports);
+    if (!slot) return; /* the main thread is behind: the next report holds both */
+    *slot = session->pending;
+    ring_fill(&session->reports);
+    session->pending = (struct report){0};
+}
+
+/* Room to capture into, or null when the disk is too far behind. A device without a
+ * clock, such as ALSA's file device, delivers as fast as it is read: there, seen by
+ * more audio than time, waiting for the disk loses nothing. */
+static int16_t *slot_for(struct session *session, double audio_s, double start_s)
+{
+    const struct timespec moment = {.tv_nsec = 1000000};
+    int16_t *slot;
+    while (!(slot = recorder_slot(&session->recorder)) && audio_s > now_s() - start_s + 1 &&
+           !__atomic_load_n(&session->stop, __ATOMIC_RELAXED))
+        nanosleep(&moment, NULL);
+    return slot;
+}
+
+static void *run_audio(void *argument)
+{
+    struct session *session = argument;
+    const double start_s = now_s();
+    const long limit = session->options.frames;
+    for (long frames = 0; limit == 0 || frames < limit;) {
+        if (__atomic_load_n(&session->stop, __ATOMIC_RELAXED)) break;
+        int16_t *slot = slot_for(session, (double)frames * 0.016, start_s);
+        int16_t *audio = slot ? slot : session->spare;
+        const enum captured captured = capture_frame(&session->capture, audio, &session->stop);
+        if (captured == CAPTURED) {
+            process(session, audio, &session->pending);
+            if (slot)
+                recorder_hand_over(&session->recorder);
+            else
+                session->pending.unwritten++;
+            frames++;
+        } else if (captured == OVERRUN) {
+            session->pending.overruns++;
+        } else {
+            session->device_lost = captured == LOST;
+            break;
+        }
+        send_report(session);
+    }
+    pthread_kill(session->main_thread, SIGUSR1);
+    return NULL;
+}
+
+static int create_thread(struct session *session, pthread_t *thread, int priority)
+{
+    const struct sched_param parameters = {.sched_priority = priority};
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, STACK_BYTES);
+    if (priority > 0) {
+        pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+        pthread_attr_setschedpolicy(&attributes, SCHED_FIFO);
+        pthread_attr_setschedparam(&attributes, &parameters);
+    }
+    const int error = pthread_create(thread, &attributes, run_audio, session);
+    pthread_attr_destroy(&attributes);
+    return error;
+}
+
+/* Locks the memory and starts the thread, real-time as far as that is permitted. */
+static pthread_t start_audio(struct session *session)
+{
+    const int priority = session->options.priority;
+    pthread_t thread;
+    if (priority > 0 && mlockall(MCL_CURRENT | MCL_FUTURE) != 0)
+        complain("memory", "cannot be locked (%s), page faults may cost samples", strerror(errno));
+    int error = create_thread(session, &thread, priority);
+    if (error == EPERM) {
+        complain("audio thread", "may not run under SCHED_FIFO, runs as an ordinary thread");
+        error = create_thread(session, &thread, 0);
+    }
+    if (error) fail(STATUS_DEVICE, "audio thread", "%s", strerror(error));
+    return thread;
+}
+
+/* ---- the main thread ----------------------------------------------------------- */
+
+static nax_aec_state *create_state(const struct options *options)
+{
+    /* Lives as long as the state, which borrows it. */
+    static int16_t table[MAX_MICS];
+    memcpy(table, options->remap, sizeof table);
+    const nax_aec_param param = {
+        .pos = options->order,
+        .drop_channel = options->drop,
+        .model_aec_en = (options->estimate ? NAX_AEC_DELAY_ESTIMATION : 0) |
+                        (options->remap_count > 0 ? NAX_AEC_REMAP : 0),
+        .delay_len = options->delay,
+        .look_ahead = options->look_ahead,
+        .array_list = table,
+    };
+    nax_aec_state *state =
+        nax_aec_state_init(options->rate, 16, options->mics, options->refs, &param);
+    if (!state) fail(STATUS_DEVICE, "library", "does not accept this format");
+    return state;
+}
+
+/* Files are created once the devices are known to be there; the capture starts last,
+ * so that it does not overrun while the rest is set up. */
+static void open_session(struct session *session)
+{
+    const struct options *options = &session->options;
+    const size_t channels = (size_t)(options->mics + options->refs);
+    session->frame = frame_size(options->rate);
+    session->main_thread = pthread_self();
+    session->spare = calloc((size_t)session->frame * 3 * channels, sizeof *session->spare);
+    if (!session->spare || !ring_create(&session->reports, sizeof(struct report), REPORTS))
+        fail(STATUS_DEVICE, "memory", "cannot get room for a frame");
+    capture_open(&session->capture, options, session->frame);
+    playback_open(&session->playback, options, session->frame);
+    recorder_open(&session->recorder, options, session->frame);
+    session->state = create_state(options);
+    capture_start(&session->capture);
+}
+
+static void drain_reports(struct session *session, struct report *total, struct report *recent)
+{
+    for (const struct report *report; (report = ring_slot_to_empty(&session->reports));) {
+        report_add(total, report);
+        report_add(recent, report);
+        ring_empty(&session->reports);
+    }
+}
+
+/* Shows the status until a signal, the audio thread or a full disk ends the session. */
+static void watch(struct session *session, const sigset_t *signals, struct report *total)
+{
+    const struct timespec turn = {.tv_nsec = STATUS_MS * 1000000L};
+    const bool terminal = isatty(STDERR_FILENO);
+    struct report recent = {0};
+    for (int turns = 1; !recorder_failed(&session->recorder); turns++) {
+        const int signal = sigtimedwait(signals, NULL, &turn);
+        drain_reports(session, total, &recent);
+        if (signal > 0) break;
+        /* A log gets a line now and then, a terminal one that is written over. */
+        if (session->options.quiet || (!terminal && turns % LOG_TURNS != 0)) continue;
+        report_status(&recent, total, session->options.rate, terminal ? "\r" : "\n");
+        recent = (struct report){0};
+    }
+    __atomic_store_n(&session->stop, true, __ATOMIC_RELAXED);
+}
+
+int main(int argc, char **argv)
+{
+    static struct session session;
+    struct report total = {0};
+    sigset_t signals;
+    session.options = parse_options(argc, argv);
+
+    /* Blocked in every thread and waited for in this one. */
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &signals, NULL);
+
+    open_session(&session);
+    const pthread_t audio_thread = start_audio(&session);
+    watch(&session, &signals, &total);
+    pthread_join(audio_thread, NULL);
+    drain_reports(&session, &total, &(struct report){0});
+    report_add(&total, &session.pending);
+
+    capture_close(&session.capture);
+    playback_close(&session.playback);
+    const bool recorded = recorder_close(&session.recorder);
+    nax_aec_state_destroy(session.state);
+    ring_destroy(&session.reports);
+    free(session.spare);
+
+    if (!session.options.quiet) report_summary(&total, session.options.rate);
+    if (session.device_lost) complain(session.capture.failing, "%s", session.capture.failure);
+    return recorded && !session.device_lost ? EXIT_SUCCESS : STATUS_DEVICE;
+}

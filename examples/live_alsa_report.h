@@ -1,0 +1,35 @@
+/*
+ * The figures of live_alsa: counted frame by frame, shown in one line.
+ *
+ * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
+ */
+#ifndef LIVE_ALSA_REPORT_H
+#define LIVE_ALSA_REPORT_H
+
+#include <stdint.h>
+
+/* Sums over some frames; those of several reports add up. */
+struct report {
+    long frames, samples;                            /* samples: of all microphones */
+    int delay;                                       /* of the last frame, in samples */
+    double mic_energy, cleaned_energy;               /* sums of squares */
+    double active_mic_energy, active_cleaned_energy; /* the same while a reference is active */
+    long clipped_mic, clipped_ref;                   /* samples at full scale */
+    long overruns, play_slips, unwritten;            /* unwritten: frames that the disk missed */
+    double busy_s, peak_busy_s;                      /* spent in the library */
+};
+
+/* Adds a frame of samples of mics + kept and mics + refs channels, microphones first. */
+void report_frame(struct report *report, const int16_t *processed, const int16_t *out, int mics,
+                  int kept, int refs, int frame);
+void report_time(struct report *report, double busy_s);
+void report_add(struct report *sum, const struct report *more);
+
+/* Writes one line to standard error: levels and load of recent, counts of total. */
+void report_status(const struct report *recent, const struct report *total, int rate,
+                   const char *ending);
+
+/* The last status line, over all, and what was lost on the way. */
+void report_summary(const struct report *total, int rate);
+
+#endif

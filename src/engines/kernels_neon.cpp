@@ -1,0 +1,91 @@
+// NEON variants of the inner loops, compiled with -mfpu=neon and called only where the
+// processor has it. Float operations stand in the scalar variants' order and are not
+// fused, so that results are the same to the bit, but for denormal numbers, which
+// NEON takes as zero.
+#include "engines/kernels.h"
+
+#if NAX_AEC_NEON
+
+#include <arm_neon.h>
+
+namespace nax::neon {
+
+// The sums of each vector's four lanes, in turn.
+static int32x4_t sums_of(int32x4_t a, int32x4_t b, int32x4_t c, int32x4_t d)
+{
+    const auto halves = [](int32x4_t v) { return vadd_s32(vget_low_s32(v), vget_high_s32(v)); };
+    return vcombine_s32(vpadd_s32(halves(a), halves(b)), vpadd_s32(halves(c), halves(d)));
+}
+
+static int32x4_t multiply_add(int32x4_t sum, int16x8_t a, int16x8_t b)
+{
+    sum = vmlal_s16(sum, vget_low_s16(a), vget_low_s16(b));
+    return vmlal_s16(sum, vget_high_s16(a), vget_high_s16(b));
+}
+
+// Four outputs at a time share what is loaded of the taps.
+void fir_decimate(const int16_t *samples, const int16_t *taps, int32_t tap_count, int32_t step,
+                  float *to, int32_t outputs)
+{
+    for (int32_t j = 0; j < outputs; j += 4, samples += 4 * step) {
+        const int16_t *from = samples;
+        int32x4_t a = vdupq_n_s32(0), b = a, c = a, d = a;
+        for (int32_t i = 0; i < tap_count; i += 8, from += 8) {
+            const int16x8_t tap = vld1q_s16(taps + i);
+            a = multiply_add(a, vld1q_s16(from), tap);
+            b = multiply_add(b, vld1q_s16(from + step), tap);
+            c = multiply_add(c, vld1q_s16(from + 2 * step), tap);
+            d = multiply_add(d, vld1q_s16(from + 3 * step), tap);
+        }
+        vst1q_f32(to + j, vmulq_n_f32(vcvtq_f32_s32(sums_of(a, b, c, d)), 1.0f / 32768));
+    }
+}
+
+// Pointers that move on, here and below, become part of the loads.
+static float32x4_t next(const float *&from)
+{
+    const float32x4_t values = vld1q_f32(from);
+    from += 4;
+    return values;
+}
+
+void average_cross(float *a_re, float *a_im, const float *x_re, const float *x_im,
+                   const float *y_re, const float *y_im, float keep, int32_t count)
+{
+    const float32x4_t kept = vdupq_n_f32(keep);
+    for (int32_t k = 0; k < count; k += 4, a_re += 4, a_im += 4) {
+        const float32x4_t xr = next(x_re), xi = next(x_im);
+        const float32x4_t yr = next(y_re), yi = next(y_im);
+        const float32x4_t re = vmlaq_f32(vmulq_f32(xr, yr), xi, yi);
+        const float32x4_t im = vmlsq_f32(vmulq_f32(xr, yi), xi, yr);
+        vst1q_f32(a_re, vmlaq_f32(re, vld1q_f32(a_re), kept));
+        vst1q_f32(a_im, vmlaq_f32(im, vld1q_f32(a_im), kept));
+    }
+}
+
+float spectrum_energy(const float *a_re, const float *a_im, int32_t count)
+{
+    float32x4_t sum = vdupq_n_f32(0);
+    for (int32_t k = 0; k < count; k += 4) {
+        const float32x4_t re = next(a_re), im = next(a_im);
+        sum = vaddq_f32(sum, vmlaq_f32(vmulq_f32(re, re), im, im));
+    }
+    const float32x2_t pairs = vpadd_f32(vget_low_f32(sum), vget_high_f32(sum));
+    return vget_lane_f32(pairs, 0) + vget_lane_f32(pairs, 1);
+}
+
+void swap_bytes(const uint8_t *source, int16_t *destination, int32_t samples)
+{
+    int32_t j = 0;
+    for (; j + 16 <= samples; j += 16) {
+        uint8_t *to = reinterpret_cast<uint8_t *>(destination + j);
+        const uint8x16_t first = vld1q_u8(source + 2 * j), second = vld1q_u8(source + 2 * j + 16);
+        vst1q_u8(to, vrev16q_u8(first));
+        vst1q_u8(to + 16, vrev16q_u8(second));
+    }
+    scalar::swap_bytes(source + 2 * j, destination + j, samples - j);
+}
+
+} // namespace nax::neon
+
+#endif

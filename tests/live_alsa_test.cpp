@@ -1,0 +1,390 @@
+// live_alsa as its user sees it, against ALSA's own file devices: samples from a raw
+// file, played to another, without a sound card and without its clock. LIVE_ALSA,
+// FAULTY (the same with live_alsa_faults.c between it and ALSA) and CANCEL_WAV are the
+// commands of the programs.
+#include <gtest/gtest.h>
+#include <sndfile.h>
+#include <sys/wait.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Samples = std::vector<int16_t>;
+
+struct Result {
+    int status;
+    std::string out, err;
+};
+
+struct Wav {
+    int rate = 0, channels = 0;
+    Samples samples; // interleaved
+};
+
+std::string contents(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_raw(const std::string &path, const Samples &samples)
+{
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(samples.data()),
+               static_cast<std::streamsize>(samples.size() * sizeof(int16_t)));
+}
+
+void write_wav(const std::string &path, int rate, int channels, const Samples &samples)
+{
+    SF_INFO info = {};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE *file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_TRUE(file) << path;
+    sf_write_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+    sf_close(file);
+}
+
+Wav read_wav(const std::string &path)
+{
+    SF_INFO info = {};
+    SNDFILE *file = sf_open(path.c_str(), SFM_READ, &info);
+    EXPECT_TRUE(file) << path;
+    if (!file) return {};
+    Wav wav{info.samplerate, info.channels,
+            Samples(static_cast<size_t>(info.frames * info.channels))};
+    sf_read_short(file, wav.samples.data(), static_cast<sf_count_t>(wav.samples.size()));
+    sf_close(file);
+    return wav;
+}
+
+// Channels of a call of frames x 16 ms: references of noise that comes and goes, and
+// microphones with the first one's echo 40 ms later.
+std::vector<Samples> make_call(int rate, int mics, int refs, int frames)
+{
+    std::mt19937 random(1);
+    std::normal_distribution<double> noise(0, 2500);
+    const auto n = static_cast<size_t>(rate * 2 / 125 * frames);
+    const auto delay = static_cast<size_t>(rate / 25);
+    std::vector<Samples> channels(static_cast<size_t>(mics + refs), Samples(n));
+    for (size_t c = static_cast<size_t>(mics); c < channels.size(); c++)
+        for (size_t t = 0; t < n; t++)
+            channels[c][t] = static_cast<int16_t>(
+                t * 3 / static_cast<size_t>(rate) % 2 ? noise(random) / 20 : noise(random));
+    const Samples &ref = channels[static_cast<size_t>(mics)];
+    for (size_t m = 0; m < static_cast<size_t>(mics); m++)
+        for (size_t t = delay + m; t < n; t++)
+            channels[m][t] = static_cast<int16_t>(ref[t - delay - m] / 2);
+    return channels;
+}
+
+Samples interleave(const std::vector<Samples> &channels)
+{
+    Samples all;
+    for (size_t t = 0; t < channels[0].size(); t++)
+        for (const Samples &channel : channels)
+            all.push_back(channel[t]);
+    return all;
+}
+
+// Each test works in a folder of its own with the devices that it needs.
+class LiveAlsa : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const auto *info = testing::UnitTest::GetInstance()->current_test_info();
+        folder = std::filesystem::current_path() / (std::string("live_alsa_") + info->name());
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directories(folder);
+        std::ofstream(path("asound.conf"))
+            << "pcm.null { type null }\n"
+            << "pcm.two { type multi slaves.a { pcm null channels 2 }\n"
+            << "  bindings.0 { slave a channel 0 } bindings.1 { slave a channel 1 } }\n"
+            << device("board", "in.raw") << device("mics", "mics.raw") << device("refs", "refs.raw")
+            << "pcm.speaker { type file slave.pcm null file \"" << path("played.raw")
+            << "\" format raw }\n";
+    }
+
+    void TearDown() override
+    {
+        if (!HasFailure()) std::filesystem::remove_all(folder);
+    }
+
+    std::string path(const std::string &name) const { return (folder / name).string(); }
+
+    std::string device(const std::string &name, const std::string &file) const
+    {
+        return "pcm." + name + " { type file slave.pcm null file /dev/null infile \"" + path(file) +
+               "\" format raw }\n";
+    }
+
+    // The call as one device, as two, and as a file for cancel_wav.
+    void make(int rate, int mics, int refs, int frames, bool refs_first = false)
+    {
+        auto channels = make_call(rate, mics, refs, frames);
+        write_raw(path("mics.raw"), interleave({channels.begin(), channels.begin() + mics}));
+        write_raw(path("refs.raw"), interleave({channels.begin() + mics, channels.end()}));
+        if (refs_first) std::rotate(channels.begin(), channels.begin() + mics, channels.end());
+        const Samples all = interleave(channels);
+        write_raw(path("in.raw"), all);
+        write_wav(path("in.wav"), rate, mics + refs, all);
+    }
+
+    Result shell(const std::string &commands) const
+    {
+        const int status = std::system(
+            ("cd '" + folder.string() + "'; { " + commands + "; } >stdout 2>stderr").c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(path("stdout")),
+                contents(path("stderr"))};
+    }
+
+    // The command with the test's devices, by an ordinary thread: without a device's clock
+    // a real-time one would keep a processor to itself.
+    std::string command(const std::string &program, const std::string &arguments) const
+    {
+        return "ALSA_CONFIG_PATH='/usr/share/alsa/alsa.conf:" + path("asound.conf") + "' " +
+               program + " --priority 0 " + arguments;
+    }
+
+    Result live(const std::string &arguments) const
+    {
+        return shell(command(LIVE_ALSA, "--quiet " + arguments));
+    }
+
+    Result faulty(const std::string &faults, const std::string &arguments) const
+    {
+        return shell("export LIVE_ALSA_FAULTS='" + faults + "'; " + command(FAULTY, arguments));
+    }
+
+    void expect_as_cancel_wav(const std::string &options) const
+    {
+        const Result wanted = shell(CANCEL_WAV " --quiet " + options + " in.wav wanted.wav");
+        ASSERT_EQ(wanted.status, 0) << wanted.err;
+        EXPECT_EQ(read_wav(path("out.wav")).samples, read_wav(path("wanted.wav")).samples);
+    }
+
+    std::filesystem::path folder;
+};
+
+TEST_F(LiveAlsa, cleans_one_device_as_cancel_wav_does_the_file)
+{
+    make(16000, 1, 1, 150);
+    const Result result = live("--device board --frames 150 out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(read_wav(path("out.wav")).rate, 16000);
+    expect_as_cancel_wav("");
+}
+
+TEST_F(LiveAlsa, cleans_two_devices_as_one)
+{
+    make(16000, 2, 2, 100);
+    const Result result =
+        live("--mic-device mics --ref-device refs --mics 2 --refs 2 --frames 100 out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(read_wav(path("out.wav")).channels, 2);
+    expect_as_cancel_wav("--mics 2");
+}
+
+TEST_F(LiveAlsa, passes_every_option_to_the_library)
+{
+    make(48000, 2, 3, 60, true);
+    const std::string options =
+        "--order refs-first --mics 2 --drop 1 --delay 768 --look-ahead 10 --remap 4,3";
+    const Result result =
+        live("--device board --rate 48000 --refs 3 --frames 60 " + options + " out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    expect_as_cancel_wav(options);
+}
+
+TEST_F(LiveAlsa, leaves_the_delay_alone_without_estimation)
+{
+    make(8000, 1, 1, 60);
+    const Result result =
+        live("--device board --rate 8000 --frames 60 --no-delay-estimation out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    expect_as_cancel_wav("--no-delay-estimation");
+}
+
+TEST_F(LiveAlsa, plays_what_it_writes_after_two_frames_of_silence)
+{
+    make(16000, 1, 1, 50);
+    const Result result = live("--device board --play speaker --frames 50 out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    const Samples written = read_wav(path("out.wav")).samples;
+    const std::string played = contents(path("played.raw"));
+    const size_t silence = 2 * 256 * sizeof(int16_t), bytes = written.size() * sizeof(int16_t);
+    ASSERT_GE(played.size(), silence + bytes);
+    EXPECT_EQ(played.substr(0, silence), std::string(silence, '\0'));
+    EXPECT_EQ(played.substr(silence, bytes),
+              std::string(reinterpret_cast<const char *>(written.data()), bytes));
+}
+
+TEST_F(LiveAlsa, writes_the_capture_and_the_echo)
+{
+    make(16000, 1, 2, 50);
+    const Result result =
+        live("--device board --refs 2 --frames 50 --capture all.wav --echo echo.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(read_wav(path("all.wav")).samples, read_wav(path("in.wav")).samples);
+    EXPECT_EQ(read_wav(path("all.wav")).channels, 3);
+    ASSERT_EQ(shell(CANCEL_WAV " --quiet --echo wanted_echo.wav in.wav wanted.wav").status, 0);
+    EXPECT_EQ(read_wav(path("echo.wav")).samples, read_wav(path("wanted_echo.wav")).samples);
+}
+
+TEST_F(LiveAlsa, says_in_one_line_how_it_went)
+{
+    make(16000, 1, 1, 250);
+    const Result result = shell(command(LIVE_ALSA, "--device board --seconds 4"));
+    const std::string line = result.err.substr(result.err.rfind("delay"));
+    double delay = 0, in = 0, out = 0, removed = 0, load = 0, peak = 0;
+    long mic = 0, ref = 0, overruns = 0;
+    EXPECT_EQ(std::sscanf(line.c_str(),
+                          "delay %lf ms in %lf out %lf dBFS removed %lf dB clipped %ld+%ld "
+                          "overruns %ld load %lf/%lf %%",
+                          &delay, &in, &out, &removed, &mic, &ref, &overruns, &load, &peak),
+              9)
+        << line;
+    EXPECT_NEAR(delay, 40, 16);
+    EXPECT_NEAR(in, -31, 2); // noise at -22 dBFS half of the time, halved
+    EXPECT_LT(out, in - 6);
+    EXPECT_NEAR(removed, in - out, 2);
+    EXPECT_EQ(mic + ref + overruns, 0);
+    EXPECT_GT(peak, 0);
+}
+
+TEST_F(LiveAlsa, waits_for_the_disk_where_the_device_has_no_clock)
+{
+    make(8000, 1, 1, 1000);
+    const Result result = live("--device board --rate 8000 --frames 1000 out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    expect_as_cancel_wav("");
+}
+
+TEST_F(LiveAlsa, stops_by_seconds_at_a_whole_frame)
+{
+    make(16000, 1, 1, 20);
+    ASSERT_EQ(live("--device board --seconds 0.1 out.wav").status, 0);
+    EXPECT_EQ(read_wav(path("out.wav")).samples.size(), 7u * 256u);
+}
+
+TEST_F(LiveAlsa, survives_an_overrun_and_counts_it)
+{
+    make(16000, 1, 1, 60);
+    const Result result = faulty("overrun@20", "--device board --frames 50 out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.err.find("overruns 1 "), std::string::npos) << result.err;
+    EXPECT_EQ(read_wav(path("out.wav")).samples.size(), 50u * 256u);
+}
+
+TEST_F(LiveAlsa, survives_an_overrun_of_the_second_device)
+{
+    make(16000, 1, 1, 60);
+    const Result result =
+        faulty("overrun@20", "--mic-device mics --ref-device refs --frames 40 out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(read_wav(path("out.wav")).samples.size(), 40u * 256u);
+}
+
+TEST_F(LiveAlsa, says_that_the_device_was_unplugged_and_keeps_what_came_before)
+{
+    make(16000, 1, 1, 60);
+    const Result result = faulty("unplug@21", "--device board out.wav");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("live_alsa: board: was unplugged"), std::string::npos) << result.err;
+    EXPECT_EQ(read_wav(path("out.wav")).samples.size(), 20u * 256u);
+}
+
+TEST_F(LiveAlsa, gives_up_a_device_that_delivers_nothing)
+{
+    make(16000, 1, 1, 60);
+    const Result result = faulty("stall@21", "--device board out.wav");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("live_alsa: board: has delivered no audio"), std::string::npos)
+        << result.err;
+    EXPECT_EQ(read_wav(path("out.wav")).samples.size(), 20u * 256u);
+}
+
+TEST_F(LiveAlsa, stops_cleanly_on_a_signal)
+{
+    make(16000, 1, 1, 10);
+    for (const std::string signal : {"INT", "TERM"}) {
+        const Result result =
+            faulty("paced", "--device board out.wav & sleep 1; kill -" + signal + " $!; wait $!");
+        EXPECT_EQ(result.status, 0) << signal << result.err;
+        EXPECT_GT(read_wav(path("out.wav")).samples.size(), 10u * 256u) << signal;
+    }
+}
+
+TEST_F(LiveAlsa, says_that_the_disk_is_full)
+{
+    make(16000, 1, 1, 100);
+    const Result full = shell("trap '' XFSZ; ulimit -f 100; " +
+                              command(LIVE_ALSA, "--device board --frames 400 out.wav")); // 200 KB
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.err.find("live_alsa: out.wav: cannot be written"), std::string::npos)
+        << full.err;
+}
+
+TEST_F(LiveAlsa, says_what_a_device_cannot_do)
+{
+    make(16000, 1, 1, 10);
+    const struct {
+        std::string arguments, message;
+    } cases[] = {
+        {"--device nonesuch", "live_alsa: nonesuch: cannot be opened: No such file or directory\n"},
+        {"--device two --refs 3", "live_alsa: two: has 2 to 2 channels, not the 4 wanted\n"},
+        {"--device board --frames 1 nowhere/out.wav", "live_alsa: nowhere/out.wav: cannot be "},
+        {"--device board --play nonesuch", "live_alsa: nonesuch: cannot be opened: "},
+    };
+    for (const auto &c : cases) {
+        const Result result = live(c.arguments);
+        EXPECT_EQ(result.status, 1) << c.arguments;
+        EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+    }
+}
+
+TEST_F(LiveAlsa, refuses_a_wrong_command_line_with_one_line)
+{
+    const struct {
+        std::string arguments, message;
+    } cases[] = {
+        {"", "command line: needs --device, or --mic-device and --ref-device"},
+        {"--mic-device a", "command line: needs --device, or --mic-device and --ref-device"},
+        {"--device a --ref-device b", "--device: excludes --mic-device and --ref-device"},
+        {"--mic-device a --ref-device b --order refs-first",
+         "--order: describes --device, but two devices are given"},
+        {"--device a --rate 44100", "--rate: 44100 is not 8000, 16000, 32000 or 48000"},
+        {"--device a --mics 3", "--mics: '3' is not a number from 1 to 2"},
+        {"--device a --drop 2", "--drop: 2 is more than the 1 reference(s)"},
+        {"--device a --remap 0,1", "--remap: names 2 channel(s) for 1 microphone(s)"},
+        {"--device a --remap 2", "--remap: channel 2 is outside the channels, 0 to 1"},
+        {"--device a --seconds none", "--seconds: 'none' is not a time in seconds, up to 1000000"},
+        {"--device a x.wav y.wav", "y.wav: is one argument too many, see live_alsa --help"},
+        {"--device a --echo x.wav x.wav", "x.wav: is already another output"},
+        {"--device a --echo x.wav --capture x.wav", "x.wav: is already another output"},
+        {"--frames", "--frames: needs a value"},
+        {"--nonsense", "--nonsense: no such option, see live_alsa --help"},
+    };
+    for (const auto &c : cases) {
+        const Result result = shell(LIVE_ALSA " " + c.arguments);
+        EXPECT_EQ(result.status, 2) << c.arguments;
+        EXPECT_EQ(result.err, "live_alsa: " + c.message + "\n");
+    }
+}
+
+TEST_F(LiveAlsa, prints_help_and_version)
+{
+    EXPECT_NE(shell(LIVE_ALSA " --help").out.find("Usage: live_alsa"), std::string::npos);
+    EXPECT_EQ(shell(LIVE_ALSA " --version").out.find("live_alsa (nax_aec) "), 0u);
+}
+
+} // namespace
