@@ -171,7 +171,7 @@ Memory memory_now()
 }
 
 struct Run {
-    int64_t differences = 0; // frames in which the entry points differ
+    int64_t differences = 0;          // frames in which the entry points differ
     int64_t steps = 0, not_found = 0; // before the next step, in more than FIND_S
     double judged_s = 0, wrong_s = 0; // active far end after FIND_S
     double worst_find_s = 0;          // longest active far end from a step to right

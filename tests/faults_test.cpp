@@ -190,6 +190,25 @@ TEST_F(Faults, SurvivesAnyAmountOfMemoryLeftForTheEngines)
     }
 }
 
+// Sizes that no memory holds are refused by the allocator, in one piece or line by line,
+// and what was handed out comes back.
+TEST_F(Faults, CreationAndTeardownSurviveEveryExtremeOfEveryWord)
+{
+    heap::limit = int64_t{64} << 20;
+    const int16_t table[] = {0, 1};
+    constexpr int32_t EXTREMES[] = {INT32_MIN, INT32_MIN + 1, -5000,         -1,       3,
+                                    4,         65536,         INT32_MAX - 1, INT32_MAX};
+    for (int word = 0; word < 6; word++)
+        for (const int32_t extreme : EXTREMES) {
+            int32_t words[] = {0, 0, 1, 0, 0};
+            for (int w = 0; w < 5; w++)
+                if (w == word || word == 5) words[w] = extreme;
+            const State state =
+                make_state(16000, 2, 2, {words[0], words[1], words[2], words[3], words[4], table});
+            EXPECT_NE(state, nullptr) << word << " " << extreme;
+        }
+}
+
 // What comes out with a stream that fails is what comes out without one.
 static void expect_audio_goes_on(FILE *broken)
 {

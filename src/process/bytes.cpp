@@ -40,18 +40,15 @@ static void select_channels(nax_aec_state &state, int32_t instants)
     const int64_t first_ref = refs_first ? 0 : mics;
     const int64_t first_mic = refs_first ? state.num_ref_channel : 0;
 
-    int64_t mic_source[2] = {first_mic, first_mic + 1};
-    if (state.remap_en)
-        for (int32_t m = 0; m < mics; m++)
-            mic_source[m] = state.array_list[m];
-
     const int32_t stride = state.num_channel - state.drop_channel;
     for (int64_t k = 0; k < kept; k++)
         copy_channel(state.pcm_buf + first_ref + k, state.num_channel, state.sel_buf + mics + k,
                      stride, instants);
-    for (int32_t m = 0; m < mics; m++)
-        copy_channel(state.pcm_buf + mic_source[m], state.num_channel, state.sel_buf + m, stride,
+    for (int32_t m = 0; m < mics; m++) {
+        const int64_t source = state.remap_en ? state.array_list[m] : first_mic + m;
+        copy_channel(state.pcm_buf + source, state.num_channel, state.sel_buf + m, stride,
                      instants);
+    }
 }
 
 static void dump(FILE *stream, const int16_t *samples, int64_t count)
