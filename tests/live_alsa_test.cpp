@@ -258,7 +258,7 @@ TEST_F(LiveAlsa, says_in_one_line_how_it_went)
     EXPECT_LT(out, in - 6);
     EXPECT_NEAR(removed, in - out, 2);
     EXPECT_EQ(mic + ref + overruns, 0);
-    EXPECT_GT(peak, 0);
+    EXPECT_GE(peak, load); // both round to 0 on a fast machine
 }
 
 TEST_F(LiveAlsa, waits_for_the_disk_where_the_device_has_no_clock)
