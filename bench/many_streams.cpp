@@ -110,8 +110,8 @@ int main()
 {
     if (!freopen("/dev/null", "w", stderr)) return 1; // the library's banners
     for (const Format &format : {Format{16000, 1, 1}, Format{48000, 2, 2}})
-        for (const size_t states : {1, 8, 64, 512})
-            for (const size_t threads : {1, 2})
+        for (const size_t states : {1u, 8u, 64u, 512u})
+            for (const size_t threads : {1u, 2u})
                 if (states >= threads) measure(format, states, threads);
     return 0;
 }
