@@ -186,6 +186,11 @@ static void watch(Instance &instance, const int16_t *mics, const int16_t *cleane
 static void interleave(const int16_t *from, int32_t frame_size, int32_t channels, int16_t *to,
                        int32_t block_size, int32_t shift)
 {
+    if (channels == 1) { // apart, so that the compiler may vectorise it
+        for (int32_t i = 0; i < block_size; i++)
+            to[i] = static_cast<int16_t>(from[i] >> shift);
+        return;
+    }
     for (int32_t c = 0; c < channels; c++)
         for (int32_t i = 0; i < block_size; i++)
             to[i * channels + c] = static_cast<int16_t>(from[c * frame_size + i] >> shift);
