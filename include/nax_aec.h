@@ -43,7 +43,7 @@
  * @par Messages
  * Everything the library has to say goes to standard error. A line that begins
  * "LOG (" names the function and a fixed number. libspeexdsp adds a line of its own
- * when an extreme signal makes it start anew.
+ * when it starts anew; only signals beyond full-scale noise can bring that about.
  */
 #ifndef NAX_AEC_H
 #define NAX_AEC_H
@@ -219,8 +219,8 @@ void nax_aec_state_destroy(nax_aec_state *state);
  *
  * Threads: one at a time per state.
  *
- * Real time: yes, no allocation, no lock, no system call (but for the two
- * messages).
+ * Real time: yes, no allocation, no lock, no system call (but for messages: the
+ * two above, and libspeexdsp's own, see Messages at the top).
  */
 int32_t nax_aec_short(nax_aec_state *state, const int16_t *in, int16_t *out, int16_t *echo,
                       int32_t len);

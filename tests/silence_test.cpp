@@ -104,11 +104,9 @@ TEST(Extremes, TheEchoRemovalComesBackAfterEachOfThem)
         for (const Extreme &extreme : EXTREMES) {
             SCOPED_TRACE(testing::Message() << extreme.name << " at " << rate << " Hz");
             Stream stream(rate, rate / 10);
-            standard_error_of([&] { // the canceller library reports its restarts
-                stream.call(2);
-                stream.play(extreme, 3.0);
-                EXPECT_GT(stream.call(5), 25.0);
-            });
+            EXPECT_EQ(standard_error_of([&] { stream.call(2); }), "");
+            EXPECT_EQ(standard_error_of([&] { stream.play(extreme, 3.0); }), "");
+            EXPECT_EQ(standard_error_of([&] { EXPECT_GT(stream.call(5), 25.0); }), "");
             stream.expect_found();
         }
 }
@@ -122,11 +120,38 @@ TEST(Extremes, AMutedMicrophoneComesOutSilent)
             if (extreme.mic_is_silent) {
                 SCOPED_TRACE(testing::Message() << extreme.name << " at " << rate << " Hz");
                 Stream stream(rate, rate / 10);
-                standard_error_of([&] {
-                    stream.call(2);
-                    EXPECT_LE(stream.play(extreme, 6.0), 32);
-                });
+                stream.call(2);
+                EXPECT_LE(stream.play(extreme, 6.0), 32);
             }
+}
+
+// libspeexdsp gives up with a message, on the audio thread, on what it takes for
+// impossible: an energy that clipped signals reach, more so in several channels, which
+// it adds up, or an echo that grows.
+TEST(Extremes, NoneOfThemInSeveralChannelsMakesTheCancellerLibrarySpeak)
+{
+    const auto talk = [](int64_t n, int32_t rate) {
+        return Instant{talker(n + rate - LAG, rate), talker(n, rate)};
+    };
+    for (const int32_t rate : EXTREME_RATES)
+        for (const Extreme &extreme : EXTREMES) {
+            SCOPED_TRACE(testing::Message() << extreme.name << " at " << rate << " Hz");
+            const State state = make_state(rate, 2, 2, {.pos = 1});
+            Samples in(static_cast<size_t>(4 * frame_size(rate))), out(in.size());
+            const std::string said = standard_error_of([&] {
+                for (int64_t n = 0; n < 6 * rate;) {
+                    const bool calm = n < 2 * rate || n >= 5 * rate;
+                    for (auto sample = in.begin(); sample != in.end(); n++) {
+                        const Instant now = calm ? talk(n, rate) : extreme.at(n, rate);
+                        sample = std::fill_n(sample, 2, now.mic);
+                        sample = std::fill_n(sample, 2, now.ref);
+                    }
+                    nax_aec_short(state.get(), in.data(), out.data(), nullptr,
+                                  static_cast<int32_t>(in.size()));
+                }
+            });
+            EXPECT_EQ(said, "");
+        }
 }
 
 // Filters and averages decay all the while; what they leave must neither grow nor spoil
@@ -155,11 +180,9 @@ TEST(Extremes, NoneOfThemMakesTheArithmeticFail)
     for (const int32_t rate : EXTREME_RATES)
         for (const Extreme &extreme : EXTREMES) {
             Stream stream(rate, rate / 10);
-            standard_error_of([&] {
-                stream.call(1);
-                stream.play(extreme, 3.0);
-                stream.call(1);
-            });
+            stream.call(1);
+            stream.play(extreme, 3.0);
+            stream.call(1);
         }
     fedisableexcept(TRAPS);
 }

@@ -46,6 +46,16 @@ static constexpr float POWER_KEEP = 0.9f; // decay per frame of the powers compa
 static constexpr int32_t LOUDER_FRAMES = 4;
 static constexpr float LOUDER_MARGIN = 10000; // of mean power; half of the library's
 
+// The library gives a block up, with a message on standard error, when the energy of
+// the reference, of its estimate of the echo or of the residual passes 2e9 a sample,
+// channels added up, behind its pre-emphasis. What comes near it is attenuated on the
+// way in, references and microphones alike: a frame of the first power, as of square
+// waves, and a block of the second one between samples. A sine has neither, nor does
+// noise; what has them is clipped.
+static constexpr float HOT_FRAME_POWER = 8e8f;
+static constexpr float HOT_BLOCK_POWER = 6e8f;
+static constexpr int32_t HOT_SHIFT = 2; // bits
+
 struct Instance {
     SpeexEchoState *library; // null: pass the microphones through
     int32_t frame_size;
@@ -138,12 +148,12 @@ static float mean_power(const int16_t *samples, int32_t count)
     return static_cast<float>(sum) / static_cast<float>(count);
 }
 
-static void track_powers(Instance &instance, const int16_t *mic_frame, const int16_t *ref_frame)
+// Running mean of the power of a planar frame. Returns whether the frame is hot.
+static bool track_power(const int16_t *samples, int32_t frame_size, int32_t channels, float &power)
 {
-    const float mic = mean_power(mic_frame, instance.frame_size * instance.mics);
-    const float ref = mean_power(ref_frame, instance.frame_size * instance.speakers);
-    instance.mic_power = POWER_KEEP * instance.mic_power + (1 - POWER_KEEP) * mic;
-    instance.ref_power = POWER_KEEP * instance.ref_power + (1 - POWER_KEEP) * ref;
+    const float now = mean_power(samples, frame_size * channels);
+    power = POWER_KEEP * power + (1 - POWER_KEEP) * now;
+    return static_cast<float>(channels) * now > HOT_FRAME_POWER;
 }
 
 // Starts the library anew: a filter that learnt another alignment is worse than none.
@@ -171,14 +181,21 @@ static float bright_power(const int16_t *samples, int32_t channels, int32_t coun
     return (sum[0] + sum[1] + sum[2] + sum[3]) / static_cast<float>(count);
 }
 
-// Restarts the library when it adds echo rather than removing it.
-static void watch(Instance &instance, const int16_t *mics, const int16_t *cleaned)
+// Restarts the library when it adds echo rather than removing it, by the powers of a
+// frame before and after.
+static void watch(Instance &instance, float heard, float left)
 {
-    const int32_t count = instance.frame_size * instance.mics;
-    const float heard = bright_power(mics, instance.mics, count);
-    const float left = bright_power(cleaned, instance.mics, count);
     instance.louder_frames = left > heard + LOUDER_MARGIN ? instance.louder_frames + 1 : 0;
     if (instance.louder_frames >= LOUDER_FRAMES) restart(instance);
+}
+
+// Whether a block of planar channels, frame_size samples apart, is hot.
+static bool is_hot(const int16_t *from, int32_t frame_size, int32_t channels, int32_t block_size)
+{
+    float power = 0;
+    for (int32_t c = 0; c < channels; c++)
+        power += bright_power(from + c * frame_size, 1, block_size);
+    return power > HOT_BLOCK_POWER;
 }
 
 // One block of planar channels, frame_size samples apart, to interleaved, divided by
@@ -213,21 +230,34 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
 
     const FlushDenormals flush;
     const int32_t mics = instance->mics;
+    const int32_t speakers = instance->speakers;
     const int32_t frame = instance->frame_size;
     const int32_t block = instance->block_size;
-    track_powers(*instance, mic_frame, ref_frame);
+    const bool hot_mics = track_power(mic_frame, frame, mics, instance->mic_power);
+    const bool hot_refs = track_power(ref_frame, frame, speakers, instance->ref_power);
     if (delay_changed) restart(*instance);
 
-    interleave(mic_frame, frame, mics, echo_frame, frame, 0); // until the echo is known
+    float heard = 0, left = 0;
     for (int32_t start = 0; start < frame; start += block) {
-        interleave(mic_frame + start, frame, mics, instance->mic_block, block, instance->mic_shift);
-        interleave(ref_frame + start, frame, instance->speakers, instance->ref_block, block, 0);
+        const bool hot = hot_mics || hot_refs || is_hot(mic_frame + start, frame, mics, block) ||
+                         is_hot(ref_frame + start, frame, speakers, block);
+        const int32_t ref_shift = hot ? HOT_SHIFT : 0;
+        const int32_t mic_shift = ref_shift + instance->mic_shift;
+        int16_t *cleaned = aec_frame + start * mics;
+        interleave(mic_frame + start, frame, mics, instance->mic_block, block, mic_shift);
+        interleave(ref_frame + start, frame, speakers, instance->ref_block, block, ref_shift);
         speex_echo_cancellation(instance->library, instance->mic_block, instance->ref_block,
-                                aec_frame + start * mics);
+                                cleaned);
+        const float scale = static_cast<float>(1 << (2 * mic_shift));
+        heard += scale * bright_power(instance->mic_block, mics, block * mics);
+        left += scale * bright_power(cleaned, mics, block * mics);
+        for (int32_t i = 0; i < block * mics; i++)
+            cleaned[i] = saturate_int16(cleaned[i] * (1 << mic_shift));
     }
-    for (int32_t i = 0; i < frame * mics; i++)
-        aec_frame[i] = saturate_int16(aec_frame[i] * (1 << instance->mic_shift));
-    watch(*instance, echo_frame, aec_frame);
+    const float blocks = static_cast<float>(frame) / static_cast<float>(block);
+    watch(*instance, heard / blocks, left / blocks);
+
+    interleave(mic_frame, frame, mics, echo_frame, frame, 0);
     for (int32_t i = 0; i < frame * mics; i++)
         echo_frame[i] = saturate_int16(echo_frame[i] - aec_frame[i]);
 }
