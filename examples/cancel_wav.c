@@ -67,13 +67,13 @@ __attribute__((noreturn)) static void fail_sndfile(const char *path, SNDFILE *fi
     const char *reason = sf_strerror(file);
     const char *colon = strstr(reason, " : ");
     reason = colon ? colon + 3 : reason;
-    fail(STATUS_FILE, path, "%.*s", (int)strcspn(reason, ".\n"), reason);
+    fail(STATUS_FAILED, path, "%.*s", (int)strcspn(reason, ".\n"), reason);
 }
 
 static int16_t *allocate(size_t samples)
 {
     int16_t *memory = calloc(samples, sizeof *memory);
-    if (!memory) fail(STATUS_FILE, "memory", "cannot get room for %zu samples", samples);
+    if (!memory) fail(STATUS_FAILED, "memory", "cannot get room for %zu samples", samples);
     return memory;
 }
 
@@ -100,13 +100,13 @@ static SNDFILE *open_wav(const char *path, SF_INFO *info)
     if (!file) fail_sndfile(path, NULL);
     const int container = info->format & SF_FORMAT_TYPEMASK;
     if (container != SF_FORMAT_WAV && container != SF_FORMAT_WAVEX)
-        fail(STATUS_FILE, path, "is not a WAV file");
+        fail(STATUS_FAILED, path, "is not a WAV file");
     if ((info->format & SF_FORMAT_SUBMASK) != SF_FORMAT_PCM_16)
-        fail(STATUS_FILE, path, "is not 16-bit PCM, the only sample format accepted");
-    if (info->samplerate != 8000 && info->samplerate != 16000 && info->samplerate != 32000 &&
-        info->samplerate != 48000)
-        fail(STATUS_FILE, path, "has %d Hz, not 8000, 16000, 32000 or 48000 Hz", info->samplerate);
-    if (info->frames == 0) fail(STATUS_FILE, path, "holds no samples");
+        fail(STATUS_FAILED, path, "is not 16-bit PCM, the only sample format accepted");
+    if (!is_supported_rate(info->samplerate))
+        fail(STATUS_FAILED, path, "has %d Hz, not 8000, 16000, 32000 or 48000 Hz",
+             info->samplerate);
+    if (info->frames == 0) fail(STATUS_FAILED, path, "holds no samples");
     claim(path, false);
     return file;
 }
@@ -118,7 +118,7 @@ static sf_count_t common_length(const struct options *options, const SF_INFO *in
     const sf_count_t extra = info[1].frames - info[0].frames;
     const double apart_s = fabs((double)extra) / info[0].samplerate;
     if (apart_s > 1.0)
-        fail(STATUS_FILE, options->in[1], "is %.3f s %s than %s, more than 1 s apart", apart_s,
+        fail(STATUS_FAILED, options->in[1], "is %.3f s %s than %s, more than 1 s apart", apart_s,
              extra > 0 ? "longer" : "shorter", options->in[0]);
     if (extra != 0 && !options->quiet)
         fprintf(stderr, "cancel_wav: %s: is %.3f s %s than %s, the shorter length counts\n",
@@ -128,29 +128,30 @@ static sf_count_t common_length(const struct options *options, const SF_INFO *in
 
 static void lay_out_channels(struct source *source, const struct options *options)
 {
+    const struct words *words = &options->words;
     const int all = (int)(source->width[0] + source->width[1]);
-    const int mics = source->files == 2 ? (int)source->width[0] : options->mics;
+    const int mics = source->files == 2 ? (int)source->width[0] : words->mics;
     const int refs = all - mics;
     if (mics > MAX_MICS)
-        fail(STATUS_FILE, options->in[0], "has %d channels, not 1 or 2 microphones", mics);
+        fail(STATUS_FAILED, options->in[0], "has %d channels, not 1 or 2 microphones", mics);
     if (refs < 1)
-        fail(STATUS_FILE, options->in[0],
+        fail(STATUS_FAILED, options->in[0],
              "has %d channel(s), too few for %d microphone(s) and a reference", all, mics);
-    if (options->drop > refs)
-        fail(STATUS_USAGE, "--drop", "%d is more than the %d reference(s) of %s", options->drop,
-             refs, options->in[source->files - 1]);
-    if (options->drop == refs && options->refs)
-        fail(STATUS_USAGE, "--refs", "--drop %d leaves no reference to write", options->drop);
-    if (options->remap_count > 0 && options->remap_count != mics)
+    if (words->drop > refs)
+        fail(STATUS_USAGE, "--drop", "%d is more than the %d reference(s) of %s", words->drop, refs,
+             options->in[source->files - 1]);
+    if (words->drop == refs && options->refs)
+        fail(STATUS_USAGE, "--refs", "--drop %d leaves no reference to write", words->drop);
+    if (words->remap_count > 0 && words->remap_count != mics)
         fail(STATUS_USAGE, "--remap", "names %d channel(s) for the %d microphone(s) of %s",
-             options->remap_count, mics, options->in[0]);
-    for (int m = 0; m < options->remap_count; m++)
-        if (options->remap[m] >= all)
+             words->remap_count, mics, options->in[0]);
+    for (int m = 0; m < words->remap_count; m++)
+        if (words->remap[m] >= all)
             fail(STATUS_USAGE, "--remap", "channel %d is outside the input's channels, 0 to %d",
-                 options->remap[m], all - 1);
+                 words->remap[m], all - 1);
     source->mics = (size_t)mics;
     source->refs = (size_t)refs;
-    source->kept = (size_t)(refs - options->drop);
+    source->kept = (size_t)(refs - words->drop);
     source->channels = (size_t)all;
 }
 
@@ -163,7 +164,7 @@ static struct source open_source(const struct options *options)
         source.width[i] = (size_t)info[i].channels;
     }
     if (source.files == 2 && info[1].samplerate != info[0].samplerate)
-        fail(STATUS_FILE, options->in[1], "has %d Hz, but %s has %d Hz", info[1].samplerate,
+        fail(STATUS_FAILED, options->in[1], "has %d Hz, but %s has %d Hz", info[1].samplerate,
              options->in[0], info[0].samplerate);
     lay_out_channels(&source, options);
     source.rate = info[0].samplerate;
@@ -191,7 +192,7 @@ static int read_frame(struct source *source, const struct options *options, int1
     memset(audio, 0, (size_t)source->frame * source->channels * sizeof *audio);
     for (int i = 0; i < source->files; audio += source->width[i++]) {
         if (sf_readf_short(source->file[i], source->scratch, count) != count)
-            fail(STATUS_FILE, options->in[i], "ends before its header says");
+            fail(STATUS_FAILED, options->in[i], "ends before its header says");
         copy_channels(audio, source->channels, source->scratch, source->width[i], source->width[i],
                       count);
     }
@@ -218,7 +219,7 @@ static FILE *create_file(const char *path)
 {
     claim(path, true);
     FILE *file = fopen(path, "wb");
-    if (!file) fail(STATUS_FILE, path, "%s", strerror(errno));
+    if (!file) fail(STATUS_FAILED, path, "%s", strerror(errno));
     claim(path, false);
     return file;
 }
@@ -262,14 +263,14 @@ static void close_wav(SNDFILE *file, const char *path)
     if (!file) return;
     sf_write_sync(file);
     if (sf_error(file)) fail_sndfile(path, file);
-    if (sf_close(file)) fail(STATUS_FILE, path, "cannot be completed");
+    if (sf_close(file)) fail(STATUS_FAILED, path, "cannot be completed");
 }
 
 static void close_file(FILE *file, const char *path)
 {
     if (!file) return;
     const bool failed = ferror(file);
-    if (fclose(file) != 0 || failed) fail(STATUS_FILE, path, "cannot be written");
+    if (fclose(file) != 0 || failed) fail(STATUS_FAILED, path, "cannot be written");
 }
 
 static void close_sinks(struct sinks *sinks, const struct options *options)
@@ -335,7 +336,8 @@ static void print_report(const struct report *report, const struct source *sourc
 {
     const double audio_s = (double)source->length / source->rate;
     const long listed = report->changes < MAX_LISTED_CHANGES ? report->changes : MAX_LISTED_CHANGES;
-    printf("Applied delay%s\n", options->estimate ? "" : " (estimation is off, nothing held back)");
+    printf("Applied delay%s\n",
+           options->words.estimate ? "" : " (estimation is off, nothing held back)");
     for (long i = 0; i < listed; i++)
         printf("  from %8.3f s: %5d samples, %6.1f ms\n", report->change[i].time_s,
                report->change[i].delay, 1e3 * report->change[i].delay / source->rate);
@@ -364,26 +366,17 @@ static void show_progress(const struct source *source)
 
 static nax_aec_state *create_state(const struct options *options, const struct source *source)
 {
-    /* Lives as long as the state, which borrows it. */
-    static int16_t table[MAX_MICS];
+    static const int16_t as_they_are[MAX_MICS] = {0, 1};
+    nax_aec_param param = param_of(&options->words);
     /* With microphones first and nothing to drop or remap the library has no
      * selection to dump; a table that changes nothing makes it do one. */
-    const bool by_table =
-        options->remap_count > 0 || (options->dump && options->order == MICS_FIRST);
-    for (int m = 0; m < MAX_MICS; m++)
-        table[m] = options->remap_count > 0 ? options->remap[m] : (int16_t)m;
-    const nax_aec_param param = {
-        .pos = options->order,
-        .drop_channel = options->drop,
-        .model_aec_en =
-            (options->estimate ? NAX_AEC_DELAY_ESTIMATION : 0) | (by_table ? NAX_AEC_REMAP : 0),
-        .delay_len = options->delay,
-        .look_ahead = options->look_ahead,
-        .array_list = table,
-    };
+    if (options->dump && param.pos == MICS_FIRST && options->words.remap_count == 0) {
+        param.model_aec_en |= NAX_AEC_REMAP;
+        param.array_list = as_they_are;
+    }
     nax_aec_state *state =
         nax_aec_state_init(source->rate, 16, (int32_t)source->mics, (int32_t)source->refs, &param);
-    if (!state) fail(STATUS_FILE, options->in[0], "the library does not accept this format");
+    if (!state) fail(STATUS_FAILED, options->in[0], "the library does not accept this format");
     return state;
 }
 
@@ -428,7 +421,7 @@ static void cancel(const struct options *options, struct source *source, struct 
 
 int main(int argc, char **argv)
 {
-    const struct options options = parse_options(argc, argv);
+    const struct options options = cancel_wav_options(argc, argv);
     struct source source = open_source(&options);
     struct sinks sinks;
     struct report report = {0};

@@ -14,7 +14,13 @@ WINDOW_S, HOP_S = 1.0, 0.25     # of the delay over time
 SURE = 8.0                      # a correlation's peak over its root mean square; the largest
                                 # of 30000 values of plain noise stays below 5
 LEAD_S = 0.002                  # the first arrival may come that much before the strongest
-BLOCK_S = 4                     # a filter is fitted to so much, whole seconds
+SETTLE_S = 0.5                  # around a step: the track places it no better
+STEADY_LINES = 25               # lines of 1 Hz: with 99 % of its energy in fewer, a second of
+TONAL_LINES = 200               # sound is steady tones; in fewer than these, beeps or held notes;
+                                # most seconds of speech take more than 500
+ALIKE = 0.97                    # of 1: sound that is so much like itself at another delay repeats;
+                                # speech stays below 0.6, most of music below 0.95
+BLOCK_S = 2                     # a filter is fitted to so much, whole seconds
 STEP_S = 0.002                  # a smaller move is another reflection, not another delay
 
 
@@ -64,13 +70,15 @@ def bytes_look_swapped(samples):
 
 
 def clipped_share(samples):
-    """Share of int16 samples in runs of 3 or more at the channel's own largest value."""
+    """Share of int16 samples in runs of 3 or more at the channel's own largest value; a
+    square wave is always there."""
     largest = int(np.abs(samples.astype(int)).max())
     if largest < 1000:
         return 0.0
     at_limit = np.abs(samples.astype(int)) >= largest - 1
     inner = at_limit[1:-1] & at_limit[:-2] & at_limit[2:]
-    return float(inner.sum() / len(samples))
+    share = float(inner.sum() / len(samples))
+    return share if share < 0.9 else 0.0
 
 
 def still_share(x, rate):
@@ -78,31 +86,45 @@ def still_share(x, rate):
     return float((frame_powers(x, rate) == 0).mean())
 
 
-def spectrum(x, rate, size=1024):
+def is_steady(x, rate, lines=STEADY_LINES):
+    """Whether a window is steady tones, which look alike at many delays."""
+    power = np.square(np.abs(np.fft.rfft((x - x.mean()) * np.hanning(len(x)), rate)))
+    return bool(np.sort(power)[-lines:].sum() > 0.99 * power.sum())
+
+
+def frame_spectra(x, rate, size=1024):
+    """Power spectra of the active pieces (pieces x bins), half overlapped, and their
+    frequencies in Hz (bins)."""
+    starts = range(0, max(1, len(x) - size + 1), size // 2)
+    pieces = [x[s:s + size] for s in starts]
+    pieces = [p - p.mean() for p in pieces if len(p) == size and p.var() > ACTIVE_POWER]
+    frequency = np.fft.rfftfreq(size, 1 / rate)
+    if not pieces:
+        return np.zeros((1, len(frequency))), frequency
+    return np.abs(np.fft.rfft(np.array(pieces) * np.hanning(size))) ** 2, frequency
+
+
+def spectrum(x, rate):
     """Mean power spectrum of the active frames in dB (bins) and its frequencies in Hz."""
-    hop = size // 2
-    window = np.hanning(size)
-    starts = range(0, max(1, len(x) - size), hop)
-    total, count = np.zeros(size // 2 + 1), 0
-    for start in starts:
-        piece = x[start:start + size]
-        if len(piece) == size and piece.var() > ACTIVE_POWER:
-            total += np.abs(np.fft.rfft((piece - piece.mean()) * window)) ** 2
-            count += 1
-    return decibels(total / max(count, 1)), np.fft.rfftfreq(size, 1 / rate)
+    powers, frequency = frame_spectra(x, rate)
+    return decibels(powers.mean(axis=0)), frequency
 
 
 def band_edge(x, rate):
     """Frequency in Hz above which a resampler left nothing, or rate / 2. Only a cliff
     counts: 25 dB within a twentieth of the band, and nothing higher up; sounds by
-    themselves fall off in slopes."""
-    level, frequency = spectrum(x, rate)
+    themselves fall off in slopes. The octave below it is filled, by loud consonants for
+    example; a cliff behind single lines is where a tone ends."""
+    powers, frequency = frame_spectra(x, rate)
+    level = decibels(powers.mean(axis=0))
     width = len(level) // 20
     for bin in range(2 * width, len(level) - 2 * width):
         below = level[bin - width:bin].mean()
         above = level[bin + width:]
         if above.max() < below - 25 and above.mean() < below - 30:
-            return float(frequency[bin + width // 2])
+            octave = powers[:, bin // 2:bin]
+            is_filled = np.median(octave, axis=1).sum() > 0.03 * octave.mean(axis=1).sum()
+            return float(frequency[bin + width // 2]) if is_filled else rate / 2
     return rate / 2
 
 
@@ -117,14 +139,19 @@ def faded(x, rate):
     return x
 
 
+def surroundings(x, start, rate):
+    """x (n) from SEARCH_SAMPLES before a window to as many behind it, drawn to 0 and
+    followed by zeros at its ends."""
+    first, last = start - SEARCH_SAMPLES, start + int(WINDOW_S * rate) + SEARCH_SAMPLES
+    return np.pad(faded(x[max(0, first):min(len(x), last)], rate), (max(0, -first), max(0, last - len(x))))
+
+
 def correlation(x, y, start, rate):
     """Generalised cross-correlation with phase transform (2 SEARCH_SAMPLES + 1) of a
     window of y at start with all of x that could be behind it. Index i is the delay
     i - SEARCH_SAMPLES."""
     window = int(WINDOW_S * rate)
-    first, last = start - SEARCH_SAMPLES, start + window + SEARCH_SAMPLES
-    left, right = max(0, -first), max(0, last - len(x))
-    x_part = np.pad(faded(x[max(0, first):min(len(x), last)], rate), (left, right))
+    x_part = surroundings(x, start, rate)
     y_part = faded(y[start:start + window], rate)
     size = 1 << int(np.ceil(np.log2(len(x_part) + window)))
     cross = np.fft.rfft(y_part, size) * np.conj(np.fft.rfft(x_part, size))
@@ -158,11 +185,31 @@ def active_starts(x, y, rate, hop_s=HOP_S):
             if all(c[s // frame:(s + window) // frame].mean() > 0.1 for c in both)]
 
 
+def is_repeating(x, start, rate):
+    """Whether the window of x at start looks like its surroundings elsewhere."""
+    window, near = int(WINDOW_S * rate), int(0.05 * rate)
+    around, x_part = surroundings(x, start, rate), x[start:start + window]
+    size = -(-len(around) // 1024) * 1024           # what wraps comes behind the lags wanted
+    cross = np.fft.irfft(np.fft.rfft(around, size) * np.fft.rfft(x_part, size).conj(), size)
+    sums = np.concatenate([[0], np.cumsum(around * around)])
+    energy, own = sums[window:] - sums[:-window], np.dot(x_part, x_part)
+    alike = cross[:len(energy)] / np.sqrt(own * np.maximum(energy, 0.1 * own))
+    return bool(max(alike[:SEARCH_SAMPLES - near].max(), alike[SEARCH_SAMPLES + near:].max()) > ALIKE)
+
+
+def telling(x, starts, rate, lines=STEADY_LINES):
+    """Those windows in which x fits one delay only: no steady tones, no repetition."""
+    window = int(WINDOW_S * rate)
+    return [s for s in starts
+            if not is_steady(x[s:s + window], rate, lines) and not is_repeating(x, s, rate)]
+
+
 def relation(x, y, rate, windows=8):
     """Delay of y behind x in samples where the two are most clearly related, and how
     sure that is, from some windows over the whole length. A delay counts as sure as the
     second window that has it within 10 ms: one window alone says too much by chance."""
     starts = active_starts(x, y, rate, 0.5)
+    starts = telling(x, starts[::max(1, len(starts) // (2 * windows))], rate)
     chosen = starts[::max(1, len(starts) // windows)]
     found = [peak_of(correlation(x, y, s, rate), rate) for s in chosen]
 
@@ -175,19 +222,17 @@ def relation(x, y, rate, windows=8):
 
 
 def delay_track(x, y, rate):
-    """Times in s and delays in samples (points) where the delay is sure. A delay that
-    none of its neighbours confirms is left out."""
-    points = []
-    for start in active_starts(x, y, rate):
+    """Times in s and delays in samples (points) where the delay is sure, and the number of
+    windows that could tell it. A delay that none of its neighbours confirms is left out."""
+    starts, points = telling(x, active_starts(x, y, rate), rate), []
+    for start in starts:
         delay, sure = peak_of(correlation(x, y, start, rate), rate)
         if sure > SURE:
             points.append((start / rate + WINDOW_S / 2, delay))
-    if not points:
-        return np.zeros(0), np.zeros(0)
-    times, delays = np.array(points).T
-    confirmed = [np.sum(np.abs(delays[max(0, i - 3):i + 4] - d) < STEP_S * rate) >= 3
-                 for i, d in enumerate(delays)]
-    return times[confirmed], delays[confirmed]
+    times, delays = np.array(points).reshape(-1, 2).T
+    confirmed = np.array([np.sum(np.abs(delays[max(0, i - 3):i + 4] - d) < STEP_S * rate) >= 3
+                          for i, d in enumerate(delays)], bool)
+    return times[confirmed], delays[confirmed], len(starts)
 
 
 def sections(times, delays, rate):
@@ -231,12 +276,27 @@ def copy_error(x, y):
 
 # ---- how much is linear --------------------------------------------------------------
 
-def shift_at(time, times, delays, rate):
-    """Whole samples by which to hold x back at time in s: the track's delay around there,
-    less LEAD_S. Its median, because a sample to and fro would look like no relation."""
-    nearest = times[np.argmin(np.abs(times - time))]
-    around = delays[np.abs(times - nearest) <= 1.0]
-    return int(np.round(np.median(around) - LEAD_S * rate))
+def hold_back(x, parts, drift, rate):
+    """x (n) held back by the track, less LEAD_S, so that its echo comes with the filter's
+    first taps: by the median delay of each section and, where the clocks drift (ppm),
+    moving along. And where that is sure (n): not around the steps."""
+    time = np.arange(len(x)) / rate
+    shift, sure = np.zeros(len(x)), np.ones(len(x), bool)
+    for i, (times, delays) in enumerate(parts):
+        start = (parts[i - 1][0][-1] + times[0]) / 2 if i else 0
+        line = drift * 1e-6 * rate * (time - np.median(times))
+        off = np.median(delays - drift * 1e-6 * rate * (times - np.median(times)))
+        shift[time >= start] = (np.round(off - LEAD_S * rate) + line)[time >= start]
+        sure &= (abs(time - start) > SETTLE_S) | (i == 0)
+    at = np.arange(len(x)) - shift
+    whole = np.floor(at).astype(int)
+    held, half = np.zeros(len(x)), 8 if drift else 1
+    for k in range(1 - half, half + 1):             # a windowed sinc
+        off = at - whole - k
+        weight = np.sinc(off) * np.cos(np.pi * off / (2 * half)) ** 2
+        inside = (whole + k >= 0) & (whole + k < len(x))
+        held += weight * x[np.clip(whole + k, 0, len(x) - 1)] * inside
+    return held, sure
 
 
 def best_filter(references, y, taps):
@@ -275,17 +335,15 @@ def best_filter(references, y, taps):
     return filters
 
 
-def removable(references, y, rate, times, delays, filter_s):
+def removable(references, y, rate, filter_s):
     """dB of y that a linear filter of filter_s, the best for each BLOCK_S, could remove
-    while a reference (list of n) is active: over all, and over the best block. A near-end
-    talker counts as not removable; where he pauses is the best block. None where nothing
-    is active."""
+    while a reference (list of n, held back) is active: over all, and over the best block.
+    A near-end talker counts as not removable; where he pauses is the best block. None
+    where nothing is active."""
     taps, block, frame = int(filter_s * rate), BLOCK_S * rate, frame_size(rate)
     powers = []
     for start in range(0, len(y) - block + 1, block):
-        shift = shift_at(start / rate + BLOCK_S / 2, times, delays, rate)
-        at = np.clip(np.arange(start, start + block) - shift, 0, len(y) - 1)
-        parts = [x[at] for x in references]
+        parts = [x[start:start + block] for x in references]
         active = np.max([frame_powers(part, rate) for part in parts], axis=0) > ACTIVE_POWER
         active[:taps // frame + 1] = False      # the block's start lacks the echo of before
         if active.mean() < 0.2:
@@ -302,18 +360,17 @@ def removable(references, y, rate, times, delays, filter_s):
     return float(decibels(before.sum() / after.sum())), float(decibels(before / after).max())
 
 
-def coherence(x, y, rate, times, delays, window_s=0.128):
-    """Magnitude-squared coherence (bins) of x, aligned by the track and active, and y, and
-    its frequencies in Hz."""
+def coherence(x, y, rate, window_s=0.128):
+    """Magnitude-squared coherence (bins) of x, held back and active, and y, and its
+    frequencies in Hz."""
     size = int(window_s * rate)
     window = np.hanning(size)
     s_xx, s_yy, s_xy, used = 0.0, 0.0, 0.0, 0
     for start in range(0, len(y) - size, size // 2):
-        shift = shift_at((start + size / 2) / rate, times, delays, rate)
-        part = x[max(0, start - shift):max(0, start - shift) + size]
-        if len(part) < size or start < shift or part.var() < ACTIVE_POWER:
+        x_part, y_part = x[start:start + size], y[start:start + size]
+        if x_part.var() < ACTIVE_POWER:
             continue
-        x_spectrum, y_spectrum = (np.fft.rfft(c * window) for c in (part, y[start:start + size]))
+        x_spectrum, y_spectrum = (np.fft.rfft(c * window) for c in (x_part, y_part))
         s_xx = s_xx + np.abs(x_spectrum) ** 2
         s_yy = s_yy + np.abs(y_spectrum) ** 2
         s_xy = s_xy + x_spectrum.conj() * y_spectrum

@@ -37,7 +37,8 @@ def echo_lines(recording, echo):
     yield f"  drift {echo.drift_ppm:+.1f} ppm; the delay lines hold 0 to {measure.LINE} samples"
     for part, text in ((echo.short, " 32 ms, the library's,"), (echo.long, "128 ms")):
         if part:
-            yield f"  a linear filter of {text:<22} could remove {part[0]:5.1f} dB, {part[1]:5.1f} dB over the best 4 s"
+            yield (f"  a linear filter of {text:<22} could remove {part[0]:5.1f} dB, {part[1]:5.1f} dB over the "
+                   f"best {measure.BLOCK_S} s")
     yield "  (of all that the microphone holds while a reference is active, near end included)"
 
 
@@ -106,44 +107,68 @@ def page(recording, findings, echoes):
     return "\n".join(lines + ["Recommended parameters", textwrap.indent(parameters(recording, echoes), "    ")])
 
 
+def smoothed(share, bins=9):
+    """A running mean (n) that keeps the ends."""
+    weight = np.ones(bins)
+    return np.convolve(share, weight, "same") / np.convolve(np.ones(len(share)), weight, "same")
+
+
 def draw(recording, echoes, path):
-    """The chart: delay over time, spectra, coherence."""
+    """The chart: delay over time, spectra, coherence. A channel has one colour throughout."""
     import matplotlib
     matplotlib.use("Agg")
     from matplotlib import pyplot
     matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "diagnose_wav", "font.size": 9,
                                 "axes.spines.top": False, "axes.spines.right": False})
-    rate, colours = recording.rate, ("#1f6fb4", "#2a9d5c", "#d98324", "#9b4fb5")
-    figure, (upper, middle, lower) = pyplot.subplots(3, 1, figsize=(7, 7))
+    colours = pyplot.get_cmap("tab10").colors
+    rate = recording.rate
+    figure, (upper, middle, lower) = pyplot.subplots(3, 1, figsize=(7.5, 7.5))
+
     line_ms = 1e3 * measure.LINE / rate
-    upper.set(ylabel="delay, ms", xlabel="time, s", xlim=(0, len(recording.samples[0]) / rate))
-    upper.set_title("Delay of the echo behind the reference", loc="left")
-    for echo, colour in zip(echoes, colours):
-        upper.plot(echo.times, 1e3 * echo.delays / rate, ".", color=colour, ms=4, label=f"channel {echo.mic}")
+    for i, echo in enumerate(echoes):
+        upper.plot(echo.times, 1e3 * echo.delays / rate, ".", color=colours[echo.mic % 10], ms=7 - 4 * i,
+                   label=f"channel {echo.mic}")
     top = max([1e3 * e.delays.max() / rate for e in echoes], default=0)
     bottom = min([1e3 * e.delays.min() / rate for e in echoes], default=0)
     span = max(top - bottom, 10)
-    upper.set_ylim(bottom - span / 2, top + span / 2)
+    upper.set(ylabel="delay, ms", xlabel="time, s", xlim=(0, len(recording.samples[0]) / rate),
+              ylim=(bottom - span / 2, top + span / 2))
+    upper.ticklabel_format(useOffset=False)
     for bound in (0, line_ms):
-        upper.axhline(bound, color="#b03030", lw=1, ls="--")
-    upper.annotate(f"the delay lines hold 0 to {line_ms:.0f} ms (dashed)", (0.99, 0.04),
-                   xycoords="axes fraction", ha="right", color="#b03030", fontsize=8)
+        if upper.get_ylim()[0] < bound < upper.get_ylim()[1]:
+            upper.axhline(bound, color="#b03030", lw=1, ls="--")
+    upper.annotate(f"the delay lines hold 0 to {line_ms:.0f} ms", (0.99, 0.03), xycoords="axes fraction",
+                   ha="right", color="#b03030", fontsize=8)
+    if not echoes:
+        upper.annotate("no echo found", (0.5, 0.6), xycoords="axes fraction", ha="center")
+
+    full_scale = measure.decibels(np.hanning(1024).sum() ** 2 / 4)         # of a sine, in one line
     for c, x in enumerate(recording.audio):
         level, frequency = measure.spectrum(x, rate)
         if level.max() > -119:
-            middle.plot(frequency / 1e3, level, color=colours[c % 4], lw=1,
+            middle.plot(frequency / 1e3, level - full_scale, color=colours[c % 10], lw=1,
                         label=f"{c} {recording.roles[c]}")
-    middle.set(ylabel="dB", xlabel="frequency, kHz", xlim=(0, rate / 2e3))
-    middle.set_title("Spectra while active", loc="left")
-    for echo, colour in zip(echoes, colours):
-        x, y = recording.audio[echo.ref], recording.audio[echo.mic]
-        share, frequency = measure.coherence(x, y, rate, echo.times, echo.delays)
-        lower.plot(frequency / 1e3, share, color=colour, lw=1, label=f"channels {echo.ref} and {echo.mic}")
-    lower.set(ylabel="coherence", xlabel="frequency, kHz", xlim=(0, rate / 2e3), ylim=(0, 1.05))
-    lower.set_title("Coherence: how much of the microphone follows linearly from the reference", loc="left")
-    for axis in (upper, middle, lower):
-        if axis.get_legend_handles_labels()[0]:
-            axis.legend(frameon=False, fontsize=8, ncols=4)
+    middle.set(ylabel="dBFS a line", xlabel="frequency, kHz", xlim=(0, rate / 2e3))
+
+    for echo in echoes:
+        x, _ = measure.hold_back(recording.audio[echo.ref], echo.sections, echo.drift_ppm, rate)
+        share, frequency = measure.coherence(x, recording.audio[echo.mic], rate)
+        lower.plot(frequency / 1e3, smoothed(share), color=colours[echo.mic % 10], lw=1,
+                   label=f"channel {echo.mic} from {echo.ref}")
+    lower.set(ylabel="coherence", xlabel="frequency, kHz", xlim=(0, rate / 2e3), ylim=(0, 1.02))
+
+    for axis, title in ((upper, "Delay of the echo behind the reference"), (middle, "Spectra while active"),
+                        (lower, "Coherence: how much is linear echo")):
+        axis.set_title(title, loc="left", fontsize=10)
+        axis.grid(color="#e4e4e4", lw=0.6)
+        axis.set_axisbelow(True)
+        count = len(axis.get_legend_handles_labels()[0])
+        if count > 4:
+            axis.legend(fontsize=8, ncols=4, loc="upper right")
+        elif count:                                  # beside the title, clear of the curves
+            axis.legend(frameon=False, fontsize=8, ncols=4, handlelength=1.2, columnspacing=1.2,
+                        loc="lower right", bbox_to_anchor=(1.01, 0.97))
+    figure.align_ylabels()
     figure.tight_layout()
     figure.savefig(path, metadata={"Date": None} if str(path).endswith(".svg") else None)
     pyplot.close(figure)

@@ -56,22 +56,31 @@ static double now_s(void)
 
 /* ---- the audio thread ---------------------------------------------------------- */
 
-/* Runs the library over a slot's captured frame, plays and hands over the result.
- * The library's first call allocates a buffer; from then on it does not. */
+/* Runs the library over a slot's captured frame. Points audio to the frame as it was
+ * processed and returns the applied delay. */
+static int cancel(struct session *session, int16_t *slot, const int16_t **audio)
+{
+    const size_t samples = (size_t)session->frame * session->capture.channels;
+    int16_t *out = slot + samples, *echo = out + samples;
+    uint8_t *bytes = (uint8_t *)slot;
+    const int delay = nax_aec_byte(session->state, &bytes, out, echo,
+                                   (int32_t)(samples * sizeof *slot), HOST_ORDER);
+    *audio = (const int16_t *)(const void *)bytes;
+    return delay;
+}
+
+/* Cancels, plays and hands over the figures. */
 static void process(struct session *session, int16_t *slot, struct report *report)
 {
     const struct options *options = &session->options;
     const size_t channels = session->capture.channels;
-    const size_t samples = (size_t)session->frame * channels;
-    int16_t *out = slot + samples, *echo = out + samples;
-    uint8_t *audio = (uint8_t *)slot;
+    const int16_t *audio, *out = slot + (size_t)session->frame * channels;
 
     const double start_s = now_s();
-    report->delay = nax_aec_byte(session->state, &audio, out, echo,
-                                 (int32_t)(samples * sizeof *slot), HOST_ORDER);
+    report->delay = cancel(session, slot, &audio);
     report_time(report, now_s() - start_s);
-    report_frame(report, (const int16_t *)(const void *)audio, out, options->mics,
-                 options->refs - options->drop, options->refs, session->frame);
+    report_frame(report, audio, out, options->words.mics, options->refs - options->words.drop,
+                 options->refs, session->frame);
     report->play_slips += !playback_frame(&session->playback, out, channels);
 }
 
@@ -154,7 +163,7 @@ static pthread_t start_audio(struct session *session)
         complain("audio thread", "may not run under SCHED_FIFO, runs as an ordinary thread");
         error = create_thread(session, &thread, 0);
     }
-    if (error) fail(STATUS_DEVICE, "audio thread", "%s", strerror(error));
+    if (error) fail(STATUS_FAILED, "audio thread", "%s", strerror(error));
     return thread;
 }
 
@@ -162,21 +171,10 @@ static pthread_t start_audio(struct session *session)
 
 static nax_aec_state *create_state(const struct options *options)
 {
-    /* Lives as long as the state, which borrows it. */
-    static int16_t table[MAX_MICS];
-    memcpy(table, options->remap, sizeof table);
-    const nax_aec_param param = {
-        .pos = options->order,
-        .drop_channel = options->drop,
-        .model_aec_en = (options->estimate ? NAX_AEC_DELAY_ESTIMATION : 0) |
-                        (options->remap_count > 0 ? NAX_AEC_REMAP : 0),
-        .delay_len = options->delay,
-        .look_ahead = options->look_ahead,
-        .array_list = table,
-    };
+    const nax_aec_param param = param_of(&options->words);
     nax_aec_state *state =
-        nax_aec_state_init(options->rate, 16, options->mics, options->refs, &param);
-    if (!state) fail(STATUS_DEVICE, "library", "does not accept this format");
+        nax_aec_state_init(options->rate, 16, options->words.mics, options->refs, &param);
+    if (!state) fail(STATUS_FAILED, "library", "does not accept this format");
     return state;
 }
 
@@ -185,16 +183,20 @@ static nax_aec_state *create_state(const struct options *options)
 static void open_session(struct session *session)
 {
     const struct options *options = &session->options;
-    const size_t channels = (size_t)(options->mics + options->refs);
+    const size_t channels = (size_t)(options->words.mics + options->refs);
     session->frame = frame_size(options->rate);
     session->main_thread = pthread_self();
     session->spare = calloc((size_t)session->frame * 3 * channels, sizeof *session->spare);
     if (!session->spare || !ring_create(&session->reports, sizeof(struct report), REPORTS))
-        fail(STATUS_DEVICE, "memory", "cannot get room for a frame");
+        fail(STATUS_FAILED, "memory", "cannot get room for a frame");
     capture_open(&session->capture, options, session->frame);
     playback_open(&session->playback, options, session->frame);
     recorder_open(&session->recorder, options, session->frame);
     session->state = create_state(options);
+    /* The first call allocates a buffer, which is no work for the audio thread: a frame
+     * of silence goes ahead of the capture. */
+    const int16_t *audio;
+    cancel(session, session->spare, &audio);
     capture_start(&session->capture);
 }
 
@@ -219,6 +221,7 @@ static void watch(struct session *session, const sigset_t *signals, struct repor
         if (signal > 0) break;
         /* A log gets a line now and then, a terminal one that is written over. */
         if (session->options.quiet || (!terminal && turns % LOG_TURNS != 0)) continue;
+        report_heading();
         report_status(&recent, total, session->options.rate, terminal ? "\r" : "\n");
         recent = (struct report){0};
     }
@@ -230,7 +233,7 @@ int main(int argc, char **argv)
     static struct session session;
     struct report total = {0};
     sigset_t signals;
-    session.options = parse_options(argc, argv);
+    session.options = live_alsa_options(argc, argv);
 
     /* Blocked in every thread and waited for in this one. */
     sigemptyset(&signals);
@@ -253,7 +256,8 @@ int main(int argc, char **argv)
     ring_destroy(&session.reports);
     free(session.spare);
 
+    if (!session.options.quiet) report_heading();
     if (!session.options.quiet) report_summary(&total, session.options.rate);
     if (session.device_lost) complain(session.capture.failing, "%s", session.capture.failure);
-    return recorded && !session.device_lost ? EXIT_SUCCESS : STATUS_DEVICE;
+    return recorded && !session.device_lost ? EXIT_SUCCESS : STATUS_FAILED;
 }

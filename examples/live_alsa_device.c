@@ -6,9 +6,10 @@
  * The capture is the clock. A playback device that runs faster underruns now and
  * then and gets silence, one that runs slower misses part of a frame.
  *
- * Two capture devices are started together and read in step. Their clocks may
- * drift apart: within the devices' buffers the library follows it as a changing
- * delay, past them one overruns and both start anew.
+ * Two capture devices are linked, where ALSA can, so that they start at one instant, and
+ * read in step. Else one starts a little after the other. Their clocks may drift apart:
+ * within the devices' buffers the library follows it as a changing delay, past them one
+ * overruns and both start anew.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -28,7 +29,7 @@ enum { TURN_MS = 50, PATIENCE_TURNS = 40 }; /* 2 s without audio: the device is 
 
 static void check(const char *name, int result, const char *what)
 {
-    if (result < 0) fail(STATUS_DEVICE, name, "%s: %s", what, snd_strerror(result));
+    if (result < 0) fail(STATUS_FAILED, name, "%s: %s", what, snd_strerror(result));
 }
 
 static void check_channels(const char *name, snd_pcm_t *pcm, snd_pcm_hw_params_t *hw, int wanted)
@@ -37,7 +38,7 @@ static void check_channels(const char *name, snd_pcm_t *pcm, snd_pcm_hw_params_t
     snd_pcm_hw_params_get_channels_min(hw, &low);
     snd_pcm_hw_params_get_channels_max(hw, &high);
     if (snd_pcm_hw_params_set_channels(pcm, hw, (unsigned)wanted) < 0)
-        fail(STATUS_DEVICE, name, "has %u to %u channels, not the %d wanted", low, high, wanted);
+        fail(STATUS_FAILED, name, "has %u to %u channels, not the %d wanted", low, high, wanted);
 }
 
 static void check_rate(const char *name, snd_pcm_t *pcm, snd_pcm_hw_params_t *hw, int wanted)
@@ -47,7 +48,7 @@ static void check_rate(const char *name, snd_pcm_t *pcm, snd_pcm_hw_params_t *hw
     snd_pcm_hw_params_get_rate_min(hw, &low, &direction);
     snd_pcm_hw_params_get_rate_max(hw, &high, &direction);
     if (snd_pcm_hw_params_set_rate(pcm, hw, (unsigned)wanted, 0) < 0)
-        fail(STATUS_DEVICE, name, "runs at %u to %u Hz, not at %d Hz", low, high, wanted);
+        fail(STATUS_FAILED, name, "runs at %u to %u Hz, not at %d Hz", low, high, wanted);
 }
 
 static void device_open(struct device *device, const char *name, snd_pcm_stream_t direction,
@@ -76,7 +77,7 @@ static void device_open(struct device *device, const char *name, snd_pcm_stream_
     check(name, snd_pcm_hw_params(device->pcm, hw), "cannot be set up");
     snd_pcm_hw_params_free(hw);
     if (buffer < 2 * (snd_pcm_uframes_t)frame)
-        fail(STATUS_DEVICE, name, "has a buffer of %lu samples, less than two frames of %d", buffer,
+        fail(STATUS_FAILED, name, "has a buffer of %lu samples, less than two frames of %d", buffer,
              frame);
 }
 
@@ -101,12 +102,13 @@ static void copy_channels(int16_t *to, size_t to_stride, const int16_t *from, si
 static int start(struct capture *capture)
 {
     int result = 0;
-    for (int i = 0; i < capture->devices && result >= 0; i++) {
+    for (int i = 0; i < capture->devices; i++)
         snd_pcm_drop(capture->device[i].pcm);
+    for (int i = 0; i < capture->devices && result >= 0; i++) {
         result = snd_pcm_prepare(capture->device[i].pcm);
         capture->failing = capture->device[i].name;
     }
-    for (int i = 0; i < capture->devices && result >= 0; i++) {
+    for (int i = 0; i < (capture->linked ? 1 : capture->devices) && result >= 0; i++) {
         result = snd_pcm_start(capture->device[i].pcm);
         capture->failing = capture->device[i].name;
     }
@@ -115,23 +117,32 @@ static int start(struct capture *capture)
 
 void capture_open(struct capture *capture, const struct options *options, int frame)
 {
-    const int all = options->mics + options->refs;
+    const int all = options->words.mics + options->refs;
     memset(capture, 0, sizeof *capture);
     capture->devices = options->device_count;
     capture->frame = frame;
     capture->channels = (size_t)all;
     for (int i = 0; i < capture->devices; i++) {
-        const int channels = capture->devices == 1 ? all : (i == 0 ? options->mics : options->refs);
+        const int channels =
+            capture->devices == 1 ? all : (i == 0 ? options->words.mics : options->refs);
         device_open(&capture->device[i], options->device[i], SND_PCM_STREAM_CAPTURE, channels,
                     options->rate, frame, CAPTURE_FRAMES);
     }
+    if (capture->devices == 1) return;
+    const int result = snd_pcm_link(capture->device[0].pcm, capture->device[1].pcm);
+    capture->linked = result >= 0;
+    if (!capture->linked)
+        complain(options->device[1],
+                 "cannot be linked to %s (%s), starts after it: a delay that differs a little each "
+                 "time",
+                 options->device[0], snd_strerror(result));
 }
 
 void capture_start(struct capture *capture)
 {
     const int result = start(capture);
     if (result < 0)
-        fail(STATUS_DEVICE, capture->failing, "cannot be started: %s", snd_strerror(result));
+        fail(STATUS_FAILED, capture->failing, "cannot be started: %s", snd_strerror(result));
 }
 
 static enum captured lost(struct capture *capture, const struct device *device, const char *what,
@@ -213,7 +224,7 @@ void playback_open(struct playback *playback, const struct options *options, int
     memset(playback, 0, sizeof *playback);
     if (!options->play) return;
     playback->frame = frame;
-    device_open(&playback->device, options->play, SND_PCM_STREAM_PLAYBACK, options->mics,
+    device_open(&playback->device, options->play, SND_PCM_STREAM_PLAYBACK, options->words.mics,
                 options->rate, frame, PLAYBACK_FRAMES);
 }
 

@@ -22,6 +22,7 @@ struct capture {
     struct device device[2];
     int devices, frame;  /* frame: samples of a channel */
     size_t channels;     /* of all devices */
+    bool linked;         /* the two start, stop and overrun as one */
     char failure[128];   /* why the last capture_frame failed for good */
     const char *failing; /* and on which device */
 };

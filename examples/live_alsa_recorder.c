@@ -21,7 +21,7 @@ static SNDFILE *create_wav(const char *path, int rate, size_t channels)
     SF_INFO info = {
         .samplerate = rate, .channels = (int)channels, .format = SF_FORMAT_WAV | SF_FORMAT_PCM_16};
     SNDFILE *file = sf_open(path, SFM_WRITE, &info);
-    if (!file) fail(STATUS_DEVICE, path, "cannot be created: %s", sf_strerror(NULL));
+    if (!file) fail(STATUS_FAILED, path, "cannot be created: %s", sf_strerror(NULL));
     return file;
 }
 
@@ -79,12 +79,12 @@ static void start_thread(struct recorder *recorder)
     pthread_attr_setstacksize(&attributes, STACK_BYTES);
     const int error = pthread_create(&recorder->thread, &attributes, write_files, recorder);
     pthread_attr_destroy(&attributes);
-    if (error) fail(STATUS_DEVICE, "writer thread", "%s", strerror(error));
+    if (error) fail(STATUS_FAILED, "writer thread", "%s", strerror(error));
 }
 
 void recorder_open(struct recorder *recorder, const struct options *options, int frame)
 {
-    const size_t mics = (size_t)options->mics, all = mics + (size_t)options->refs;
+    const size_t mics = (size_t)options->words.mics, all = mics + (size_t)options->refs;
     const size_t samples = (size_t)frame * all;
     memset(recorder, 0, sizeof *recorder);
     recorder->frame = frame;
@@ -101,7 +101,7 @@ void recorder_open(struct recorder *recorder, const struct options *options, int
     const size_t slot_bytes = (2 * samples + (size_t)frame * mics) * sizeof *recorder->scratch;
     if (!recorder->scratch ||
         !ring_create(&recorder->ring, slot_bytes, recorder->wanted ? RING_FRAMES : 1))
-        fail(STATUS_DEVICE, "memory", "cannot get room for the recordings");
+        fail(STATUS_FAILED, "memory", "cannot get room for the recordings");
     sem_init(&recorder->filled, 0, 0);
     if (recorder->wanted) start_thread(recorder);
 }

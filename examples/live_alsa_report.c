@@ -76,22 +76,30 @@ static double dbfs(double energy, long samples)
     return fmax(10 * log10(mean_square + 1e-12), -99.9);
 }
 
+void report_heading(void)
+{
+    static bool shown;
+    if (!shown)
+        fputs("  time s  delay ms  in dBFS  out dBFS  removed dB  clipped  overruns    load %\n",
+              stderr);
+    shown = true;
+}
+
 void report_status(const struct report *recent, const struct report *total, int rate,
                    const char *ending)
 {
-    char removed[16] = "   -";
+    char removed[16] = "-", clipped[48], load[48];
     if (recent->active_mic_energy > 0)
-        snprintf(removed, sizeof removed, "%4.1f",
+        snprintf(removed, sizeof removed, "%.1f",
                  10 * log10(recent->active_mic_energy / (recent->active_cleaned_energy + 1)));
+    snprintf(clipped, sizeof clipped, "%ld+%ld", total->clipped_mic, total->clipped_ref);
     const double frames = recent->frames > 0 ? (double)recent->frames : 1;
-    fprintf(stderr,
-            "%7.1f s  delay %5.1f ms  in %5.1f out %5.1f dBFS  removed %s dB  "
-            "clipped %ld+%ld  overruns %ld  load %.1f/%.0f %%%s",
-            (double)total->frames * FRAME_S, 1e3 * total->delay / rate,
-            dbfs(recent->mic_energy, recent->samples),
-            dbfs(recent->cleaned_energy, recent->samples), removed, total->clipped_mic,
-            total->clipped_ref, total->overruns, 100 * recent->busy_s / frames / FRAME_S,
-            100 * recent->peak_busy_s / FRAME_S, ending);
+    snprintf(load, sizeof load, "%.1f/%.1f", 100 * recent->busy_s / frames / FRAME_S,
+             100 * recent->peak_busy_s / FRAME_S);
+    fprintf(stderr, "%8.1f%10.1f%9.1f%10.1f%12s%9s%10ld%10s%s", (double)total->frames * FRAME_S,
+            1e3 * total->delay / rate, dbfs(recent->mic_energy, recent->samples),
+            dbfs(recent->cleaned_energy, recent->samples), removed, clipped, total->overruns, load,
+            ending);
 }
 
 void report_summary(const struct report *total, int rate)

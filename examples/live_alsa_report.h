@@ -25,7 +25,11 @@ void report_frame(struct report *report, const int16_t *processed, const int16_t
 void report_time(struct report *report, double busy_s);
 void report_add(struct report *sum, const struct report *more);
 
-/* Writes one line to standard error: levels and load of recent, counts of total. */
+/* Writes, the first time, what the columns of the status line are. */
+void report_heading(void);
+
+/* Writes one line to standard error, below 80 columns until counts pass four digits:
+ * levels and load of recent, counts of total. */
 void report_status(const struct report *recent, const struct report *total, int rate,
                    const char *ending);
 

@@ -1,14 +1,10 @@
 // The examples as their user sees them: files and options in, files, messages and
 // exit statuses out. CANCEL_WAV and MINIMAL are the paths of the programs.
 #include "nax_aec.h"
-
-#include <gtest/gtest.h>
-#include <sndfile.h>
-#include <sys/wait.h>
+#include "programs.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -19,68 +15,12 @@
 
 namespace {
 
-using Samples = std::vector<int16_t>;
-
-constexpr int32_t WAV_16 = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-
-struct Result {
-    int status;
-    std::string out, err;
-};
-
-struct Wav {
-    int rate = 0, channels = 0;
-    Samples samples; // interleaved
-};
-
 // A far end that comes and goes, and its echo: first arrival after 40 ms and a few reflections.
 struct Call {
     int rate;
     size_t delay;
     Samples mic, ref;
 };
-
-std::string contents(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write_wav(const std::string &path, int rate, int channels, const Samples &samples,
-               int format = WAV_16)
-{
-    SF_INFO info = {};
-    info.samplerate = rate;
-    info.channels = channels;
-    info.format = format;
-    SNDFILE *file = sf_open(path.c_str(), SFM_WRITE, &info);
-    ASSERT_TRUE(file) << path;
-    const auto count = static_cast<sf_count_t>(samples.size());
-    EXPECT_EQ(sf_write_short(file, samples.data(), count), count);
-    sf_close(file);
-}
-
-Wav read_wav(const std::string &path)
-{
-    SF_INFO info = {};
-    SNDFILE *file = sf_open(path.c_str(), SFM_READ, &info);
-    EXPECT_TRUE(file) << path;
-    if (!file) return {};
-    Wav wav = {info.samplerate, info.channels, {}};
-    wav.samples.resize(static_cast<size_t>(info.frames * info.channels));
-    sf_read_short(file, wav.samples.data(), static_cast<sf_count_t>(wav.samples.size()));
-    sf_close(file);
-    return wav;
-}
-
-Samples interleave(const std::vector<Samples> &channels)
-{
-    Samples all;
-    for (size_t t = 0; t < channels[0].size(); t++)
-        for (const Samples &channel : channels)
-            all.push_back(channel[t]);
-    return all;
-}
 
 // An odd length, so that the last frame is a partial one.
 Call make_call(int rate, double seconds = 4)
@@ -126,16 +66,10 @@ protected:
 
     void TearDown() override { std::filesystem::remove_all(folder); }
 
-    // Runs a command line in the folder; the shell sees it as it is.
-    Result shell(const std::string &command) const
+    Result run(const std::string &arguments) const
     {
-        const std::string line = "cd " + folder + " && " + command + " >stdout 2>stderr";
-        const int status = std::system(line.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(folder + "stdout"),
-                contents(folder + "stderr")};
+        return shell(folder, CANCEL_WAV " " + arguments);
     }
-
-    Result run(const std::string &arguments) const { return shell(CANCEL_WAV " " + arguments); }
 
     void write_call(const Call &call) const
     {
@@ -381,10 +315,8 @@ TEST_F(CancelWav, AgreesWithTheMinimalExampleOnWholeFrames)
     const Call call = make_call(16000, 2);
     write_call(call);
     const Samples input = interleave({call.mic, call.ref});
-    std::ofstream(folder + "in.raw", std::ios::binary)
-        .write(reinterpret_cast<const char *>(input.data()),
-               static_cast<std::streamsize>(input.size() * sizeof(int16_t)));
-    ASSERT_EQ(shell("{ " MINIMAL " <in.raw >out.raw; }").status, 0);
+    write_raw(folder + "in.raw", input);
+    ASSERT_EQ(shell(folder, MINIMAL " <in.raw >out.raw").status, 0);
     const std::string minimal = contents(folder + "out.raw");
     const Samples out = cleaned("mic.wav ref.wav");
     ASSERT_EQ(minimal.size(), call.mic.size() / 256 * 256 * sizeof(int16_t));

@@ -143,6 +143,16 @@ class Healthy(unittest.TestCase):
         y = echo_of(x, 16000, 640) + noise(len(x), 4)
         self.assertEqual(codes([y, x], expected=MIC_REF), [])
 
+    def test_tones_that_change_show_their_delay_and_no_band(self):
+        time = np.arange(12 * 16000) / 16000
+        step = (time * 2).astype(int)
+        random = np.random.default_rng(3).uniform(250, 3000, 2 * 12)
+        for pitch in (random[step], 220 * 2 ** (step % 13 / 12), 900 + 500 * np.sin(np.pi * time)):
+            x = 0.1 * np.sin(2 * np.pi * np.cumsum(pitch) / 16000)
+            _, findings, echoes = diagnosed([echo_of(x, 16000, 640) + noise(len(x), 4), x], expected=MIC_REF)
+            self.assertEqual(findings, [])
+            self.assertAlmostEqual(np.median(echoes[0].delays), 640, delta=2)
+
 
 class Channels(unittest.TestCase):
     def test_roles_are_found_in_any_order(self):
@@ -205,6 +215,24 @@ class Channels(unittest.TestCase):
     def test_a_reference_that_is_not_heard(self):
         y, _ = call()
         self.assertEqual(codes([y, talk(16000, 12, 99)], expected=MIC_REF), ["no-echo"])
+
+
+    def test_a_reference_of_nothing_but_tones_or_repetition(self):
+        time = np.arange(12 * 16000) / 16000
+
+        def tones(*pitches):
+            return sum(0.05 * np.sin(2 * np.pi * pitch * time) for pitch in pitches)
+
+        def beeps(period):
+            return time % period < period / 2
+
+        for name, x in (("tone", tones(1000)), ("hum", tones(50, 150, 250)), ("chord", tones(220, 262, 330)),
+                        ("engaged", tones(425) * beeps(0.96)), ("key", tones(697, 1209) * beeps(0.2)),
+                        ("alarm", tones(3000) * beeps(1)),
+                        ("warble", 0.1 * np.sin(2 * np.pi * 900 * time + 20 * np.sin(8 * np.pi * time)))):
+            with self.subTest(name):
+                y = echo_of(x, 16000, 640) + noise(len(x), 4)
+                self.assertEqual(codes([y, x], expected=MIC_REF), ["tones"])
 
 
 class Delay(unittest.TestCase):
@@ -273,6 +301,20 @@ class Linear(unittest.TestCase):
             with self.subTest(floor=floor):
                 _, _, echoes = diagnosed(call(floor=floor), expected=MIC_REF)
                 self.assertAlmostEqual(echoes[0].long[0], -26 - floor, delta=3)
+
+    def test_drift_and_steps_take_nothing_from_it(self):
+        standing = diagnosed(call(seconds=16, floor=-46), expected=MIC_REF)[2][0].short[0]
+        drift = 640 + np.arange(16 * 16000) * 100e-6
+        step = np.where(np.arange(16 * 16000) < 8.6 * 16000, 640.0, 960.0)
+        for delay in (drift, step):
+            echo = diagnosed(call(seconds=16, delay=delay, floor=-46), expected=MIC_REF)[2][0]
+            self.assertAlmostEqual(echo.short[0], standing, delta=1.5)
+
+    def test_the_first_arrival_counts_where_a_reflection_is_louder(self):
+        y, x = call(floor=-80)
+        louder = 0.4 * y + np.concatenate([np.zeros(16), y[:-16]])     # 1 ms later
+        self.assertGreater(diagnosed([louder, x], expected=MIC_REF)[2][0].short[0],
+                           diagnosed([y, x], expected=MIC_REF)[2][0].short[0] - 2)
 
     def test_an_echo_that_is_hardly_linear(self):
         y, x = call()

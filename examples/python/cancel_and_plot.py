@@ -70,7 +70,8 @@ def levels_db(samples, frame):
 
 
 parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
-parser.add_argument("files", nargs="*", metavar="WAV", help="MIC.wav and REF.wav")
+parser.add_argument("files", nargs="*", metavar="WAV",
+                    help="MIC.wav and REF.wav (default: a scene made of noise)")
 parser.add_argument("--chart", default="cancelled.png", help="chart to write (PNG, SVG, PDF)")
 parser.add_argument("--out", help="the cleaned microphones (WAV)")
 options = parser.parse_args()

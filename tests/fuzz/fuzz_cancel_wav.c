@@ -86,6 +86,8 @@ __attribute__((noreturn)) static void jump_back(int status) { longjmp(way_back, 
 #define nax_aec_state_init(...) hold(STATE, nax_aec_state_init(__VA_ARGS__))
 #define nax_aec_state_destroy(state) nax_aec_state_destroy(let_go(state))
 #pragma clang section bss = "program_bss" data = "program_data"
+#include "options.c"
+
 #include "cancel_wav_options.c"
 
 #include "cancel_wav.c"
