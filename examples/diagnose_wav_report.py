@@ -77,7 +77,9 @@ def parameters(recording, echoes):
     if echoes:
         delays = np.concatenate([e.delays for e in echoes])
         low, high = np.percentile(delays, (5, 95))
-        base = int(np.clip(low // frame * frame, 0, measure.LINE // frame * frame))
+        exact = int(np.clip(low - recording.rate // 1000, 0, measure.LINE - frame))
+        past = exact % frame    # as the library chooses between a whole frame and the exact delay
+        base = exact - past if past < frame / 2 else exact
         late = f"the echo is {low:.0f} to {high:.0f} samples late"
     flags = "NAX_AEC_DELAY_ESTIMATION" + (" | NAX_AEC_REMAP" if table else "")
     lines = [f"static const int16_t microphones[] = {{{', '.join(map(str, table))}}};"] if table else []
