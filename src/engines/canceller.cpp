@@ -39,6 +39,10 @@ static constexpr int32_t LEAST_RATE_TOLD = 24000;
 static constexpr float WEAK_REF_RATIO = 4; // of powers, 6 dB
 static constexpr int32_t MAX_MIC_SHIFT = 2;
 static constexpr float POWER_KEEP = 0.9f; // decay per frame of the powers compared
+// Where no move of the delay restarts it, it is restarted for that once, as soon as so
+// many frames of the reference were heard.
+static constexpr int32_t FIRST_FRAMES = 6;
+static constexpr float AUDIBLE_POWER = 1000; // -60 dBFS
 
 // A filter whose output is louder than the microphone for so many frames is worse than
 // none. The library would restart itself after 50 such blocks, but with a message on
@@ -62,6 +66,7 @@ struct Instance {
     int32_t block_size; // samples per channel handed to the library at once
     int32_t mics;
     int32_t speakers;
+    int32_t first_frames;  // of audible reference until the microphones' scale is chosen
     int32_t louder_frames; // in a row
     int32_t mic_shift;     // bits by which the library sees the microphones attenuated
     float mic_power;       // running means over channels and samples
@@ -125,6 +130,7 @@ Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, in
     instance->block_size = std::max(frame_size / BLOCKS_PER_FRAME, MIN_BLOCK);
     instance->mics = mics;
     instance->speakers = speakers;
+    instance->first_frames = FIRST_FRAMES;
     if (speakers < 1 || speakers > MAX_SPEAKERS) return instance;
     if (!library_fits(instance->block_size, filter_length, mics, speakers)) return instance;
 
@@ -156,16 +162,24 @@ static bool track_power(const int16_t *samples, int32_t frame_size, int32_t chan
     return static_cast<float>(channels) * now > HOT_FRAME_POWER;
 }
 
+// Bits by which the microphones are to be attenuated.
+static int32_t wanted_shift(const Instance &instance)
+{
+    int32_t shift = 0;
+    for (float ref = WEAK_REF_RATIO * instance.ref_power;
+         instance.mic_power > ref && shift < MAX_MIC_SHIFT; ref *= 4)
+        shift++;
+    return shift;
+}
+
 // Starts the library anew: a filter that learnt another alignment is worse than none.
 // With the filter empty the microphones' scale may change as well.
 static void restart(Instance &instance)
 {
     speex_echo_state_reset(instance.library);
     instance.louder_frames = 0;
-    instance.mic_shift = 0;
-    for (float ref = WEAK_REF_RATIO * instance.ref_power;
-         instance.mic_power > ref && instance.mic_shift < MAX_MIC_SHIFT; ref *= 4)
-        instance.mic_shift++;
+    instance.first_frames = 0;
+    instance.mic_shift = wanted_shift(instance);
 }
 
 // Mean power of the first difference, near enough to the library's pre-emphasis, of an
@@ -235,7 +249,9 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
     const int32_t block = instance->block_size;
     const bool hot_mics = track_power(mic_frame, frame, mics, instance->mic_power);
     const bool hot_refs = track_power(ref_frame, frame, speakers, instance->ref_power);
-    if (delay_changed) restart(*instance);
+    const bool first_heard = instance->first_frames > 0 && instance->ref_power > AUDIBLE_POWER &&
+                             --instance->first_frames == 0;
+    if (delay_changed || (first_heard && wanted_shift(*instance) > 0)) restart(*instance);
 
     float heard = 0, left = 0;
     for (int32_t start = 0; start < frame; start += block) {
