@@ -52,13 +52,15 @@ static constexpr float LOUDER_MARGIN = 10000; // of mean power; half of the libr
 
 // The library gives a block up, with a message on standard error, when the energy of
 // the reference, of its estimate of the echo or of the residual passes 2e9 a sample,
-// channels added up, behind its pre-emphasis. What comes near it is attenuated on the
-// way in, references and microphones alike: a frame of the first power, as of square
-// waves, and a block of the second one between samples. A sine has neither, nor does
-// noise; what has them is clipped.
+// channels added up, behind its pre-emphasis. Once a frame comes near that by its mean
+// power, as square waves do, or a block by its power between samples, references and
+// microphones alike are attenuated on the way in, for a while: the library does not
+// know of the new scale before its 32 ms of past are over. A sine at full scale has a
+// mean power of 5.4e8, uniform noise 7.2e8 between samples.
 static constexpr float HOT_FRAME_POWER = 8e8f;
-static constexpr float HOT_BLOCK_POWER = 6e8f;
-static constexpr int32_t HOT_SHIFT = 2; // bits
+static constexpr float HOT_BLOCK_POWER = 1e9f;
+static constexpr int32_t HOT_SHIFT = 2;    // bits
+static constexpr int32_t HOT_FRAMES = 625; // 10 s
 
 struct Instance {
     SpeexEchoState *library; // null: pass the microphones through
@@ -67,6 +69,7 @@ struct Instance {
     int32_t mics;
     int32_t speakers;
     int32_t first_frames;  // of audible reference until the microphones' scale is chosen
+    int32_t hot_frames;    // for which the attenuation stays
     int32_t louder_frames; // in a row
     int32_t mic_shift;     // bits by which the library sees the microphones attenuated
     float mic_power;       // running means over channels and samples
@@ -76,27 +79,26 @@ struct Instance {
 };
 
 // Pass-through instances for when there is no memory for one, never written to: by
-// microphones, and by frame size over the smallest one.
+// frame size over the smallest one, for one microphone and then for two.
 static constexpr int32_t SMALLEST_FRAME = 128;
-using PassThrough = std::array<std::array<Instance, 6>, 2>;
+static constexpr int32_t FRAME_SIZES = 6;
+static constexpr int32_t NO_MEMORY_COUNT = 2 * FRAME_SIZES;
+using PassThrough = std::array<Instance, NO_MEMORY_COUNT>;
 static constexpr PassThrough make_pass_through()
 {
     PassThrough table = {};
-    for (int32_t mics = 1; mics <= 2; mics++)
-        for (int32_t frame = 1; frame <= 6; frame++) {
-            Instance &instance =
-                table[static_cast<size_t>(mics - 1)][static_cast<size_t>(frame - 1)];
-            instance.frame_size = frame * SMALLEST_FRAME;
-            instance.mics = mics;
-        }
+    for (int32_t i = 0; i < NO_MEMORY_COUNT; i++) {
+        table[static_cast<size_t>(i)].frame_size = (1 + i % FRAME_SIZES) * SMALLEST_FRAME;
+        table[static_cast<size_t>(i)].mics = 1 + i / FRAME_SIZES;
+    }
     return table;
 }
 static constinit PassThrough no_memory = make_pass_through();
 
-static bool is_from_heap(const Instance *instance)
+static Instance *pass_through_instance(int32_t frame_size, int32_t mics)
 {
-    const Instance *first = no_memory[0].data();
-    return instance < first || instance >= first + sizeof no_memory / sizeof *first;
+    const int32_t i = (mics - 1) * FRAME_SIZES + frame_size / SMALLEST_FRAME - 1;
+    return &no_memory[static_cast<size_t>(i)];
 }
 
 static int16_t *allocate_block(int32_t block_size, int32_t channels)
@@ -123,9 +125,7 @@ Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, in
                                    int32_t speakers, int32_t sample_rate)
 {
     Instance *instance = static_cast<Instance *>(calloc(1, sizeof(Instance)));
-    if (!instance)
-        return &no_memory[static_cast<size_t>(mics - 1)]
-                         [static_cast<size_t>(frame_size / SMALLEST_FRAME - 1)];
+    if (!instance) return pass_through_instance(frame_size, mics);
     instance->frame_size = frame_size;
     instance->block_size = std::max(frame_size / BLOCKS_PER_FRAME, MIN_BLOCK);
     instance->mics = mics;
@@ -159,7 +159,7 @@ static bool track_power(const int16_t *samples, int32_t frame_size, int32_t chan
 {
     const float now = mean_power(samples, frame_size * channels);
     power = POWER_KEEP * power + (1 - POWER_KEEP) * now;
-    return static_cast<float>(channels) * now > HOT_FRAME_POWER;
+    return now > HOT_FRAME_POWER;
 }
 
 // Bits by which the microphones are to be attenuated.
@@ -195,11 +195,14 @@ static float bright_power(const int16_t *samples, int32_t channels, int32_t coun
     return (sum[0] + sum[1] + sum[2] + sum[3]) / static_cast<float>(count);
 }
 
-// Restarts the library when it adds echo rather than removing it, by the powers of a
-// frame before and after.
+// Restarts the library when it adds echo rather than removing it, by the powers before
+// and after, summed over the blocks of a frame.
 static void watch(Instance &instance, float heard, float left)
 {
-    instance.louder_frames = left > heard + LOUDER_MARGIN ? instance.louder_frames + 1 : 0;
+    const float blocks =
+        static_cast<float>(instance.frame_size) / static_cast<float>(instance.block_size);
+    const bool louder = left > heard + LOUDER_MARGIN * blocks;
+    instance.louder_frames = louder ? instance.louder_frames + 1 : 0;
     if (instance.louder_frames >= LOUDER_FRAMES) restart(instance);
 }
 
@@ -253,12 +256,16 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
                              --instance->first_frames == 0;
     if (delay_changed || (first_heard && wanted_shift(*instance) > 0)) restart(*instance);
 
-    float heard = 0, left = 0;
+    bool hot = hot_mics || hot_refs;
+    for (int32_t start = 0; start < frame && !hot; start += block)
+        hot = is_hot(mic_frame + start, frame, mics, block) ||
+              is_hot(ref_frame + start, frame, speakers, block);
+    instance->hot_frames = hot ? HOT_FRAMES : std::max(instance->hot_frames - 1, 0);
+    const int32_t ref_shift = instance->hot_frames > 0 ? HOT_SHIFT : 0;
+    const int32_t mic_shift = ref_shift + instance->mic_shift;
+
+    float heard = 0, left = 0; // sums over blocks
     for (int32_t start = 0; start < frame; start += block) {
-        const bool hot = hot_mics || hot_refs || is_hot(mic_frame + start, frame, mics, block) ||
-                         is_hot(ref_frame + start, frame, speakers, block);
-        const int32_t ref_shift = hot ? HOT_SHIFT : 0;
-        const int32_t mic_shift = ref_shift + instance->mic_shift;
         int16_t *cleaned = aec_frame + start * mics;
         interleave(mic_frame + start, frame, mics, instance->mic_block, block, mic_shift);
         interleave(ref_frame + start, frame, speakers, instance->ref_block, block, ref_shift);
@@ -270,8 +277,7 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
         for (int32_t i = 0; i < block * mics; i++)
             cleaned[i] = saturate_int16(cleaned[i] * (1 << mic_shift));
     }
-    const float blocks = static_cast<float>(frame) / static_cast<float>(block);
-    watch(*instance, heard / blocks, left / blocks);
+    watch(*instance, heard, left);
 
     interleave(mic_frame, frame, mics, echo_frame, frame, 0);
     for (int32_t i = 0; i < frame * mics; i++)
@@ -280,7 +286,8 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
 
 Instance *speex_echo_state_destroy(Instance *instance)
 {
-    if (!instance || !is_from_heap(instance)) return nullptr;
+    if (!instance || instance == pass_through_instance(instance->frame_size, instance->mics))
+        return nullptr;
     if (instance->library) ::speex_echo_state_destroy(instance->library);
     free(instance->mic_block);
     free(instance->ref_block);

@@ -40,7 +40,7 @@ static void select_channels(nax_aec_state &state, int32_t instants)
     const int64_t first_ref = refs_first ? 0 : mics;
     const int64_t first_mic = refs_first ? state.num_ref_channel : 0;
 
-    const int32_t stride = state.num_channel - state.drop_channel;
+    const int32_t stride = static_cast<int32_t>(mics + kept);
     for (int64_t k = 0; k < kept; k++)
         copy_channel(state.pcm_buf + first_ref + k, state.num_channel, state.sel_buf + mics + k,
                      stride, instants);

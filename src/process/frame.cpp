@@ -18,7 +18,7 @@ static void split(nax_aec_state &state, const int16_t *in)
     const int32_t block = state.block_size;
     const int32_t mics = state.num_src_channel;
     const int64_t kept = kept_references(state);
-    const int32_t stride = state.num_channel - state.drop_channel;
+    const int32_t stride = static_cast<int32_t>(mics + kept);
 
     for (int32_t m = 0; m < mics; m++)
         copy_channel(in + m, stride, state.mic_frame + m * block, 1, block);
