@@ -35,9 +35,9 @@ static bool written(struct recorder *recorder, const struct track *track, const 
     return sf_writef_short(track->file, recorder->scratch, recorder->frame) == recorder->frame;
 }
 
-static void note_failure(struct recorder *recorder, const struct track *track)
+static void note_failure(struct recorder *recorder, const struct track *track, const char *why)
 {
-    if (!recorder->failed) complain(track->path, "cannot be written: %s", sf_strerror(track->file));
+    if (!recorder->failed) complain(track->path, "cannot be written: %s", why);
     __atomic_store_n(&recorder->failed, true, __ATOMIC_RELAXED);
 }
 
@@ -45,7 +45,7 @@ static void write_slot(struct recorder *recorder, const int16_t *slot)
 {
     for (int i = 0; i < TRACKS && !recorder->failed; i++)
         if (!written(recorder, &recorder->track[i], slot))
-            note_failure(recorder, &recorder->track[i]);
+            note_failure(recorder, &recorder->track[i], sf_strerror(recorder->track[i].file));
 }
 
 /* A header that is right once a second leaves a good file even after a power cut. */
@@ -130,7 +130,9 @@ bool recorder_close(struct recorder *recorder)
         struct track *track = &recorder->track[i];
         if (!track->file) continue;
         sf_write_sync(track->file);
-        if (sf_error(track->file) || sf_close(track->file)) note_failure(recorder, track);
+        if (sf_error(track->file)) note_failure(recorder, track, sf_strerror(track->file));
+        const int error = sf_close(track->file);
+        if (error) note_failure(recorder, track, sf_error_number(error));
     }
     ring_destroy(&recorder->ring);
     free(recorder->scratch);

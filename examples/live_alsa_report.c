@@ -96,7 +96,7 @@ void report_status(const struct report *recent, const struct report *total, int 
     const double frames = recent->frames > 0 ? (double)recent->frames : 1;
     snprintf(load, sizeof load, "%.1f/%.1f", 100 * recent->busy_s / frames / FRAME_S,
              100 * recent->peak_busy_s / FRAME_S);
-    fprintf(stderr, "%8.1f%10.1f%9.1f%10.1f%12s%9s%10ld%10s%s", (double)total->frames * FRAME_S,
+    fprintf(stderr, "%8.1f %9.1f %8.1f %9.1f %11s %8s %9ld %9s%s", (double)total->frames * FRAME_S,
             1e3 * total->delay / rate, dbfs(recent->mic_energy, recent->samples),
             dbfs(recent->cleaned_energy, recent->samples), removed, clipped, total->overruns, load,
             ending);

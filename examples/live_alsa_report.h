@@ -28,7 +28,7 @@ void report_add(struct report *sum, const struct report *more);
 /* Writes, the first time, what the columns of the status line are. */
 void report_heading(void);
 
-/* Writes one line to standard error, below 80 columns until counts pass four digits:
+/* Writes one line to standard error, below 80 columns while counts and load have up to three digits:
  * levels and load of recent, counts of total. */
 void report_status(const struct report *recent, const struct report *total, int rate,
                    const char *ending);

@@ -134,8 +134,12 @@ int parse_options(struct words *words, int max_refs, const struct option_rule *o
     int option;
     while ((option = getopt_long(argc, argv, ":", table, NULL)) != -1) {
         if (option == ':') fail(STATUS_USAGE, argv[optind - 1], "needs a value");
-        if (option == '?')
-            fail(STATUS_USAGE, argv[optind - 1], "no such option, see %s --help", PROGRAM);
+        if (option == '?') {
+            const char letter[] = {'-', (char)optopt, '\0'};
+            if (optopt >= FIRST_OPTION) fail(STATUS_USAGE, argv[optind - 1], "takes no value");
+            fail(STATUS_USAGE, optopt ? letter : argv[optind - 1], "no such option, see %s --help",
+                 PROGRAM);
+        }
         if (option < FIRST_OPTION + SHARED)
             apply_shared(words, max_refs, option - FIRST_OPTION, optarg);
         else

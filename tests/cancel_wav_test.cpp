@@ -275,6 +275,8 @@ TEST_F(CancelWav, RefusesAWrongCommandLineInOneLineWithStatus2)
         {"out.wav", names},
         {"mic.wav mic.wav mic.wav out.wav", names},
         {"--louder all.wav out.wav", "--louder: no such option, see cancel_wav --help"},
+        {"all.wav out.wav -xy", "-x: no such option, see cancel_wav --help"},
+        {"--help=1", "--help=1: takes no value"},
         {"all.wav out.wav --delay", "--delay: needs a value"},
         {"all.wav out.wav --delay 12289", "--delay: '12289' is not a number from 0 to 12288"},
         {"all.wav out.wav --delay -1", "--delay: '-1' is not a number from 0 to 12288"},

@@ -213,7 +213,7 @@ TEST_F(Canceller, GivesTheSameOutputForTheSameInput)
     EXPECT_EQ(outputs[0], outputs[1]);
 }
 
-TEST_F(Canceller, StartsAnewOnlyWhenTheReferenceWasMoved)
+TEST_F(Canceller, StartsAnewInSilenceOnlyWhenTheReferenceWasMoved)
 {
     Bound bound(16000, 1, 1);
     for (const int32_t delay_changed : {0, 1, 0, 0, 1})

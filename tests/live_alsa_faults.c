@@ -1,6 +1,6 @@
 /*
- * What a sound card does at its worst, for a live_alsa linked with
- * --wrap=snd_pcm_readi. The environment's LIVE_ALSA_FAULTS says what and when, in
+ * What a sound card and a disk do at their worst, for a live_alsa linked with --wrap of
+ * the calls below. The environment's LIVE_ALSA_FAULTS says what and when, in
  * reads since the start:
  *
  *     overrun@N  read N finds that samples were lost
