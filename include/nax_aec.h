@@ -98,7 +98,8 @@ typedef struct nax_aec_param {
     int32_t model_aec_en;
     /** Base delay in samples, 0 to 12288. With delay estimation on it is the delay
      * applied until the echo has been found; the echo may then turn out to be
-     * earlier or later. With delay estimation off nothing is held back: it is
+     * earlier or later. Up to 12288 - F is served; past that the delay lines give
+     * samples just written. With delay estimation off nothing is held back: it is
      * only returned. */
     int32_t delay_len;
     /** Look-ahead in samples, 0 or more. It sizes buffers that are kept for
