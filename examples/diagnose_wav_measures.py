@@ -29,6 +29,11 @@ def frame_size(rate):
     return rate * 2 // 125
 
 
+def reach(rate):
+    """The longest delay in samples that the library can apply: a line less a frame."""
+    return LINE - frame_size(rate)
+
+
 def decibels(power):
     """10 log10, no lower than -120 dB."""
     return 10 * np.log10(np.maximum(power, 1e-12))

@@ -34,7 +34,7 @@ def echo_lines(recording, echo):
         low, high = np.percentile(delays, (10, 90))
         yield (f"  from {times[0]:6.1f} s: {np.median(delays):8.1f} samples, {1e3 * np.median(delays) / rate:7.1f} ms"
                f" late (mostly {low:.0f} to {high:.0f})")
-    yield f"  drift {echo.drift_ppm:+.1f} ppm; the delay lines hold 0 to {measure.LINE} samples"
+    yield f"  drift {echo.drift_ppm:+.1f} ppm; the delay lines reach from 0 to {measure.reach(rate)} samples"
     for part, text in ((echo.short, " 32 ms, the library's,"), (echo.long, "128 ms")):
         if part:
             yield (f"  a linear filter of {text:<22} could remove {part[0]:5.1f} dB, {part[1]:5.1f} dB over the "
@@ -77,7 +77,7 @@ def parameters(recording, echoes):
     if echoes:
         delays = np.concatenate([e.delays for e in echoes])
         low, high = np.percentile(delays, (5, 95))
-        exact = int(np.clip(low - recording.rate // 1000, 0, measure.LINE - frame))
+        exact = int(np.clip(low - recording.rate // 1000, 0, measure.reach(recording.rate)))
         past = exact % frame    # as the library chooses between a whole frame and the exact delay
         base = exact - past if past < frame / 2 else exact
         late = f"the echo is {low:.0f} to {high:.0f} samples late"
@@ -126,7 +126,7 @@ def draw(recording, echoes, path):
     rate = recording.rate
     figure, (upper, middle, lower) = pyplot.subplots(3, 1, figsize=(7.5, 7.5))
 
-    line_ms = 1e3 * measure.LINE / rate
+    reach_ms = 1e3 * measure.reach(rate) / rate
     for i, echo in enumerate(echoes):
         upper.plot(echo.times, 1e3 * echo.delays / rate, ".", color=colours[echo.mic % 10], ms=7 - 4 * i,
                    label=f"channel {echo.mic}")
@@ -136,10 +136,10 @@ def draw(recording, echoes, path):
     upper.set(ylabel="delay, ms", xlabel="time, s", xlim=(0, len(recording.samples[0]) / rate),
               ylim=(bottom - span / 2, top + span / 2))
     upper.ticklabel_format(useOffset=False)
-    for bound in (0, line_ms):
+    for bound in (0, reach_ms):
         if upper.get_ylim()[0] < bound < upper.get_ylim()[1]:
             upper.axhline(bound, color="#b03030", lw=1, ls="--")
-    upper.annotate(f"the delay lines hold 0 to {line_ms:.0f} ms", (0.99, 0.03), xycoords="axes fraction",
+    upper.annotate(f"the delay lines reach from 0 to {reach_ms:.0f} ms", (0.99, 0.03), xycoords="axes fraction",
                    ha="right", color="#b03030", fontsize=8)
     if not echoes:
         upper.annotate("no echo found", (0.5, 0.6), xycoords="axes fraction", ha="center")
