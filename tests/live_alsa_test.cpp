@@ -81,12 +81,12 @@ protected:
 
     Result run(const std::string &commands) const { return shell(folder.string(), commands); }
 
-    // The command with the test's devices, by an ordinary thread: without a device's clock
-    // a real-time one would keep a processor to itself.
+    // The command with the test's devices, none of the user's ~/.asoundrc, by an ordinary
+    // thread: without a device's clock a real-time one would keep a processor to itself.
     std::string command(const std::string &program, const std::string &arguments) const
     {
-        return "ALSA_CONFIG_PATH='/usr/share/alsa/alsa.conf:" + path("asound.conf") + "' " +
-               program + " --priority 0 " + arguments;
+        return "HOME=/nonexistent ALSA_CONFIG_PATH='/usr/share/alsa/alsa.conf:" +
+               path("asound.conf") + "' " + program + " --priority 0 " + arguments;
     }
 
     Result live(const std::string &arguments) const
