@@ -1,4 +1,4 @@
-// What the signals of tests/extremes.h cost and do, in a table: 6 s of a call, the
+// What the signals of extremes.h cost and do, in a table: 6 s of a call, the
 // signal, and the call again.
 //   cost     median processor time of a frame of the signal over that in the call before
 //   resets   of the canceller library, per minute of the signal
@@ -6,7 +6,7 @@
 //            dB; when the microphone is silent the peak itself, in samples
 //   after    echo removed in the 6th second of the call afterwards, dB; in the row
 //            "none" that of a call without interruption
-#include "../tests/extremes.h"
+#include "extremes.h"
 
 #include "nax_aec.h"
 

@@ -2,7 +2,7 @@
 // every frame go into a dump of their own. The far end talks with pauses, its echo moves
 // to another delay every 8 s, at times the near end talks as well or both microphones are
 // muted. Two microphones hear one reference.
-#include "../tests/extremes.h"
+#include "extremes.h"
 
 #include "nax_aec.h"
 

@@ -1,5 +1,5 @@
 // Strided copies of one channel (src/process/channels) against the plain loop.
-#include "process/channels.h"
+#include "kernels/channels.h"
 
 #include "support.h"
 

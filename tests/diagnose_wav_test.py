@@ -23,7 +23,7 @@ except ImportError:
     sys.exit(77)
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-PROGRAM = ROOT / "examples" / "diagnose_wav"
+PROGRAM = ROOT / "tools" / "diagnose_wav"
 
 
 def load_program():

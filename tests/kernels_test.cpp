@@ -1,7 +1,7 @@
 // The inner loops, scalar and NEON, on seeded noise: against a plain model, and against
 // each other to the bit.
-#include "engines/kernels.h"
-#include "process/channels.h"
+#include "kernels/channels.h"
+#include "kernels/kernels.h"
 
 #include "support.h"
 

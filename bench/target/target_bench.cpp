@@ -2,8 +2,8 @@
 // each of the plugin's rows stands for, and the heap that each state takes.
 #include "nax_aec.h"
 
-#include "engines/kernels.h"
-#include "process/channels.h"
+#include "kernels/channels.h"
+#include "kernels/kernels.h"
 #include "regions.h"
 #include "wraps.h"
 

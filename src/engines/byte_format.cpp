@@ -1,6 +1,6 @@
 #include "engines/byte_format.h"
 
-#include "engines/kernels.h"
+#include "kernels/kernels.h"
 
 #include <bit>
 #include <cstring>

@@ -5,8 +5,8 @@
 // docs/experiments.md has the comparisons behind the choices made here.
 #include "engines/canceller.h"
 
-#include "engines/float_mode.h"
-#include "engines/saturate.h"
+#include "kernels/float_mode.h"
+#include "kernels/saturate.h"
 
 #include <speex/speex_echo.h>
 

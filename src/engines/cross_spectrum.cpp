@@ -13,8 +13,8 @@
 //   - Only the partitions with the most energy are transformed back to lags.
 #include "engines/cross_spectrum.h"
 
-#include "engines/kernels.h"
 #include "engines/logtab.h"
+#include "kernels/kernels.h"
 
 #include <algorithm>
 #include <cmath>

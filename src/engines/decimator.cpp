@@ -1,6 +1,6 @@
 #include "engines/decimator.h"
 
-#include "engines/kernels.h"
+#include "kernels/kernels.h"
 
 #include <cmath>
 #include <cstring>

@@ -6,7 +6,7 @@
 
 #include "engines/cross_spectrum.h"
 #include "engines/decimator.h"
-#include "engines/saturate.h"
+#include "kernels/saturate.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,7 @@
 #include "process/alignment.h"
 
 #include "engines/delay_estimator.h"
-#include "engines/saturate.h"
+#include "kernels/saturate.h"
 
 #include <algorithm>
 #include <cstdlib>

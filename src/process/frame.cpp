@@ -1,6 +1,6 @@
 // One frame of 16-bit samples: split, align, cancel, join.
+#include "kernels/channels.h"
 #include "process/alignment.h"
-#include "process/channels.h"
 #include "state/state.h"
 
 #include <algorithm>

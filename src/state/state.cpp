@@ -3,7 +3,7 @@
 
 #include "engines/delay_estimator.h"
 #include "engines/logtab.h"
-#include "engines/saturate.h"
+#include "kernels/saturate.h"
 
 #include <cstdio>
 #include <cstdlib>

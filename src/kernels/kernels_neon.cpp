@@ -2,7 +2,7 @@
 // processor has it. Float operations stand in the scalar variants' order and are not
 // fused, so that results are the same to the bit, but for denormal numbers, which
 // NEON takes as zero.
-#include "engines/kernels.h"
+#include "kernels/kernels.h"
 
 #if NAX_AEC_NEON
 

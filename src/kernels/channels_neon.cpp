@@ -1,6 +1,6 @@
 // NEON variant of the strided copy, compiled with -mfpu=neon and called only where the
 // processor has it.
-#include "process/channels.h"
+#include "kernels/channels.h"
 
 #if NAX_AEC_NEON
 

@@ -1,7 +1,7 @@
 // One channel of interleaved or planar audio to another place.
 #pragma once
 
-#include "engines/processor.h"
+#include "kernels/processor.h"
 
 #include <cstdint>
 

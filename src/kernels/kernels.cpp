@@ -1,4 +1,4 @@
-#include "engines/kernels.h"
+#include "kernels/kernels.h"
 
 #include <cstddef>
 #include <cstring>

@@ -1,6 +1,6 @@
 // The strides of the usual layouts are compile-time constants, because only then do
 // compilers use their de-interleaving vector instructions.
-#include "process/channels.h"
+#include "kernels/channels.h"
 
 #include <cstddef>
 

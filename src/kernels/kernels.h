@@ -2,7 +2,7 @@
 // for NEON with the same results; the library calls them through the pointers below.
 #pragma once
 
-#include "engines/processor.h"
+#include "kernels/processor.h"
 
 #include <cstdint>
 
