@@ -1,0 +1,85 @@
+/*
+ * Frames of 16 ms out of buffers of any size.
+ *
+ * Channels are selected here rather than by nax_aec_byte, whose first call allocates.
+ *
+ * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
+ */
+#define _POSIX_C_SOURCE 200809L /* flockfile */
+
+#include "framer.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static nax_aec_state *create_state(const struct settings *settings, int rate)
+{
+    const nax_aec_param param = {
+        .pos = 1,
+        .drop_channel = settings->drop,
+        .model_aec_en = settings->delay_estimation ? NAX_AEC_DELAY_ESTIMATION : 0,
+        .delay_len = settings->delay,
+    };
+    flockfile(stderr);
+    nax_aec_state *state = nax_aec_state_init(rate, 16, settings->mics, settings->refs, &param);
+    funlockfile(stderr);
+    return state;
+}
+
+static void select_channels(struct framer *framer, const struct settings *settings)
+{
+    const int mics = settings->mics, kept = settings->refs - settings->drop;
+    const int first_mic = settings->mics_first ? 0 : settings->refs;
+    const int first_ref = settings->mics_first ? mics : 0;
+    for (int m = 0; m < mics; m++)
+        framer->source[m] = settings->remap_count > 0 ? settings->remap[m] : first_mic + m;
+    for (int r = 0; r < kept; r++)
+        framer->source[mics + r] = first_ref + r;
+    framer->mics = (size_t)mics;
+    framer->selected = (size_t)(mics + kept);
+    framer->channels = (size_t)(mics + settings->refs);
+}
+
+struct framer *framer_create(const struct settings *settings, int rate)
+{
+    if (rate != 8000 && rate != 16000 && rate != 32000 && rate != 48000) return NULL;
+    struct framer *framer = calloc(1, sizeof *framer);
+    if (!framer) return NULL;
+    framer->size = (size_t)(rate * 2 / 125); /* 16 ms */
+    select_channels(framer, settings);
+    framer->in = calloc(framer->size * framer->selected, sizeof *framer->in);
+    framer->out = calloc(framer->size * framer->channels, sizeof *framer->out);
+    framer->echo = calloc(framer->size * framer->mics, sizeof *framer->echo);
+    if (framer->in && framer->out && framer->echo) framer->state = create_state(settings, rate);
+    if (!framer->state) {
+        framer_destroy(framer);
+        return NULL;
+    }
+    return framer;
+}
+
+void framer_destroy(struct framer *framer)
+{
+    if (!framer) return;
+    nax_aec_state_destroy(framer->state);
+    free(framer->in);
+    free(framer->out);
+    free(framer->echo);
+    free(framer);
+}
+
+void framer_advance(struct framer *framer, size_t count)
+{
+    framer->at += count;
+    if (framer->at < framer->size) return;
+    framer->at = 0;
+    framer->delay = nax_aec_short(framer->state, framer->in, framer->out, framer->echo,
+                                  (int32_t)(framer->size * framer->channels));
+}
+
+void framer_restart(struct framer *framer)
+{
+    framer->at = 0;
+    memset(framer->out, 0, framer->size * framer->channels * sizeof *framer->out);
+}

@@ -1,0 +1,68 @@
+/*
+ * Frames of 16 ms out of buffers of any size, for hosts that have buffers of their own.
+ *
+ * A host exchanges sample instants one for one: it writes its input to where framer_in
+ * says, takes from framer_out the microphones cleaned a frame earlier, and says by
+ * framer_advance how many instants it went on. Whenever a frame is full the library
+ * runs. So the microphones come out exactly framer_late samples after they went in,
+ * whatever the sizes of the buffers. A host that has whole frames takes the output
+ * after framer_advance instead and is a frame earlier.
+ *
+ * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
+ */
+#ifndef FRAMER_H
+#define FRAMER_H
+
+#include "settings.h"
+
+#include "nax_aec.h"
+
+#include <stddef.h>
+
+struct framer {
+    nax_aec_state *state;
+    size_t size;     /* samples of a channel in a frame */
+    size_t mics;     /* channels that come out */
+    size_t selected; /* channels that go in: microphones and references that are not dropped */
+    size_t channels; /* microphones and all references */
+    size_t at;       /* sample instants of the frame that are already there */
+    int delay;       /* samples that the last frame's reference was held back */
+    /* For each channel that goes in its number, from 0, in the order of the settings. */
+    int source[MAX_CHANNELS];
+    int16_t *in, *out, *echo;
+};
+
+/* Returns null when the library does not serve the rate or memory is short. The library
+ * writes its banner of two lines and two empty ones to standard error. Holds the lock of
+ * stderr meanwhile: creations must not run at once, and it is the one lock that all plugins
+ * in a process share. */
+struct framer *framer_create(const struct settings *settings, int rate);
+void framer_destroy(struct framer *framer);
+
+/* Sample instants up to the end of the frame, 1 or more. */
+static inline size_t framer_room(const struct framer *framer) { return framer->size - framer->at; }
+
+/* Where the next instants go: interleaved, in the order of source. */
+static inline int16_t *framer_in(struct framer *framer)
+{
+    return framer->in + framer->at * framer->selected;
+}
+
+/* The cleaned microphones that belong to the same instants, each channels after the last. */
+static inline const int16_t *framer_out(const struct framer *framer)
+{
+    return framer->out + framer->at * framer->channels;
+}
+
+/* Goes on by count instants, at most framer_room. Allocates nothing, locks nothing and
+ * calls nothing of the system. */
+void framer_advance(struct framer *framer, size_t count);
+
+/* Forgets the frame begun and the one to be handed out, for a stream that starts again.
+ * What has been learnt about the room stays. */
+void framer_restart(struct framer *framer);
+
+/* Samples by which the output of a host that exchanges is late. */
+static inline size_t framer_late(const struct framer *framer) { return framer->size; }
+
+#endif

@@ -1,0 +1,32 @@
+/*
+ * The settings of the plugins, named like the options of the tools.
+ *
+ * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
+ */
+#ifndef SETTINGS_H
+#define SETTINGS_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+enum { MAX_MICS = 2, MAX_REFS = 30, MAX_CHANNELS = MAX_MICS + MAX_REFS, MAX_DELAY = 12288 };
+
+struct settings {
+    int mics, refs, drop; /* channels; drop: of the references, the last ones */
+    bool mics_first;      /* order: the microphones before the references */
+    int delay;            /* samples */
+    bool delay_estimation;
+    int remap[MAX_MICS]; /* channels of all, from 0, that are the microphones */
+    int remap_count;     /* 0: no table */
+};
+
+/* One microphone, then one reference; the delay is estimated. */
+extern const struct settings DEFAULT_SETTINGS;
+
+/* Sets one from its text. Returns null, or what is wrong with the text: "is ...". */
+const char *settings_set(struct settings *settings, const char *name, const char *text);
+
+/* Returns null, or what is wrong with all of them together. */
+const char *settings_check(const struct settings *settings);
+
+#endif

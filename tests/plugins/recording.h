@@ -1,0 +1,82 @@
+// A recording for the plugins' tests, and what cancel_wav makes of it. CANCEL_WAV is the
+// command of the program.
+#pragma once
+
+#include "programs.h"
+#include "signals.h"
+
+#include <filesystem>
+
+struct Recording {
+    int32_t rate = 0;
+    size_t mics = 0, refs = 0;
+    Samples samples; // interleaved: the microphones, then the references
+
+    size_t channels() const { return mics + refs; }
+    size_t instants() const { return samples.size() / channels(); }
+};
+
+// Each loudspeaker plays speech of its own, the last second of it silent; each microphone
+// hears all of them, 40 ms late, and a talker in the second half. Not a whole number of
+// frames.
+inline Recording make_recording(int32_t rate, size_t mics, size_t refs, double seconds = 2.5)
+{
+    Recording recording = {rate, mics, refs, {}};
+    std::vector<Speech> players;
+    for (size_t r = 0; r < refs; r++)
+        players.emplace_back(rate, static_cast<uint32_t>(r + 1));
+    Speech talker(rate, 99);
+    std::vector<EchoPath> paths;
+    for (size_t p = 0; p < mics * refs; p++)
+        paths.emplace_back(rate / 25 + static_cast<int32_t>(p),
+                           std::vector<double>{0.4, -0.2, 0.1});
+    const auto instants = static_cast<size_t>(seconds * rate) + 100;
+    for (size_t t = 0; t < instants; t++) {
+        std::vector<double> played, heard(mics);
+        for (Speech &player : players)
+            played.push_back(t + static_cast<size_t>(rate) < instants ? player.next() : 0.0);
+        const double said = t * 2 > instants ? talker.next() / 4 : 0.0;
+        for (size_t m = 0; m < mics; m++) {
+            heard[m] = said;
+            for (size_t r = 0; r < refs; r++)
+                heard[m] += paths[m * refs + r].next(played[r]);
+            recording.samples.push_back(to_sample(heard[m]));
+        }
+        for (size_t r = 0; r < refs; r++)
+            recording.samples.push_back(to_sample(played[r]));
+    }
+    return recording;
+}
+
+// The cleaned microphones by cancel_wav, interleaved. Works in the folder given.
+inline Samples cancelled(const std::string &folder, const Recording &recording,
+                         const std::string &options = "")
+{
+    write_wav(folder + "/all.wav", recording.rate, static_cast<int>(recording.channels()),
+              recording.samples);
+    const Result run =
+        shell(folder, CANCEL_WAV " --quiet --mics " + std::to_string(recording.mics) + " " +
+                          options + " all.wav cleaned.wav");
+    EXPECT_EQ(run.status, 0) << run.err;
+    return read_wav(folder + "/cleaned.wav").samples;
+}
+
+// Samples held back by a number of sample instants, at the same length.
+inline Samples later(const Samples &samples, size_t instants, size_t channels)
+{
+    Samples held(instants * channels);
+    held.insert(held.end(), samples.begin(), samples.end());
+    held.resize(samples.size());
+    return held;
+}
+
+// An empty folder of the running test's own.
+inline std::string fresh_folder()
+{
+    const auto *info = testing::UnitTest::GetInstance()->current_test_info();
+    const auto folder = std::filesystem::current_path() /
+                        (std::string(info->test_suite_name()) + "_" + info->name());
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    return folder.string();
+}
