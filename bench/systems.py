@@ -39,6 +39,13 @@ def captured_messages():
             messages.append(sink.read().decode(errors="replace"))
 
 
+def without_lag(cleaned, case):
+    """cleaned (n x M) moved to where it resembles the microphone most, 0 to 2 frames earlier."""
+    size = 2 ** int(np.ceil(np.log2(2 * len(cleaned))))
+    lags = np.fft.irfft(np.fft.rfft(cleaned[:, 0], size) * np.conj(np.fft.rfft(case["mic"][:, 0], size)))
+    return np.roll(cleaned, -int(lags[:2 * case["frame"]].argmax()), axis=0)
+
+
 def run_library(case, references, estimation):
     """The library over the case; returns cleaned (n x M int16), delays (frames), resets."""
     params = dict(case["params"])
@@ -115,6 +122,4 @@ def run_webrtc(case, folder):
     webrtc_library(folder).webrtc_apm(case["rate"], len(cleaned), case["mics"], case["kept"],
                                       *(ctypes.c_void_p(a.ctypes.data)
                                         for a in (case["mic"], references, cleaned)))
-    size = 2 ** int(np.ceil(np.log2(2 * len(cleaned))))    # its own latency taken out again
-    lags = np.fft.irfft(np.fft.rfft(cleaned[:, 0], size) * np.conj(np.fft.rfft(case["mic"][:, 0], size)))
-    return np.roll(cleaned, -int(lags[:2 * case["frame"]].argmax()), axis=0)
+    return without_lag(cleaned, case)
