@@ -5,8 +5,8 @@
 
 #include "support.h"
 
-#include <bit>
 #include <cmath>
+#include <cstring>
 #include <random>
 
 namespace {
@@ -128,9 +128,8 @@ TEST(Kernels, ByteSwapExchangesTheTwoBytesOfEverySampleAndNoMore)
 
 static std::vector<uint32_t> bits_of(const std::vector<float> &values)
 {
-    std::vector<uint32_t> bits;
-    for (const float value : values)
-        bits.push_back(std::bit_cast<uint32_t>(value));
+    std::vector<uint32_t> bits(values.size());
+    memcpy(bits.data(), values.data(), values.size() * sizeof(float));
     return bits;
 }
 

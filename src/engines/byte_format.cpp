@@ -2,12 +2,11 @@
 
 #include "kernels/kernels.h"
 
-#include <bit>
 #include <cstring>
 
 namespace nax {
 
-uint32_t nax_bigorsmall() { return std::endian::native == std::endian::little ? 0 : 1; }
+uint32_t nax_bigorsmall() { return __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? 0 : 1; }
 
 int32_t nax_bytes2shorts(const uint8_t *source, int16_t *destination, int32_t byte_count,
                          int32_t bits_per_sample, uint32_t byte_order)

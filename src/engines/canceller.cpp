@@ -93,7 +93,7 @@ static constexpr PassThrough make_pass_through()
     }
     return table;
 }
-static constinit PassThrough no_memory = make_pass_through();
+static PassThrough no_memory = make_pass_through();
 
 static Instance *pass_through_instance(int32_t frame_size, int32_t mics)
 {

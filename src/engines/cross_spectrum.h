@@ -4,7 +4,7 @@
 
 #include "engines/decimator.h"
 
-#include <kissfft/kiss_fftr.h>
+#include <kiss_fftr.h>
 
 #include <cstdint>
 

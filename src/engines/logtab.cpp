@@ -5,8 +5,8 @@
 #include "engines/logtab.h"
 
 #include <atomic>
-#include <bit>
 #include <cmath>
+#include <cstring>
 
 namespace nax {
 
@@ -30,7 +30,8 @@ int32_t nax_logtab_init()
 
 float log2_approx(float value)
 {
-    const uint32_t bits = std::bit_cast<uint32_t>(value);
+    uint32_t bits;
+    memcpy(&bits, &value, sizeof bits);
     const int32_t exponent = static_cast<int32_t>(bits >> MANTISSA_BITS) - 127;
     const uint32_t mantissa = bits & ((1u << MANTISSA_BITS) - 1);
     const uint32_t index = mantissa >> (MANTISSA_BITS - TABLE_BITS);
