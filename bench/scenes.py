@@ -150,10 +150,10 @@ def held_back(x, delays):
     return ndimage.map_coordinates(finer, [2 * wanted], order=5, mode="constant")
 
 
-def active_frames(references, knots, rate, heard):
-    """Which frames are active echo frames (see the top). references n x R, full scale 1."""
+def active_frames(references, delays, rate, heard):
+    """Which frames are active echo frames (see the top). references n x R, full scale 1; true delay
+    of every sample (n)."""
     frame = frame_size(rate)
-    delays = np.round(delay_at(knots or [(0, 0)], np.arange(len(references)) / rate))
     powers = frame_powers(held_back(references[:, list(heard)], delays), frame)
     floor = 1e-5
     active_level = powers[powers > floor].mean() if np.any(powers > floor) else 0.0
@@ -177,7 +177,9 @@ class Scene:
 
     def truth(self):
         """The record for truth.json."""
-        active = active_frames(self.references, self.knots, self.rate, self.heard)
+        times = np.arange(len(self.references)) / self.rate
+        delays = np.round(delay_at(self.knots or [(0, 0)], times))
+        active = active_frames(self.references, delays, self.rate, self.heard)
         return dict(name=self.name, category=self.category, rate=self.rate,
                     mics=self.microphones.shape[1], refs=self.references.shape[1],
                     seconds=round(len(self.references) / self.rate, 3),

@@ -2,8 +2,9 @@
 
 A case is a dictionary with the audio in whole frames, int16 (mic: n x M microphones,
 lpb: n x R references), rate in Hz, frame (F samples), mics (M), refs (R), kept (K, the
-references that reach the canceller), params (of nax_aec.Canceller) and alone (which
-frames have no near-end talker).
+references that reach the canceller), params (of nax_aec.Canceller), true (the delay by
+frame), lead (how much less than that is best) and alone (which frames have no near-end
+talker).
 """
 import contextlib
 import ctypes
@@ -13,6 +14,7 @@ import pathlib
 import subprocess
 import sys
 import tempfile
+import zlib
 
 import numpy as np
 from scipy import linalg, signal
@@ -56,6 +58,59 @@ def run_library(case, references, estimation):
                                delay_estimation=estimation, **params) as aec:
             cleaned, _, _, delays = aec.process_stream(case["mic"], references)
     return cleaned, delays, messages[0].count("reset")
+
+
+def run_estimator(case):
+    """The delays that the library applies over the case (frames), without the canceller's work:
+    of a call with less than a frame the library takes the frame and answers with its delay."""
+    frame, library = case["frame"], nax_aec.library()
+    stream = np.ascontiguousarray(np.hstack([case["mic"], case["lpb"][:, :case["kept"]]]))
+    delays = np.zeros(len(stream) // frame, np.int32)
+    with captured_messages():
+        with nax_aec.Canceller(case["rate"], case["mics"], case["refs"], **case["params"]) as aec:
+            for i in range(len(delays)):
+                delays[i] = library.nax_aec_short(aec._state, stream[i * frame:].ctypes.data, None, None, 0)
+    return delays
+
+
+def read_lines(references, delays, frame):
+    """References (n x R) as the library's delay lines hand them out at delays (frames, samples):
+    a read does not wrap, so once a lap a delay of no whole number of frames ends in silence."""
+    result = np.zeros_like(references)
+    for i, delay in enumerate(np.asarray(delays, int)):
+        start = i * frame
+        position = (start % nax_aec.LONGEST_DELAY - delay) % nax_aec.LONGEST_DELAY
+        count = min(frame, nax_aec.LONGEST_DELAY - position)
+        skipped = max(delay - start, 0)
+        if skipped < count:
+            result[start + skipped:start + count] = references[start + skipped - delay:start + count - delay]
+    return result
+
+
+def run_lines(case, removed):
+    """The library told the true delay, read through its delay lines: by whole frames, or at the
+    exact delay with the silent end, whichever removes more over the stretch. Returns cleaned."""
+    frame = case["frame"]
+    told = np.maximum(np.floor(case["true"] - case["lead"]), 0)
+    reads = [read_lines(case["lpb"], delays, frame) for delays in (told // frame * frame, told)]
+    outputs = [run_library(case, read, False)[0] for read in reads]
+    return max(outputs, key=lambda cleaned: (removed(case, cleaned) or [0])[0])
+
+
+@functools.lru_cache(maxsize=None)
+def canceller_mark():
+    """A text that changes when the canceller's output does: figures that depend on nothing else
+    of the library are kept under it."""
+    rng, mark = np.random.default_rng(1), 0
+    for rate in (8000, 16000, 32000, 48000):
+        frame = nax_aec.frame_size(rate)
+        far = signal.lfilter([1], [1, -0.9], rng.standard_normal((100 * frame, 2)) * 1500, axis=0)
+        far *= np.repeat(rng.uniform(0, 2, 100), frame)[:, None]
+        mic = 0.4 * np.roll(far, 20, axis=0) + 20 * rng.standard_normal(far.shape)
+        case = dict(rate=rate, mics=2, refs=2, params={}, mic=np.clip(mic, -32768, 32767).astype(np.int16))
+        references = np.clip(far, -32768, 32767).astype(np.int16)
+        mark = zlib.crc32(run_library(case, references, False)[0].tobytes(), mark)
+    return f"{mark:08x}"
 
 
 def run_speex(case, references):
