@@ -149,7 +149,8 @@ typedef char nax_aec_param_is_six_words[sizeof(nax_aec_param) == 24 ? 1 : -1];
  * @endcode
  * On success it writes two banner lines, each followed by an empty one. Running
  * out of memory is not detected for the state's own buffers; an engine that
- * cannot get its own memory lets the audio pass through unchanged.
+ * cannot get its own memory lets the audio pass through unchanged, but where there
+ * was none even for the canceller's record the cleaned microphones are silent.
  *
  * Threads: not safe against itself.
  *

@@ -15,8 +15,8 @@ struct Instance;
 //   mics           M, 1 or 2
 //   speakers       K, references; below 1 nothing can be cancelled
 //   sample_rate    Hz
-// Where the library cannot serve the set, or there is no memory, the instance passes
-// the microphones through.
+// Where the library cannot serve the set, or has no memory, the instance passes the
+// microphones through. Null when there is no memory for the instance itself.
 // Real time: no, it allocates.
 Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, int32_t mics,
                                    int32_t speakers, int32_t sample_rate);
@@ -28,7 +28,8 @@ Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, in
 //   echo_frame     F x M, interleaved by microphone: microphone minus cleaned,
 //                  saturated to 16 bits
 //   delay_changed  1 when the reference was shifted since the last frame, else 0
-// Both outputs are always written in full. The buffers must not overlap.
+// Both outputs are always written in full, but for a null instance, which knows no frame
+// size: it leaves them as they are. The buffers must not overlap.
 // Real time: yes. The caller's floating-point mode is left as it was.
 void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
                                   const int16_t *ref_frame, int16_t *aec_frame, int16_t *echo_frame,
