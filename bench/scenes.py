@@ -17,6 +17,8 @@ The true delay is the lag, in samples, of the room response's direct path behind
 the reference, bulk delay included: a list of knots (time in s, delay in samples)
 to interpolate linearly, a step being two knots at one time.
 
+Every other scene, even in its record's half, may be tuned on; the odd ones are held back.
+
 An active echo frame is a 16 ms frame of the references that the microphones can
 hear, held back by the true delay, whose level is above -50 dBFS and at most
 30 dB below the references' active level (the mean power of the frames above
@@ -188,8 +190,9 @@ class Scene:
                     far_active_s=round(0.016 * int(active.sum()), 3), far_active_note=ACTIVE_NOTE)
 
 
-def room_response(rng, rate, rt60, direct_db):
-    """Room response (n): the direct path at 0, direct_db above all reflections together."""
+def room_response(rng, rate, rt60, direct_db, hidden_db=0.0, mirrors=()):
+    """Room response (n): the direct path at 0, direct_db above all reflections together. Behind a
+    case it is hidden_db weaker below 2 kHz; mirrors (ms, gain) are reflections as plain as it."""
     n = int(rt60 * rate)
     time = np.arange(n) / rate
     tail = rng.standard_normal(n) * np.exp(-6.9 * time / rt60) * (time > 0.003)
@@ -199,15 +202,24 @@ def room_response(rng, rate, rt60, direct_db):
         tail[int(arrival * rate)] += rng.choice([-1, 1]) * 0.5 * np.exp(-arrival / 0.012)
     tail *= 10 ** (-direct_db / 20) / np.sqrt((tail * tail).sum())
     tail[0] = 1.0
+    if hidden_db:
+        tail[0] = 0
+        impulse = np.eye(1, n)[0]
+        above, below = (signal.sosfilt(signal.butter(2, 2000, kind, fs=rate, output="sos"), impulse)
+                        for kind in ("high", "low"))
+        tail += above + 10 ** (-hidden_db / 20) * below
+    for ms, gain in mirrors:
+        tail[int(ms * rate / 1000)] += gain
     return tail
 
 
 def loudspeaker(x, rate, kind):
-    """x (n) as a small loudspeaker plays it: plain, clip (distorts) or thin (no bass)."""
-    if kind == "clip":
-        limit = 1.5 * active_rms(x, rate)
+    """x (n) as a small loudspeaker plays it: plain, clip (distorts), thin (no bass) or tiny (no
+    bass, and distorts much)."""
+    if kind in ("clip", "tiny"):
+        limit = (1.5 if kind == "clip" else 0.4) * active_rms(x, rate)
         x = limit * np.tanh(x / limit)
-    order, corner = (4, 500) if kind == "thin" else (2, 150)
+    order, corner = {"thin": (4, 500), "tiny": (4, 900)}.get(kind, (2, 150))
     x = signal.sosfilt(signal.butter(order, corner, "high", fs=rate, output="sos"), x)
     return signal.sosfilt(signal.butter(2, min(7000, 0.42 * rate), fs=rate, output="sos"), x)
 
@@ -229,12 +241,33 @@ def noise_like(kind, samples, rate, rng):
     return x / np.sqrt(np.mean(x * x))
 
 
+def suppressed(x, rate):
+    """x (n) behind a noise suppressor: short-time bins near their own floor go down by 20 dB."""
+    frame = frame_size(rate)
+    _, _, bins = signal.stft(x, rate, nperseg=2 * frame)
+    power = ndimage.uniform_filter1d(np.abs(bins) ** 2, 4, axis=1)
+    floor = 4 * np.percentile(power, 20, axis=1, keepdims=True)
+    gain = np.clip(1 - floor / (power + 1e-20), 0.1, 1)
+    return signal.istft(bins * gain, rate, nperseg=2 * frame)[1][:len(x)]
+
+
+def levelled(x, rate):
+    """x (n) behind a level control: -20 dBFS, at most 20 dB up, faster down than up."""
+    frame = frame_size(rate)
+    gain, gains = 1.0, []
+    for rms in np.sqrt(frame_powers(x, frame)):
+        wanted = min(0.1 / (rms + 1e-9), 10) if rms > 1e-3 else gain
+        gain += (0.3 if wanted < gain else 0.02) * (wanted - gain)
+        gains.append(gain)
+    return x * np.interp(np.arange(len(x)), (np.arange(len(gains)) + 1) * frame, gains)
+
+
 def build(name, category, rate=16000, seconds=20, far=None, near=None, near_spans=None, near_db=0.0,
           delay=None, delay_ms=80.0, steps=(), drift_ppm=0.0, mics=1, refs=1, heard=(0,),
           stereo=False, echo_db=None, rt60=None, direct_db=None, floor_db=-65.0, snr_db=None,
           noise="white", speaker="plain", echo_gains=(), far_gains=(), far_pauses=(), far_start=0.0,
-          drops_ms=(), audible=True, params=None):
-    """One Scene. near_db and snr_db count from the echo's active level; steps are
+          drops_ms=(), audible=True, params=None, hidden_db=0.0, mirrors=(), processing=()):
+    """One Scene. processing are functions of what the microphones hear. near_db and snr_db count from the echo's active level; steps are
     (s, ms), drops_ms (s, ms of microphone lost), pauses and spans (s, s)."""
     rng = np.random.default_rng(zlib.crc32(name.encode()))
     drops = [(int(t * rate), int(ms * rate / 1000)) for t, ms in drops_ms]
@@ -262,7 +295,8 @@ def build(name, category, rate=16000, seconds=20, far=None, near=None, near_span
     for m in range(mics):
         for r in heard:
             response = room_response(rng, rate, rt60 or rng.uniform(0.1, 0.4),
-                                     rng.uniform(3, 12) if direct_db is None else direct_db)
+                                     rng.uniform(3, 12) if direct_db is None else direct_db,
+                                     hidden_db, mirrors)
             lag = (m + (r != heard[0])) * int(0.0001 * rate)
             sound = loudspeaker(played[:, r], rate, speaker)
             echo[lag:, m] += signal.fftconvolve(sound, response)[:n - lag]
@@ -293,6 +327,9 @@ def build(name, category, rate=16000, seconds=20, far=None, near=None, near_span
         if snr_db is not None:
             microphones[:, m] += target * 10 ** (-snr_db / 20) * noise_like(noise, n, rate, rng)
 
+    for process in processing:
+        microphones = np.stack([process(channel, rate)[:n] for channel in microphones.T], axis=1)
+
     for at, lost in drops:      # later microphone samples move up: the echo comes earlier
         microphones, echo, near_sound = (np.delete(x, np.s_[at:at + lost], axis=0)
                                          for x in (microphones, echo, near_sound))
@@ -303,6 +340,48 @@ def build(name, category, rate=16000, seconds=20, far=None, near=None, near_span
                  near_sound[:n] if near else None, echo[:n] if audible else None,
                  [[round(float(t), 6), round(float(d), 3)] for t, d in knots] if audible else None,
                  audible, tuple(heard), far_only if audible or near else [], params or {})
+
+
+def add_devices(add):
+    """Scenes as real devices are: the direct sound hidden, mirrored, weak or worked on."""
+    hidden = dict(hidden_db=10, mirrors=((1.9, 0.9),), direct_db=6)
+    add("hidden_16k", "hidden", delay=666, far="carlo", **hidden)
+    add("hidden_8k_long", "hidden", rate=8000, delay=9333, far="june", **hidden)
+    add("hidden_48k", "hidden", rate=48000, delay=1998, far="allison", **hidden)
+    add("hidden_32k", "hidden", rate=32000, delay=4332, far="ivr", **hidden)
+    add("hidden_16k_long", "hidden", delay=9666, far="allison", **hidden)
+    add("hidden_music", "hidden", delay=1200, far="robot", **hidden)
+    add("hidden_base_640", "hidden", delay=666, far="june", params=dict(delay_len=640), **hidden)
+    add("hidden_step", "hidden", delay=700, far="ivr", steps=((10, 150),), **hidden)
+
+    for ms, gain, rate, delay, far in (
+            (12, 1.1, 16000, 1032, "carlo"), (12, 0.9, 8000, 3016, "june"), (12, 1.0, 48000, 3096, "ivr"),
+            (2, 1.1, 16000, 800, "june"), (5, 1.1, 16000, 5000, "allison"), (20, 1.2, 16000, 2000, "ivr"),
+            (8, 1.0, 8000, 9016, "carlo"), (16, 1.1, 32000, 6400, "allison")):
+        add(f"mirror_{ms}ms_{rate // 1000}k", "mirror", rate=rate, delay=delay, far=far, mirrors=((ms, gain),))
+    add("mirrors_two", "mirror", delay=1500, far="carlo", mirrors=((6, 1.0), (13, -0.9)))
+    add("mirror_music", "mirror", delay=1300, far="reno", mirrors=((12, 1.0),))
+    add("mirror_step", "mirror", delay=900, far="june", mirrors=((12, 1.0),), steps=((10, 100),))
+
+    add("tiny_speaker_16k", "tiny", speaker="tiny", far="carlo", delay=1700)
+    add("tiny_speaker_8k_long", "tiny", rate=8000, speaker="tiny", far="allison", delay=9100)
+    add("tiny_speaker_48k", "tiny", rate=48000, speaker="tiny", far="june", delay=9000)
+    add("tiny_speaker_music", "tiny", speaker="tiny", far="cold", delay=2300)
+
+    add("weak_16k", "weak", far="ivr", snr_db=-8, noise="pink", delay=1900)
+    add("weak_8k_long", "weak", rate=8000, far="carlo", snr_db=-7, noise="pink", delay=9500)
+    add("weak_48k", "weak", rate=48000, far="june", snr_db=-8, noise="pink", delay=7000)
+    add("weak_music", "weak", far="coffee", snr_db=-4, noise="pink", delay=3400)
+    add("weak_step", "weak", far="allison", snr_db=-6, noise="white", delay=800, steps=((10, 120),))
+    add("weak_near_floor", "weak", far="june", echo_db=-66, delay=450)
+
+    add("suppressed_16k", "worked_on", far="june", delay=1100, processing=(suppressed,), snr_db=15)
+    add("suppressed_8k", "worked_on", rate=8000, far="ivr", delay=4000, processing=(suppressed,), snr_db=10)
+    add("suppressed_double_talk", "worked_on", far="carlo", near="allison", delay=525, snr_db=15,
+        near_spans=[(3, 20)], processing=(suppressed, levelled))
+    add("levelled_48k", "worked_on", rate=48000, far="allison", delay=3300, processing=(levelled,))
+    add("levelled_double_talk", "worked_on", far="june", near="carlo", delay=6000, near_db=8,
+        processing=(suppressed, levelled))
 
 
 def catalogue():
@@ -411,7 +490,13 @@ def catalogue():
 
     add("demo", "demo", seconds=16, far="allison", near="carlo", near_spans=[(8, 16)], delay_ms=150,
         echo_db=-22, rt60=0.15, direct_db=9, near_db=0)
+    add_devices(add)
     return table
+
+
+def half_of(name):
+    """even: tuned on; odd: held back. Every other scene of the catalogue."""
+    return ("even", "odd")[list(catalogue()).index(name) % 2]
 
 
 def make(name):
@@ -442,7 +527,7 @@ def main():
         print("\n".join(f"{name:32s} {table[name]['category']}" for name in names))
         return
     options.out.mkdir(parents=True, exist_ok=True)
-    truths = [write(make(name), options.out) for name in names]
+    truths = [dict(write(make(name), options.out), half=half_of(name)) for name in names]
     (options.out / "truth.json").write_text(json.dumps(truths, indent=1) + "\n")
     print(f"{len(truths)} scenes in {options.out}")
 
