@@ -101,6 +101,30 @@ TEST_F(Teardown, FreesEveryBufferOnceInOrderWithDelayEstimationOn)
                                      "free record"}));
 }
 
+// Who holds on to the record by mistake finds nothing in it to free or to write to.
+TEST_F(Teardown, LeavesNoPointerInTheRecordThatItFrees)
+{
+    static nax_aec_state *record, last;
+    record = create(2, 2, {.drop_channel = 1, .model_aec_en = 1});
+    Samples in(256 * 4);
+    uint8_t *audio = reinterpret_cast<uint8_t *>(in.data());
+    nax_aec_byte(record, &audio, nullptr, nullptr, 256 * 4 * 2, 0);
+    ASSERT_NE(record->sel_buf, nullptr);
+    heap::last_look = [](void *block) {
+        if (block == record) last = *record;
+    };
+    destroy(record);
+    heap::last_look = nullptr;
+    for (const void *field : {last.pcm_buf, last.mic_frame, last.aec_frame, last.echo_frame,
+                              last.ref_frame, last.spare_a, last.spare_b, last.spare_c,
+                              last.spare_d, last.spare_e, last.spare_f, last.sel_buf})
+        EXPECT_EQ(field, nullptr);
+    EXPECT_EQ(last.ref_delay_lines, nullptr);
+    EXPECT_EQ(last.mic_lookahead, nullptr);
+    EXPECT_EQ(last.echo_state, nullptr);
+    EXPECT_EQ(last.frame_size, 256) << "this is not the record";
+}
+
 TEST_F(Teardown, FreesTheOneLookaheadBufferOfOneMicrophone)
 {
     destroy(create(1, 1, {.model_aec_en = 1}));

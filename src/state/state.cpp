@@ -52,6 +52,15 @@ static void release(int16_t *&buffer)
     buffer = nullptr;
 }
 
+static void release_lines(int16_t **&lines, int64_t count)
+{
+    if (!lines) return;
+    for (int64_t i = 0; i < count && lines[i]; i++)
+        release(lines[i]);
+    free(lines);
+    lines = nullptr;
+}
+
 // Samples per channel in 16 ms, or 0 for a rate that is not supported.
 static int32_t frame_size_for(int32_t sample_rate)
 {
@@ -64,101 +73,105 @@ static int32_t frame_size_for(int32_t sample_rate)
     }
 }
 
+// Refuses a format that is not supported, with the reason on standard error.
+static bool refuse(int32_t sample_rate, int32_t bits_per_sample, int32_t mics, int32_t refs)
+{
+    if (bits_per_sample != 16 || mics <= 0 || refs <= 0) {
+        fprintf(stderr,
+                "LOG (%s(): ,%d), Error: %d SampleRate, %d bits_persample, %d num_src_channel and "
+                "%d num_ref_channel cann't be supported\n",
+                "nax_aec_state_init", 122, sample_rate, bits_per_sample, mics, refs);
+        return true;
+    }
+    if (mics > 2) {
+        fprintf(stderr,
+                "LOG (%s(): ,%d), Error: The number of mic is %d, exceed the limited 2 "
+                "microphones! \n",
+                "nax_aec_state_init", 142, mics);
+        return true;
+    }
+    return false;
+}
+
+// The numbers of a record that was allocated zero-filled: what is not named is 0.
+static void fill(nax_aec_state &state, int32_t sample_rate, int32_t frame, int32_t mics,
+                 int32_t refs, const nax_aec_param &param)
+{
+    state.frame_size = frame;
+    state.frame_size_1 = frame;
+    state.frame_size_2 = frame;
+    state.frame_size_3 = frame;
+    state.block_size = frame;
+    state.filter_length = 2 * frame;
+    state.init_flag = 1;
+    state.sample_rate = sample_rate;
+    state.bits_per_sample = 16;
+    state.num_src_channel = mics;
+    state.num_ref_channel = refs;
+    state.num_channel = static_cast<int32_t>(int64_t{mics} + refs);
+    state.pcm_len = static_cast<int32_t>(frame * (int64_t{mics} + refs));
+    state.drop_channel = param.drop_channel;
+    state.pos = param.pos;
+    state.delay_len = param.delay_len;
+    state.cur_delay = param.delay_len;
+    state.delay_est_en = param.model_aec_en & NAX_AEC_DELAY_ESTIMATION;
+}
+
+static void allocate_buffers(nax_aec_state &state)
+{
+    const int64_t frame = state.frame_size;
+    const int64_t mics = state.num_src_channel;
+    const int64_t refs = state.num_ref_channel;
+    const int64_t kept = nax::kept_references(state);
+    state.pcm_buf = allocate<int16_t>(frame * (mics + refs));
+    state.mic_frame = allocate<int16_t>(frame * mics);
+    state.aec_frame = allocate<int16_t>(frame * mics);
+    state.echo_frame = allocate<int16_t>(frame * mics);
+    state.ref_frame = allocate<int16_t>(frame * kept);
+    state.spare_a = allocate<int16_t>(frame);
+    state.spare_b = allocate<int16_t>(frame * mics);
+    if (!state.delay_est_en) return;
+
+    state.ref_delay_lines = allocate_lines(kept, DELAY_LINE_LEN + frame);
+    state.mic_lookahead = allocate_lines(mics, state.look_ahead + frame);
+    state.spare_d = allocate<int16_t>(frame * kept);
+    state.spare_e = allocate<int16_t>(frame * mics);
+    state.spare_c = allocate<int16_t>(frame * kept);
+    state.spare_f = allocate<int16_t>(frame * refs);
+}
+
+static void create_engines(nax_aec_state &state)
+{
+    const int32_t speakers = nax::saturate_int32(nax::kept_references(state));
+    state.echo_state = nax::canceller::speex_echo_state_init_mc(
+        state.frame_size, state.filter_length, state.num_src_channel, speakers, state.sample_rate);
+    if (state.delay_est_en == 1)
+        nax::AEC_DelayInit(state.delay_est_en, state.sample_rate, state.frame_size / 2,
+                           state.num_src_channel, state.delay_len, speakers, state.delay_est);
+}
+
 extern "C" nax_aec_state *nax_aec_state_init(int32_t sample_rate, int32_t bits_per_sample,
                                              int32_t num_src_channel, int32_t num_ref_channel,
                                              const nax_aec_param *param)
 {
     nax::nax_logtab_init();
+    if (refuse(sample_rate, bits_per_sample, num_src_channel, num_ref_channel)) return nullptr;
 
-    if (bits_per_sample != 16 || num_src_channel <= 0 || num_ref_channel <= 0) {
-        fprintf(stderr,
-                "LOG (%s(): ,%d), Error: %d SampleRate, %d bits_persample, %d num_src_channel and "
-                "%d num_ref_channel cann't be supported\n",
-                "nax_aec_state_init", 122, sample_rate, bits_per_sample, num_src_channel,
-                num_ref_channel);
-        return nullptr;
-    }
-    if (num_src_channel > 2) {
-        fprintf(stderr,
-                "LOG (%s(): ,%d), Error: The number of mic is %d, exceed the limited 2 "
-                "microphones! \n",
-                "nax_aec_state_init", 142, num_src_channel);
-        return nullptr;
-    }
+    st = allocate<nax_aec_state>(1);
+    st->remap_en = static_cast<int16_t>(param->model_aec_en & NAX_AEC_REMAP);
+    if (st->remap_en) st->array_list = param->array_list;
+    st->look_ahead = param->look_ahead;
 
-    nax_aec_state *state = allocate<nax_aec_state>(1);
-    st = state;
-
-    state->remap_en = static_cast<int16_t>(param->model_aec_en & NAX_AEC_REMAP);
-    if (state->remap_en) state->array_list = param->array_list;
-    state->look_ahead = param->look_ahead;
-    const int32_t delay_on = param->model_aec_en & NAX_AEC_DELAY_ESTIMATION;
-
-    // The record stays allocated and in st when the rate is refused: callers that
-    // probe for rates have come to rely on this order, so it is kept.
+    // Here the record stays allocated, and in st: a promise of nax_aec.h.
     const int32_t frame = frame_size_for(sample_rate);
     if (frame == 0) {
         static const char message[] = "Not Support Sampling_rate\n";
         fwrite(message, 1, sizeof message - 1, stderr);
         return nullptr;
     }
-    state->frame_size = frame;
-    state->frame_size_1 = frame;
-
-    const int64_t mics = num_src_channel;
-    const int64_t refs = num_ref_channel;
-    state->drop_channel = param->drop_channel;
-    state->pos = param->pos;
-    state->reserved_a = 0;
-    state->frame_count = 0;
-    state->filter_length = 2 * frame;
-    state->num_channel = static_cast<int32_t>(mics + refs);
-    state->pcm_len = static_cast<int32_t>(frame * (mics + refs));
-    state->bits_per_sample = 16;
-    state->frame_size_2 = frame;
-    state->block_size = frame;
-    state->frame_size_3 = frame;
-    state->num_src_channel = num_src_channel;
-    state->num_ref_channel = num_ref_channel;
-    state->sample_rate = sample_rate;
-    state->init_flag = 1;
-
-    const int64_t kept = nax::kept_references(*state);
-    state->pcm_buf = allocate<int16_t>(frame * (mics + refs));
-    state->mic_frame = allocate<int16_t>(frame * mics);
-    state->aec_frame = allocate<int16_t>(frame * mics);
-    state->echo_frame = allocate<int16_t>(frame * mics);
-    state->ref_frame = allocate<int16_t>(frame * kept);
-    state->spare_a = allocate<int16_t>(frame);
-    state->spare_b = allocate<int16_t>(frame * mics);
-    if (delay_on) {
-        state->ref_delay_lines = allocate_lines(kept, DELAY_LINE_LEN + frame);
-        state->mic_lookahead = allocate_lines(mics, int64_t{param->look_ahead} + frame);
-        state->spare_d = allocate<int16_t>(frame * kept);
-        state->spare_e = allocate<int16_t>(frame * mics);
-        state->spare_c = allocate<int16_t>(frame * kept);
-        state->spare_f = allocate<int16_t>(frame * refs);
-    } else {
-        state->spare_c = nullptr;
-        state->spare_d = nullptr;
-        state->ref_delay_lines = nullptr;
-        state->mic_lookahead = nullptr;
-        state->spare_e = nullptr;
-        state->spare_f = nullptr;
-    }
-    state->delay_len = param->delay_len;
-    state->cur_delay = param->delay_len;
-    state->delay_est_en = delay_on;
-
-    const int32_t speakers = nax::saturate_int32(kept);
-    state->echo_state = nax::canceller::speex_echo_state_init_mc(
-        frame, state->filter_length, num_src_channel, speakers, sample_rate);
-    if (st->delay_est_en == 1) {
-        nax::AEC_DelayInit(delay_on, sample_rate, st->frame_size / 2, num_src_channel,
-                           param->delay_len, speakers, st->delay_est);
-    }
-    st->ring_pos = 0;
-    st->reserved_b = 0;
+    fill(*st, sample_rate, frame, num_src_channel, num_ref_channel, *param);
+    allocate_buffers(*st);
+    create_engines(*st);
 
     fprintf(stderr, "LOG (%s(): ,%d), AEC-RELEASE-VERSION 2.0,RELEASE DATE 2022-02-28\n\n",
             "nax_aec_state_init", 270);
@@ -182,11 +195,10 @@ extern "C" void nax_aec_state_destroy(nax_aec_state *state)
 {
     if (!state) return;
 
-    release(state->sel_buf);
-    release(state->spare_c);
-    release(state->spare_d);
-    release(state->spare_e);
-    release(state->spare_f);
+    int16_t **const optional[] = {&state->sel_buf, &state->spare_c, &state->spare_d,
+                                  &state->spare_e, &state->spare_f};
+    for (int16_t **buffer : optional)
+        if (*buffer) release(*buffer);
     release(state->mic_frame);
     release(state->aec_frame);
     release(state->echo_frame);
@@ -194,18 +206,8 @@ extern "C" void nax_aec_state_destroy(nax_aec_state *state)
     release(state->spare_a);
     release(state->spare_b);
     release(state->pcm_buf);
-    if (state->ref_delay_lines) {
-        for (int64_t i = 0; i < nax::kept_references(*state) && state->ref_delay_lines[i]; i++)
-            release(state->ref_delay_lines[i]);
-        free(state->ref_delay_lines);
-        state->ref_delay_lines = nullptr;
-    }
-    if (state->mic_lookahead) {
-        for (int32_t i = 0; i < state->num_src_channel; i++)
-            release(state->mic_lookahead[i]);
-        free(state->mic_lookahead);
-        state->mic_lookahead = nullptr;
-    }
+    release_lines(state->ref_delay_lines, nax::kept_references(*state));
+    release_lines(state->mic_lookahead, state->num_src_channel);
     if (state->echo_state)
         state->echo_state = nax::canceller::speex_echo_state_destroy(state->echo_state);
     if (state->delay_est_en == 1) nax::AEC_DelayDestroy(state->delay_est);

@@ -64,10 +64,11 @@ void *__wrap_realloc(void *old, size_t size)
 
 void __wrap_free(void *block)
 {
-    if (heap::noting && block) {
+    if (heap::noting) {
         const auto found = heap::live.find(block);
-        std::string line = "free ";
-        journal.push_back(line.append(found == heap::live.end() ? "unknown" : found->second));
+        const std::string unnamed = block ? "unknown" : "null";
+        journal.push_back("free " + (found == heap::live.end() ? unnamed : found->second));
+        if (heap::last_look) heap::last_look(block);
     }
     if (block) heap::live.erase(block);
     heap::used -= static_cast<int64_t>(malloc_usable_size(block));

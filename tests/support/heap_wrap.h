@@ -18,8 +18,11 @@ inline int64_t used = 0;          // bytes handed out and not yet freed
 inline int refusals = 0;
 
 // Blocks handed out while noting and not yet freed, with the names that tests gave
-// them. A freed block is noted as "free NAME"; freeing null is not noted.
+// them. A freed block is noted as "free NAME", null as "free null".
 inline std::map<void *, std::string> live;
+
+// Called with every block just before it is freed, while noting.
+inline void (*last_look)(void *block) = nullptr;
 
 // Notes heap calls for the length of a scope.
 struct Noting {
