@@ -265,6 +265,20 @@ TEST_F(Alignment, IsLeftOutUnlessTheActivityWordIsOne)
     }
 }
 
+// The delay that was applied last stands no longer in the result.
+TEST_F(Alignment, GivesTheBaseDelayOnceTheActivityWordIsClearedAfterAMove)
+{
+    Aligned echo(8000, 1, 60);
+    EXPECT_EQ(echo.play(4000), 4060);
+    EXPECT_EQ(echo.delay_changed(), 1);
+    echo.state()->delay_est[0] = 0;
+    EXPECT_EQ(echo.play(4000), 60);
+    EXPECT_EQ(echo.delay_changed(), 0);
+    EXPECT_EQ(echo.aligned(0), echo.expected(0, 0));
+    EXPECT_EQ(echo.state()->cur_delay, 4060);
+    EXPECT_EQ(echo.state()->ring_pos, 128);
+}
+
 TEST_F(Alignment, StaysInsideTheLineAtNegativeDelays)
 {
     for (const int32_t rate : RATES) {

@@ -215,6 +215,43 @@ TEST_F(Creation, SurvivesExtremeParameterWords)
     }
 }
 
+// Two thousand million kept references: no machine has the lines, and the engines are told
+// what a word of theirs holds.
+TEST_F(Creation, SurvivesMoreKeptReferencesThanAWordHolds)
+{
+    heap::limit = int64_t{64} << 20;
+    const State state = make_state(8000, 1, 1, {.drop_channel = INT32_MIN, .model_aec_en = 1});
+    heap::limit = INT64_MAX;
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(scripted::record.canceller_inits.back().speakers, INT32_MAX);
+    EXPECT_EQ(scripted::record.delay_inits.back().refs, INT32_MAX);
+    EXPECT_EQ(state->ref_frame, nullptr);
+    EXPECT_EQ(state->ref_delay_lines, nullptr);
+}
+
+// Granted line by line they would fill the machine first.
+TEST_F(Creation, AsksForTheLinesOfAnAbsurdCountOfReferencesInOnePieceFirst)
+{
+    State state;
+    heap::limit = int64_t{64} << 20;
+    const Lines calls =
+        creation_journal(8000, 1, 1, {.drop_channel = 1 - 20000, .model_aec_en = 1}, state);
+    heap::limit = INT64_MAX;
+    const std::string all = "malloc " + std::to_string(int64_t{20000} * (12288 + 128) * 2);
+    EXPECT_EQ(std::ranges::count(calls, all), 1);
+    EXPECT_EQ(std::ranges::count(calls, zeroed((12288 + 128) * 2)), 0);
+    ASSERT_NE(state->ref_delay_lines, nullptr);
+    EXPECT_EQ(state->ref_delay_lines[0], nullptr);
+}
+
+TEST_F(Creation, AllocatesEveryLineOfMoreReferencesThanIsPlausibleWhereTheyFit)
+{
+    State state;
+    const Lines calls =
+        creation_journal(8000, 1, 1, {.drop_channel = 1 - 1100, .model_aec_en = 1}, state);
+    EXPECT_EQ(std::ranges::count(calls, zeroed((12288 + 128) * 2)), 1100);
+}
+
 TEST_F(Creation, DoesNotNoticeThatMemoryRanOut)
 {
     for (int granted = 1; granted < 20; granted++) {

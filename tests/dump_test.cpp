@@ -4,8 +4,21 @@
 #include "nax_aec_dump.h"
 
 #include <cstdio>
+#include <utility>
 
 static constexpr int32_t F = 128; // frame at 8000 Hz
+
+// Size and count of the items of every write to one of the dumps.
+static std::vector<std::pair<size_t, size_t>> writes;
+
+extern "C" {
+size_t __real_fwrite(const void *data, size_t size, size_t count, FILE *stream);
+size_t __wrap_fwrite(const void *data, size_t size, size_t count, FILE *stream)
+{
+    if (stream != stderr) writes.push_back({size, count});
+    return __real_fwrite(data, size, count, stream);
+}
+}
 
 // Both dumps go to one file, which shows their order as well.
 class Dump : public ScriptedTest {
@@ -113,6 +126,18 @@ TEST_F(Dump, AppendsABlockPerCallAecOutFirst)
     const Samples dumped = run(state, Samples(2 * F, 0x0404));
     EXPECT_EQ(dumped, joined(joined(Samples(2 * F, 0x0303), echo_of_call(0, F)),
                              joined(Samples(2 * F, 0x0404), echo_of_call(1, F))));
+}
+
+// One item, so that the standard library's lock holds for the whole of it and blocks of
+// different states do not tear.
+TEST_F(Dump, EveryBlockIsWrittenAsOneItem)
+{
+    aec_out = file_;
+    echo_out = file_;
+    const State state = make_state(8000, 2, 3, {.pos = 0, .drop_channel = 1});
+    writes.clear();
+    run(state, Samples(5 * F));
+    EXPECT_EQ(writes, (std::vector<std::pair<size_t, size_t>>{{2 * 4 * F, 1}, {2 * 2 * F, 1}}));
 }
 
 TEST_F(Dump, AecOutIsSilentWhenTheInputIsTakenAsItIs)
