@@ -1,0 +1,192 @@
+// The PipeWire plugin as module-echo-cancel uses it: loaded from its file, set up by
+// properties, run over planes of float samples. PLUGIN is its file. No daemon is needed.
+#include "recording.h"
+
+#include <dlfcn.h>
+#include <spa/interfaces/audio/aec.h>
+#include <spa/pod/builder.h>
+#include <spa/pod/parser.h>
+#include <spa/support/log-impl.h>
+#include <spa/support/plugin.h>
+#include <spa/utils/names.h>
+
+namespace {
+
+SPA_LOG_IMPL(console); // to standard error
+
+using Plane = std::vector<float>;
+using Properties = std::vector<spa_dict_item>;
+
+class PipeWirePlugin : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        library = dlopen(PLUGIN, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_TRUE(library) << dlerror();
+        const auto enumerate = reinterpret_cast<spa_handle_factory_enum_func_t>(
+            dlsym(library, SPA_HANDLE_FACTORY_ENUM_FUNC_NAME));
+        ASSERT_TRUE(enumerate);
+        const spa_handle_factory *factory;
+        uint32_t index = 0;
+        ASSERT_EQ(enumerate(&factory, &index), 1);
+        EXPECT_STREQ(factory->name, SPA_NAME_AEC);
+        memory.resize(spa_handle_factory_get_size(factory, nullptr));
+        handle = reinterpret_cast<spa_handle *>(memory.data());
+        console.log.level = SPA_LOG_LEVEL_ERROR;
+        const spa_support support = {SPA_TYPE_INTERFACE_Log, &console.log};
+        ASSERT_EQ(spa_handle_factory_init(factory, handle, nullptr, &support, 1), 0);
+        void *interface;
+        ASSERT_EQ(spa_handle_get_interface(handle, SPA_TYPE_INTERFACE_AUDIO_AEC, &interface), 0);
+        aec = static_cast<spa_audio_aec *>(interface);
+    }
+
+    void TearDown() override
+    {
+        if (handle) spa_handle_clear(handle);
+        if (library) dlclose(library);
+    }
+
+    int set_up(int32_t rate, size_t channels, const Properties &properties)
+    {
+        const spa_dict args =
+            SPA_DICT_INIT(properties.data(), static_cast<uint32_t>(properties.size()));
+        spa_audio_info_raw info = {};
+        info.rate = static_cast<uint32_t>(rate);
+        info.channels = static_cast<uint32_t>(channels);
+        int status = 0;
+        messages = standard_error_of([&] { status = spa_audio_aec_init(aec, &args, &info); });
+        return status;
+    }
+
+    // What comes out of a recording that is run in blocks of changing size.
+    Samples run(const Recording &recording, const std::vector<size_t> &blocks)
+    {
+        std::vector<Plane> in(recording.channels()), out(recording.mics);
+        for (size_t i = 0; i < recording.samples.size(); i++)
+            in[i % in.size()].push_back(static_cast<float>(recording.samples[i]) / 32768.0f);
+        for (Plane &plane : out)
+            plane.resize(recording.instants());
+        for (size_t at = 0, block = 0; at < recording.instants(); block++) {
+            const size_t size = std::min(blocks[block % blocks.size()], recording.instants() - at);
+            std::vector<const float *> from;
+            std::vector<float *> to;
+            for (const Plane &plane : in)
+                from.push_back(&plane[at]);
+            for (Plane &plane : out)
+                to.push_back(&plane[at]);
+            EXPECT_EQ(spa_audio_aec_run(aec, from.data(), from.data() + recording.mics, to.data(),
+                                        static_cast<uint32_t>(size)),
+                      0);
+            at += size;
+        }
+        Samples samples;
+        for (size_t t = 0; t < recording.instants(); t++)
+            for (const Plane &plane : out)
+                samples.push_back(static_cast<int16_t>(plane[t] * 32768.0f));
+        return samples;
+    }
+
+    void *library = nullptr;
+    std::vector<char> memory;
+    spa_handle *handle = nullptr;
+    spa_audio_aec *aec = nullptr;
+    std::string messages;
+};
+
+TEST_F(PipeWirePlugin, GivesTheBytesOfCancelWavAFrameLaterWhateverTheQuantum)
+{
+    const std::string folder = fresh_folder();
+    for (const int32_t rate : {16000, 48000}) {
+        const size_t channels = rate == 48000 ? 2 : 1;
+        const Recording recording = make_recording(rate, channels, channels);
+        ASSERT_EQ(set_up(rate, channels, {}), 0);
+        EXPECT_TRUE(
+            run(recording, {1024, 1, 480, 767, 4096}) ==
+            later(cancelled(folder, recording), static_cast<size_t>(rate * 2 / 125), channels))
+            << rate;
+    }
+    std::filesystem::remove_all(folder);
+}
+
+TEST_F(PipeWirePlugin, TakesTheSettingsOfTheTools)
+{
+    const std::string folder = fresh_folder();
+    const Recording recording = make_recording(16000, 2, 2);
+    ASSERT_EQ(
+        set_up(16000, 2,
+               {{"drop", "1"}, {"delay", "512"}, {"delay-estimation", "false"}, {"remap", "3,0"}}),
+        0);
+    EXPECT_TRUE(run(recording, {256}) ==
+                later(cancelled(folder, recording,
+                                "--drop 1 --delay 512 --no-delay-estimation --remap 3,0"),
+                      256, 2));
+    std::filesystem::remove_all(folder);
+}
+
+TEST_F(PipeWirePlugin, RefusesWhatItCannotServeAndLogsWhy)
+{
+    const auto refused = [&](int32_t rate, size_t channels, const Properties &properties,
+                             const char *reason) {
+        EXPECT_EQ(set_up(rate, channels, properties), -EINVAL) << reason;
+        EXPECT_NE(messages.find(reason), std::string::npos) << messages;
+    };
+    refused(44100, 1, {}, "44100 Hz, not 8000");
+    refused(48000, 6, {}, "6 captured and 6 played channels");
+    refused(48000, 2, {{"delay", "late"}}, "delay: 'late' is not a number");
+    refused(48000, 2, {{"refs", "1"}}, "refs: '1' follows from the streams' channels");
+    refused(48000, 2, {{"webrtc.gain_control", "true"}}, "is no setting");
+    EXPECT_EQ(spa_audio_aec_run(aec, nullptr, nullptr, nullptr, 0), -EIO);
+}
+
+TEST_F(PipeWirePlugin, StartsAgainWithoutTheSoundOfBefore)
+{
+    const Recording recording = make_recording(16000, 1, 1, 0.1);
+    ASSERT_EQ(set_up(16000, 1, {}), 0);
+    run(recording, {1000});
+    EXPECT_EQ(spa_audio_aec_deactivate(aec), 0);
+    EXPECT_EQ(spa_audio_aec_activate(aec), 0);
+    Samples out = run(recording, {1000});
+    out.resize(256);
+    EXPECT_EQ(out, Samples(256));
+}
+
+TEST_F(PipeWirePlugin, TakesSamplesBeyondFullScaleAndThoseThatAreNoNumbers)
+{
+    ASSERT_EQ(set_up(8000, 1, {{"delay-estimation", "no"}}), 0);
+    Plane mic(1000, 3.0f), ref(1000), out(1000);
+    mic[3] = NAN;
+    mic[4] = -INFINITY;
+    const float *mics[] = {mic.data()}, *refs[] = {ref.data()};
+    float *outs[] = {out.data()};
+    EXPECT_EQ(spa_audio_aec_run(aec, mics, refs, outs, 1000), 0);
+    for (const float sample : out)
+        EXPECT_LE(std::abs(sample), 1.0f);
+}
+
+TEST_F(PipeWirePlugin, TellsTheAppliedDelay)
+{
+    const Recording recording = make_recording(16000, 1, 1);
+    ASSERT_EQ(set_up(16000, 1, {}), 0);
+    run(recording, {1024});
+    EXPECT_EQ(spa_audio_aec_enum_props(aec, 0, nullptr), 1);
+    ASSERT_EQ(spa_audio_aec_get_params(aec, nullptr), 1);
+
+    char room[1024];
+    spa_pod_builder builder = SPA_POD_BUILDER_INIT(room, sizeof room);
+    spa_pod_frame frame;
+    spa_pod_builder_push_struct(&builder, &frame);
+    spa_audio_aec_get_params(aec, &builder);
+    const auto *pod = static_cast<const spa_pod *>(spa_pod_builder_pop(&builder, &frame));
+    spa_pod_parser parser;
+    spa_pod_parser_pod(&parser, pod);
+    const char *name = nullptr;
+    int delay = 0;
+    ASSERT_GE(spa_pod_parser_push_struct(&parser, &frame), 0);
+    ASSERT_GE(spa_pod_parser_get_string(&parser, &name), 0);
+    ASSERT_GE(spa_pod_parser_get_int(&parser, &delay), 0);
+    EXPECT_STREQ(name, "nax.applied-delay");
+    EXPECT_GT(delay, 320); // the echo is 640 samples late and a little more
+    EXPECT_LE(delay, 640);
+}
+
+} // namespace
