@@ -111,7 +111,7 @@ def canceller_mark():
         far *= np.repeat(rng.uniform(0, 2, 100), frame)[:, None]
         mic = 0.4 * np.roll(far, 20, axis=0) + 20 * rng.standard_normal(far.shape)
         case = dict(rate=rate, mics=2, refs=2, params={}, mic=np.clip(mic, -32768, 32767).astype(np.int16))
-        references = np.clip(far, -32768, 32767).astype(np.int16)
+        references = read_lines(np.clip(far, -32768, 32767).astype(np.int16), [frame // 3] * 100, frame)
         mark = zlib.crc32(run_library(case, references, False)[0].tobytes(), mark)
     return f"{mark:08x}"
 
