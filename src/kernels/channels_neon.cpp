@@ -1,4 +1,4 @@
-// NEON variant of the strided copy, compiled with -mfpu=neon and called only where the
+// NEON variant of the strided copy, compiled with NEON switched on and called only where the
 // processor has it.
 #include "kernels/channels.h"
 

@@ -1,4 +1,4 @@
-// NEON variants of the inner loops, compiled with -mfpu=neon and called only where the
+// NEON variants of the inner loops, compiled with NEON switched on and called only where the
 // processor has it. Float operations stand in the scalar variants' order and are not
 // fused, so that results are the same to the bit, but for denormal numbers, which
 // NEON takes as zero.
