@@ -36,9 +36,12 @@ bool read(const char *path, Stream &s)
 
 void run_library(const Stream &s)
 {
-    const nax_aec_param param = {
-        .pos = 1, .drop_channel = 0, .model_aec_en = NAX_AEC_DELAY_ESTIMATION, .delay_len = 0,
-        .look_ahead = 0, .array_list = nullptr};
+    const nax_aec_param param = {.pos = 1,
+                                 .drop_channel = 0,
+                                 .model_aec_en = NAX_AEC_DELAY_ESTIMATION,
+                                 .delay_len = 0,
+                                 .look_ahead = 0,
+                                 .array_list = nullptr};
     nax_aec_state *state = nax_aec_state_init(s.rate, 16, 1, 1, &param);
     std::vector<int16_t> in(s.both), out(static_cast<size_t>(2 * s.frame));
     for (int i = 0; i < s.frames(); i++)
