@@ -1,6 +1,7 @@
 /* The public headers as C99, and the order of the parameter block's words. */
 #include "nax_aec.h"
 #include "nax_aec_dump.h"
+#include "nax_res.h"
 
 #include <stddef.h>
 #include <stdio.h>
@@ -25,6 +26,11 @@ int main(void)
     int32_t (*bytes)(nax_aec_state *, uint8_t **, int16_t *, int16_t *, int32_t, uint32_t) =
         nax_aec_byte;
     EXPECT(init && report && destroy && process && bytes);
+    nax_res_state *(*res_init)(int32_t, int32_t, int32_t) = nax_res_state_init;
+    int32_t (*suppress)(nax_res_state *, const int16_t *, const int16_t *, int16_t *) =
+        nax_res_short;
+    void (*res_destroy)(nax_res_state *) = nax_res_state_destroy;
+    EXPECT(res_init && suppress && res_destroy);
 
     EXPECT(offsetof(nax_aec_param, pos) == 0);
     EXPECT(offsetof(nax_aec_param, drop_channel) == 4);

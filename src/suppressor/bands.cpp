@@ -1,0 +1,33 @@
+// The critical bands of Zwicker (1961, "Subdivision of the audible frequency range into
+// critical bands"), rounded to whole vectors of bins, the narrow lowest ones to one each.
+#include "suppressor/bands.h"
+
+namespace nax::res {
+
+// In vectors of bins, 125 Hz each: up to 24 kHz.
+static constexpr int32_t EDGES[] = {0,  1,  2,  3,  4,  5,  6,  7,  9,  10, 12,  14, 16,
+                                    19, 22, 25, 30, 35, 42, 51, 62, 76, 96, 124, 192};
+static_assert(sizeof EDGES / sizeof *EDGES == MAX_BANDS + 1);
+static_assert(EDGES[MAX_BANDS] * VECTOR == MAX_FRAME);
+
+// Speech is strongest against echo between these, in vectors: 250 Hz to 4.4 kHz.
+static constexpr int32_t NEAR_FROM = 2, NEAR_TO = 35;
+
+Bands bands_for(int32_t frame_size)
+{
+    const int32_t vectors = frame_size / VECTOR; // below half the rate
+    Bands bands = {};
+    while (EDGES[bands.count] < vectors) {
+        const int32_t b = bands.count++;
+        const int32_t to = EDGES[b + 1] < vectors ? EDGES[b + 1] : vectors;
+        // The last band takes the bin at half the rate in, with its padding.
+        const int32_t last = to == vectors ? 1 : 0;
+        bands.edge[b + 1] = (to + last) * VECTOR;
+        bands.share[b] = 1 / static_cast<float>(to * VECTOR + last - bands.edge[b]);
+        if (EDGES[b] < NEAR_FROM) bands.near_from = b + 1;
+        if (EDGES[b] < NEAR_TO) bands.near_to = b + 1;
+    }
+    return bands;
+}
+
+} // namespace nax::res

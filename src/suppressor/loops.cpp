@@ -1,0 +1,167 @@
+#include "suppressor/loops.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace nax::res {
+
+void scalar::window_samples(const int16_t *samples, const float *window, float *to, int32_t count)
+{
+    for (int32_t i = 0; i < count; i++)
+        to[i] = static_cast<float>(samples[i]) * window[i];
+}
+
+void scalar::window_block(const float *block, const float *window, float *to, int32_t count)
+{
+    for (int32_t i = 0; i < count; i++)
+        to[i] = block[i] * window[i];
+}
+
+void scalar::overlap_add(const float *block, const float *window, const float *left_over,
+                         int16_t *to, int32_t count)
+{
+    for (int32_t i = 0; i < count; i++) {
+        const float sum = left_over[i] + block[i] * window[i];
+        const float rounded = sum + (sum < 0 ? -0.5f : 0.5f);
+        to[i] = static_cast<int16_t>(std::min(std::max(rounded, -32768.0f), 32767.0f));
+    }
+}
+
+void scalar::add_power(const Complex *spectrum, float *power, int32_t bins)
+{
+    for (int32_t k = 0; k < bins; k++)
+        power[k] += spectrum[k].re * spectrum[k].re + spectrum[k].im * spectrum[k].im;
+}
+
+// The sum over a band is made of one for each lane of a vector, which are added in the
+// order in which NEON adds them.
+struct LaneSums {
+    float lane[VECTOR] = {};
+    void add(int32_t k, float value) { lane[k % VECTOR] += value; }
+    float total() const { return (lane[0] + lane[2]) + (lane[1] + lane[3]); }
+};
+
+void scalar::band_means(const Bands &bands, const float *power, float *means)
+{
+    for (int32_t b = 0; b < bands.count; b++) {
+        LaneSums sum;
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k++)
+            sum.add(k, power[k]);
+        means[b] = sum.total() * bands.share[b];
+    }
+}
+
+void scalar::compare(const Bands &bands, const Complex *cleaned, const Complex *echo,
+                     float *cleaned_power, float *echo_power, Comparison &comparison)
+{
+    for (int32_t b = 0; b < bands.count; b++) {
+        LaneSums of_cleaned, of_mic, re, im;
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k++) {
+            const Complex e = cleaned[k], removed = echo[k];
+            const Complex y = {e.re + removed.re, e.im + removed.im};
+            cleaned_power[k] = e.re * e.re + e.im * e.im;
+            echo_power[k] = removed.re * removed.re + removed.im * removed.im;
+            of_cleaned.add(k, cleaned_power[k]);
+            of_mic.add(k, y.re * y.re + y.im * y.im);
+            re.add(k, y.re * e.re + y.im * e.im);
+            im.add(k, y.im * e.re - y.re * e.im);
+        }
+        comparison.cleaned[b] = of_cleaned.total() * bands.share[b];
+        comparison.mic[b] = of_mic.total() * bands.share[b];
+        comparison.cross_re[b] = re.total() * bands.share[b];
+        comparison.cross_im[b] = im.total() * bands.share[b];
+    }
+}
+
+void scalar::predict_echo(const Bands &bands, const float *activity, const float *gain,
+                          const float *ref_power, const float *echo_power, Tail constants,
+                          float *tail, float *predicted, float *means)
+{
+    for (int32_t b = 0; b < bands.count; b++) {
+        const float share = constants.share * activity[b];
+        LaneSums sum;
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k++) {
+            const float heard = std::max(echo_power[k] + tail[k], gain[b] * ref_power[k]);
+            predicted[k] = activity[b] * heard;
+            tail[k] = constants.decay * (tail[k] + share * echo_power[k]);
+            sum.add(k, predicted[k]);
+        }
+        means[b] = sum.total() * bands.share[b];
+    }
+}
+
+void scalar::estimate_residual(const Bands &bands, const float *leakage, const float *predicted,
+                               const float *cleaned_power, Excess constants, float *residual,
+                               float *running, float *excess, float *total)
+{
+    const float news = 1 - constants.keep;
+    for (int32_t b = 0; b < bands.count; b++) {
+        LaneSums above, all;
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k++) {
+            residual[k] = std::max(leakage[b] * predicted[k], constants.release * residual[k]);
+            running[k] = constants.keep * running[k] + news * cleaned_power[k];
+            above.add(k, std::max(running[k] - constants.times * residual[k], 0.0f));
+            all.add(k, running[k]);
+        }
+        excess[b] = above.total();
+        total[b] = all.total();
+    }
+}
+
+void scalar::track_least(const float *power, float keep, float *running, float *least, int32_t bins)
+{
+    for (int32_t k = 0; k < bins; k++) {
+        running[k] = keep * running[k] + (1 - keep) * power[k];
+        least[k] = std::min(least[k], running[k]);
+    }
+}
+
+void scalar::apply_gain(const Bands &bands, GainRule rule, const float *factor,
+                        const float *cleaned_power, const float *residual, const float *noise,
+                        float *power_out, Complex *spectrum)
+{
+    const float news = 1 - rule.keep;
+    for (int32_t b = 0; b < bands.count; b++)
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k++) {
+            const float echo = rule.over * residual[k];
+            const float clear = rule.keep * power_out[k] +
+                                news * std::max(cleaned_power[k] - echo, 0.0f) + TINY_POWER;
+            const float wiener = factor[b] * clear / (clear + echo);
+            const float held = std::sqrt(noise[k] / (cleaned_power[k] + TINY_POWER));
+            const float least = std::max(rule.floor, held);
+            const float gain = std::min(std::max(wiener, least), 1.0f);
+            power_out[k] = gain * gain * cleaned_power[k];
+            spectrum[k].re *= gain;
+            spectrum[k].im *= gain;
+        }
+}
+
+WindowSamples *window_samples = scalar::window_samples;
+WindowBlock *window_block = scalar::window_block;
+OverlapAdd *overlap_add = scalar::overlap_add;
+AddPower *add_power = scalar::add_power;
+BandMeans *band_means = scalar::band_means;
+Compare *compare = scalar::compare;
+PredictEcho *predict_echo = scalar::predict_echo;
+EstimateResidual *estimate_residual = scalar::estimate_residual;
+TrackLeast *track_least = scalar::track_least;
+ApplyGain *apply_gain = scalar::apply_gain;
+
+#if NAX_AEC_NEON
+[[gnu::constructor]] static void choose_neon()
+{
+    if (!processor_has_neon()) return;
+    window_samples = neon::window_samples;
+    window_block = neon::window_block;
+    overlap_add = neon::overlap_add;
+    add_power = neon::add_power;
+    band_means = neon::band_means;
+    compare = neon::compare;
+    predict_echo = neon::predict_echo;
+    estimate_residual = neon::estimate_residual;
+    track_least = neon::track_least;
+    apply_gain = neon::apply_gain;
+}
+#endif
+
+} // namespace nax::res

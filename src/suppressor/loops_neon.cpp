@@ -1,0 +1,207 @@
+// NEON variants of the inner loops, compiled with -mfpu=neon and called only where the
+// processor has it. Operations stand in the scalar variants' order and are not fused, so
+// that results are the same to the bit. NEON on 32-bit ARM neither divides nor takes
+// roots: lanes do so one by one.
+#include "suppressor/loops.h"
+
+#if NAX_AEC_NEON
+
+#include <arm_neon.h>
+
+#include <cmath>
+
+namespace nax::res::neon {
+
+static float32x4_t to_floats(int16x4_t samples) { return vcvtq_f32_s32(vmovl_s16(samples)); }
+
+void window_samples(const int16_t *samples, const float *window, float *to, int32_t count)
+{
+    for (int32_t i = 0; i < count; i += 8) {
+        const int16x8_t eight = vld1q_s16(samples + i);
+        const float32x4_t low = to_floats(vget_low_s16(eight));
+        const float32x4_t high = to_floats(vget_high_s16(eight));
+        vst1q_f32(to + i, vmulq_f32(low, vld1q_f32(window + i)));
+        vst1q_f32(to + i + 4, vmulq_f32(high, vld1q_f32(window + i + 4)));
+    }
+}
+
+void window_block(const float *block, const float *window, float *to, int32_t count)
+{
+    for (int32_t i = 0; i < count; i += 4)
+        vst1q_f32(to + i, vmulq_f32(vld1q_f32(block + i), vld1q_f32(window + i)));
+}
+
+void overlap_add(const float *block, const float *window, const float *left_over, int16_t *to,
+                 int32_t count)
+{
+    const uint32x4_t sign = vdupq_n_u32(0x80000000u),
+                     half = vreinterpretq_u32_f32(vdupq_n_f32(0.5f));
+    for (int32_t i = 0; i < count; i += 4) {
+        const float32x4_t sum =
+            vmlaq_f32(vld1q_f32(left_over + i), vld1q_f32(block + i), vld1q_f32(window + i));
+        const uint32x4_t away = vorrq_u32(vandq_u32(vreinterpretq_u32_f32(sum), sign), half);
+        const float32x4_t rounded = vaddq_f32(sum, vreinterpretq_f32_u32(away));
+        vst1_s16(to + i, vqmovn_s32(vcvtq_s32_f32(rounded))); // both saturate
+    }
+}
+
+// The power of four bins.
+static float32x4_t power_of(float32x4x2_t spectrum)
+{
+    return vmlaq_f32(vmulq_f32(spectrum.val[0], spectrum.val[0]), spectrum.val[1], spectrum.val[1]);
+}
+
+static float32x4x2_t load(const Complex *spectrum) { return vld2q_f32(&spectrum->re); }
+
+void add_power(const Complex *spectrum, float *power, int32_t bins)
+{
+    for (int32_t k = 0; k < bins; k += VECTOR)
+        vst1q_f32(power + k, vaddq_f32(vld1q_f32(power + k), power_of(load(spectrum + k))));
+}
+
+static float total(float32x4_t lanes)
+{
+    const float32x2_t pairs = vadd_f32(vget_low_f32(lanes), vget_high_f32(lanes));
+    return vget_lane_f32(pairs, 0) + vget_lane_f32(pairs, 1);
+}
+
+void band_means(const Bands &bands, const float *power, float *means)
+{
+    for (int32_t b = 0; b < bands.count; b++) {
+        float32x4_t sum = vdupq_n_f32(0);
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k += VECTOR)
+            sum = vaddq_f32(sum, vld1q_f32(power + k));
+        means[b] = total(sum) * bands.share[b];
+    }
+}
+
+void compare(const Bands &bands, const Complex *cleaned, const Complex *echo, float *cleaned_power,
+             float *echo_power, Comparison &comparison)
+{
+    for (int32_t b = 0; b < bands.count; b++) {
+        float32x4_t of_cleaned = vdupq_n_f32(0), of_mic = of_cleaned, re = of_cleaned,
+                    im = of_cleaned;
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k += VECTOR) {
+            const float32x4x2_t e = load(cleaned + k), removed = load(echo + k);
+            const float32x4x2_t y = {
+                {vaddq_f32(e.val[0], removed.val[0]), vaddq_f32(e.val[1], removed.val[1])}};
+            const float32x4_t power = power_of(e);
+            vst1q_f32(cleaned_power + k, power);
+            vst1q_f32(echo_power + k, power_of(removed));
+            of_cleaned = vaddq_f32(of_cleaned, power);
+            of_mic = vaddq_f32(of_mic, power_of(y));
+            re = vaddq_f32(re, vmlaq_f32(vmulq_f32(y.val[0], e.val[0]), y.val[1], e.val[1]));
+            im = vaddq_f32(im, vmlsq_f32(vmulq_f32(y.val[1], e.val[0]), y.val[0], e.val[1]));
+        }
+        comparison.cleaned[b] = total(of_cleaned) * bands.share[b];
+        comparison.mic[b] = total(of_mic) * bands.share[b];
+        comparison.cross_re[b] = total(re) * bands.share[b];
+        comparison.cross_im[b] = total(im) * bands.share[b];
+    }
+}
+
+void predict_echo(const Bands &bands, const float *activity, const float *gain,
+                  const float *ref_power, const float *echo_power, Tail constants, float *tail,
+                  float *predicted, float *means)
+{
+    const float32x4_t decay = vdupq_n_f32(constants.decay);
+    for (int32_t b = 0; b < bands.count; b++) {
+        const float32x4_t active = vdupq_n_f32(activity[b]), from_ref = vdupq_n_f32(gain[b]);
+        const float32x4_t share = vdupq_n_f32(constants.share * activity[b]);
+        float32x4_t sum = vdupq_n_f32(0);
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k += VECTOR) {
+            const float32x4_t echo = vld1q_f32(echo_power + k), late = vld1q_f32(tail + k);
+            const float32x4_t heard =
+                vmaxq_f32(vaddq_f32(echo, late), vmulq_f32(from_ref, vld1q_f32(ref_power + k)));
+            const float32x4_t now = vmulq_f32(active, heard);
+            vst1q_f32(tail + k, vmulq_f32(decay, vmlaq_f32(late, share, echo)));
+            vst1q_f32(predicted + k, now);
+            sum = vaddq_f32(sum, now);
+        }
+        means[b] = total(sum) * bands.share[b];
+    }
+}
+
+void estimate_residual(const Bands &bands, const float *leakage, const float *predicted,
+                       const float *cleaned_power, Excess constants, float *residual,
+                       float *running, float *excess, float *totals)
+{
+    const float32x4_t release = vdupq_n_f32(constants.release), keep = vdupq_n_f32(constants.keep);
+    const float32x4_t news = vdupq_n_f32(1 - constants.keep), times = vdupq_n_f32(constants.times);
+    const float32x4_t zero = vdupq_n_f32(0);
+    for (int32_t b = 0; b < bands.count; b++) {
+        const float32x4_t leak = vdupq_n_f32(leakage[b]);
+        float32x4_t above = zero, all = zero;
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k += VECTOR) {
+            const float32x4_t left = vmaxq_f32(vmulq_f32(leak, vld1q_f32(predicted + k)),
+                                               vmulq_f32(release, vld1q_f32(residual + k)));
+            const float32x4_t mean = vmlaq_f32(vmulq_f32(keep, vld1q_f32(running + k)), news,
+                                               vld1q_f32(cleaned_power + k));
+            vst1q_f32(residual + k, left);
+            vst1q_f32(running + k, mean);
+            above = vaddq_f32(above, vmaxq_f32(vmlsq_f32(mean, times, left), zero));
+            all = vaddq_f32(all, mean);
+        }
+        excess[b] = total(above);
+        totals[b] = total(all);
+    }
+}
+
+void track_least(const float *power, float keep, float *running, float *least, int32_t bins)
+{
+    const float32x4_t kept = vdupq_n_f32(keep), news = vdupq_n_f32(1 - keep);
+    for (int32_t k = 0; k < bins; k += VECTOR) {
+        const float32x4_t mean =
+            vmlaq_f32(vmulq_f32(kept, vld1q_f32(running + k)), news, vld1q_f32(power + k));
+        vst1q_f32(running + k, mean);
+        vst1q_f32(least + k, vminq_f32(vld1q_f32(least + k), mean));
+    }
+}
+
+static float32x4_t divide(float32x4_t a, float32x4_t b)
+{
+    float32x4_t ratio = a;
+    ratio = vsetq_lane_f32(vgetq_lane_f32(a, 0) / vgetq_lane_f32(b, 0), ratio, 0);
+    ratio = vsetq_lane_f32(vgetq_lane_f32(a, 1) / vgetq_lane_f32(b, 1), ratio, 1);
+    ratio = vsetq_lane_f32(vgetq_lane_f32(a, 2) / vgetq_lane_f32(b, 2), ratio, 2);
+    return vsetq_lane_f32(vgetq_lane_f32(a, 3) / vgetq_lane_f32(b, 3), ratio, 3);
+}
+
+static float32x4_t root(float32x4_t a)
+{
+    float32x4_t roots = a;
+    roots = vsetq_lane_f32(std::sqrt(vgetq_lane_f32(a, 0)), roots, 0);
+    roots = vsetq_lane_f32(std::sqrt(vgetq_lane_f32(a, 1)), roots, 1);
+    roots = vsetq_lane_f32(std::sqrt(vgetq_lane_f32(a, 2)), roots, 2);
+    return vsetq_lane_f32(std::sqrt(vgetq_lane_f32(a, 3)), roots, 3);
+}
+
+void apply_gain(const Bands &bands, GainRule rule, const float *factor, const float *cleaned_power,
+                const float *residual, const float *noise, float *power_out, Complex *spectrum)
+{
+    const float32x4_t zero = vdupq_n_f32(0), one = vdupq_n_f32(1), tiny = vdupq_n_f32(TINY_POWER);
+    const float32x4_t over = vdupq_n_f32(rule.over), floor = vdupq_n_f32(rule.floor);
+    const float32x4_t keep = vdupq_n_f32(rule.keep), news = vdupq_n_f32(1 - rule.keep);
+    for (int32_t b = 0; b < bands.count; b++) {
+        const float32x4_t times = vdupq_n_f32(factor[b]);
+        for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k += VECTOR) {
+            const float32x4_t e = vld1q_f32(cleaned_power + k);
+            const float32x4_t echo = vmulq_f32(over, vld1q_f32(residual + k));
+            const float32x4_t rest = vmaxq_f32(vsubq_f32(e, echo), zero);
+            const float32x4_t clear =
+                vaddq_f32(vmlaq_f32(vmulq_f32(keep, vld1q_f32(power_out + k)), news, rest), tiny);
+            const float32x4_t wiener = divide(vmulq_f32(times, clear), vaddq_f32(clear, echo));
+            const float32x4_t held = root(divide(vld1q_f32(noise + k), vaddq_f32(e, tiny)));
+            const float32x4_t gain = vminq_f32(vmaxq_f32(wiener, vmaxq_f32(floor, held)), one);
+            vst1q_f32(power_out + k, vmulq_f32(vmulq_f32(gain, gain), e));
+            float32x4x2_t bins = load(spectrum + k);
+            bins.val[0] = vmulq_f32(bins.val[0], gain);
+            bins.val[1] = vmulq_f32(bins.val[1], gain);
+            vst2q_f32(&spectrum[k].re, bins);
+        }
+    }
+}
+
+} // namespace nax::res::neon
+
+#endif

@@ -1,0 +1,22 @@
+#include "suppressor/reference.h"
+
+#include "suppressor/loops.h"
+
+#include <algorithm>
+
+namespace nax::res {
+
+// Decay of a band's peak per frame, 2.2 dB: not slower than a room's.
+static constexpr float HOLD = 0.6f;
+
+void reference_update(Reference &reference, const Bands &bands)
+{
+    band_means(bands, reference.power, reference.mean);
+    for (int32_t b = 0; b < bands.count; b++) {
+        float &held = reference.held[b];
+        held = std::max(reference.mean[b], HOLD * held);
+        reference.activity[b] = held / (held + ACTIVE_POWER);
+    }
+}
+
+} // namespace nax::res

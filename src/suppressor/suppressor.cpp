@@ -1,0 +1,154 @@
+// The calls of nax_res.h: frames to spectra, what the echo leaves in them, the gain, and
+// back to frames.
+#include "nax_res.h"
+
+#include "kernels/channels.h"
+#include "kernels/float_mode.h"
+#include "suppressor/bands.h"
+#include "suppressor/gain.h"
+#include "suppressor/noise.h"
+#include "suppressor/reference.h"
+#include "suppressor/residual.h"
+#include "suppressor/spectra.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+
+using namespace nax::res;
+
+// Two frames of a channel, the earlier one first.
+struct Window {
+    int16_t samples[2 * MAX_FRAME];
+};
+
+struct Microphone {
+    Window cleaned, echo;
+    Noise noise;
+    Residual residual;
+    Gain gain;
+    float left_over[MAX_FRAME];
+    int16_t frame[MAX_FRAME]; // the result
+};
+
+struct nax_res_state {
+    int32_t frame_size; // F, samples
+    int32_t mics, refs; // M, R
+    Bands bands;
+    Spectra spectra;
+    Reference reference;
+    Window *ref_windows;     // R of them
+    Microphone *microphones; // M of them
+    // Scratch.
+    Complex spectrum[MAX_BINS], echo_spectrum[MAX_BINS];
+    float cleaned_power[MAX_BINS], echo_power[MAX_BINS];
+};
+
+template <typename Type> static Type *allocate(int32_t count)
+{
+    return static_cast<Type *>(calloc(static_cast<size_t>(count), sizeof(Type)));
+}
+
+static int32_t frame_size_for(int32_t sample_rate)
+{
+    switch (sample_rate) {
+    case 8000: return 128;
+    case 16000: return 256;
+    case 32000: return 512;
+    case 48000: return 768;
+    default: return 0;
+    }
+}
+
+nax_res_state *nax_res_state_init(int32_t sample_rate, int32_t num_src_channel,
+                                  int32_t num_ref_channel)
+{
+    const int32_t frame_size = frame_size_for(sample_rate);
+    if (frame_size == 0 || num_src_channel < 1 || num_src_channel > 2 || num_ref_channel < 1 ||
+        num_ref_channel > INT32_MAX - num_src_channel)
+        return nullptr;
+    nax_res_state *state = allocate<nax_res_state>(1);
+    if (!state) return nullptr;
+    state->frame_size = frame_size;
+    state->mics = num_src_channel;
+    state->refs = num_ref_channel;
+    state->bands = bands_for(frame_size);
+    state->ref_windows = allocate<Window>(num_ref_channel);
+    state->microphones = allocate<Microphone>(num_src_channel);
+    const bool transforms = spectra_init(state->spectra, frame_size);
+    if (!state->ref_windows || !state->microphones || !transforms) {
+        nax_res_state_destroy(state);
+        return nullptr;
+    }
+    for (int32_t m = 0; m < num_src_channel; m++)
+        noise_init(state->microphones[m].noise);
+    return state;
+}
+
+void nax_res_state_destroy(nax_res_state *state)
+{
+    if (!state) return;
+    spectra_release(state->spectra);
+    free(state->microphones);
+    free(state->ref_windows);
+    free(state);
+}
+
+static void append(Window &window, const int16_t *channel, int32_t stride, int32_t frame_size)
+{
+    std::copy_n(window.samples + frame_size, frame_size, window.samples);
+    nax::copy_channel(channel, stride, window.samples + frame_size, 1, frame_size);
+}
+
+static bool is_silent(const Window &window, int32_t frame_size)
+{
+    return std::all_of(window.samples, window.samples + 2 * frame_size,
+                       [](int16_t sample) { return sample == 0; });
+}
+
+static void take_in_references(nax_res_state &state)
+{
+    std::fill_n(state.reference.power, padded_bins(state.bands), 0.0f);
+    for (int32_t r = 0; r < state.refs; r++) {
+        if (is_silent(state.ref_windows[r], state.frame_size)) continue; // dropped ones always
+        analyse(state.spectra, state.ref_windows[r].samples, state.spectrum);
+        add_power(state.spectrum, state.reference.power, padded_bins(state.bands));
+    }
+    reference_update(state.reference, state.bands);
+}
+
+static void suppress(nax_res_state &state, Microphone &mic)
+{
+    analyse(state.spectra, mic.cleaned.samples, state.spectrum);
+    analyse(state.spectra, mic.echo.samples, state.echo_spectrum);
+    Comparison comparison;
+    compare(state.bands, state.spectrum, state.echo_spectrum, state.cleaned_power, state.echo_power,
+            comparison);
+    noise_update(mic.noise, state.bands, state.cleaned_power, mic.residual.heard);
+    residual_update(mic.residual, state.bands, state.reference, state.cleaned_power,
+                    state.echo_power, comparison, mic.noise);
+    gain_apply(mic.gain, state.bands, comparison, mic.residual, mic.noise, state.cleaned_power,
+               state.spectrum);
+    synthesise(state.spectra, state.spectrum, mic.left_over, mic.frame);
+}
+
+int32_t nax_res_short(nax_res_state *state, const int16_t *aec, const int16_t *echo, int16_t *out)
+{
+    if (!state || !aec || !echo || !out) return -1;
+    const nax::FlushDenormals flush;
+    const int32_t frame = state->frame_size, mics = state->mics, stride = mics + state->refs;
+
+    // All of both is read before anything is written, so that out may be either of them.
+    for (int32_t r = 0; r < state->refs; r++)
+        append(state->ref_windows[r], aec + mics + r, stride, frame);
+    for (int32_t m = 0; m < mics; m++) {
+        append(state->microphones[m].cleaned, aec + m, stride, frame);
+        append(state->microphones[m].echo, echo + m, mics, frame);
+    }
+    take_in_references(*state);
+    for (int32_t m = 0; m < mics; m++) {
+        suppress(*state, state->microphones[m]);
+        nax::copy_channel(state->microphones[m].frame, 1, out + m, mics, frame);
+    }
+    return 0;
+}

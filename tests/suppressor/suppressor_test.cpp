@@ -1,0 +1,199 @@
+// libnax_res as an application sees it: behind the canceller, and on frames made up.
+#include "nax_res.h"
+
+#include "signals.h"
+
+struct ReleaseSuppressor {
+    void operator()(nax_res_state *state) const { nax_res_state_destroy(state); }
+};
+using Suppressor = std::unique_ptr<nax_res_state, ReleaseSuppressor>;
+
+static Suppressor make_suppressor(int32_t rate, int32_t mics, int32_t refs)
+{
+    Suppressor state(nax_res_state_init(rate, mics, refs));
+    EXPECT_TRUE(state);
+    return state;
+}
+
+// A frame made up, not of a canceller.
+struct Frame {
+    Frame(int32_t rate, int32_t mics, int32_t refs)
+        : aec(static_cast<size_t>(frame_size(rate) * (mics + refs))),
+          echo(static_cast<size_t>(frame_size(rate) * mics)), out(echo.size())
+    {}
+    Samples aec, echo, out;
+};
+
+TEST(SuppressorCreation, TakesTheFormatsOfTheFrontEndAndNoOther)
+{
+    for (const int32_t rate : RATES)
+        for (const int32_t mics : {1, 2})
+            for (const int32_t refs : {1, 2, 7})
+                make_suppressor(rate, mics, refs);
+    for (const int32_t rate : {-8000, 0, 7999, 11025, 22050, 24000, 44100, 96000})
+        EXPECT_EQ(nax_res_state_init(rate, 1, 1), nullptr) << rate;
+    for (const int32_t mics : {INT32_MIN, -1, 0, 3, INT32_MAX})
+        EXPECT_EQ(nax_res_state_init(16000, mics, 1), nullptr) << mics;
+    for (const int32_t refs : {INT32_MIN, -1, 0, INT32_MAX})
+        EXPECT_EQ(nax_res_state_init(16000, 1, refs), nullptr) << refs;
+    nax_res_state_destroy(nullptr);
+}
+
+TEST(SuppressorCall, RefusesNullArgumentsAndWritesNothing)
+{
+    const Suppressor state = make_suppressor(16000, 1, 1);
+    Frame frame(16000, 1, 1);
+    frame.out.assign(frame.out.size(), 7);
+    int16_t *const aec = frame.aec.data(), *const echo = frame.echo.data(),
+                   *const out = frame.out.data();
+    EXPECT_EQ(nax_res_short(nullptr, aec, echo, out), -1);
+    EXPECT_EQ(nax_res_short(state.get(), nullptr, echo, out), -1);
+    EXPECT_EQ(nax_res_short(state.get(), aec, nullptr, out), -1);
+    EXPECT_EQ(nax_res_short(state.get(), aec, echo, nullptr), -1);
+    EXPECT_EQ(frame.out, Samples(frame.out.size(), 7));
+    EXPECT_EQ(nax_res_short(state.get(), aec, echo, out), 0);
+}
+
+// To the sample: without echo nothing may be lost.
+TEST(SuppressorCall, GivesTheMicrophonesBackAFrameLateWhileTheReferencesAreSilent)
+{
+    for (const int32_t rate : RATES)
+        for (const int32_t mics : {1, 2})
+            for (const int32_t refs : {1, 3}) {
+                const Suppressor state = make_suppressor(rate, mics, refs);
+                Frame frame(rate, mics, refs);
+                Noise noise(11);
+                Samples before(frame.echo.size());
+                for (int32_t t = 0; t < 40; t++) {
+                    Samples cleaned(before.size());
+                    for (size_t i = 0; i < cleaned.size(); i++) {
+                        const size_t mic = static_cast<size_t>(mics);
+                        cleaned[i] = to_sample(noise.next(32768));
+                        frame.aec[i / mic * (mic + static_cast<size_t>(refs)) + i % mic] =
+                            cleaned[i];
+                        frame.echo[i] = to_sample(noise.next(100)); // the canceller's high-pass
+                    }
+                    nax_res_short(state.get(), frame.aec.data(), frame.echo.data(),
+                                  frame.out.data());
+                    ASSERT_EQ(frame.out, before) << rate << " Hz, frame " << t;
+                    before = cleaned;
+                }
+            }
+}
+
+TEST(SuppressorCall, GivesTheSameWhenOutIsEchoOrAec)
+{
+    for (const int32_t mics : {1, 2}) {
+        const Suppressor apart = make_suppressor(16000, mics, 2),
+                         in_echo = make_suppressor(16000, mics, 2),
+                         in_aec = make_suppressor(16000, mics, 2);
+        Noise noise(12);
+        for (int32_t t = 0; t < 50; t++) {
+            Frame frame(16000, mics, 2);
+            frame.aec = noise.frame(static_cast<int32_t>(frame.aec.size()), 3000);
+            frame.echo = noise.frame(static_cast<int32_t>(frame.echo.size()), 3000);
+            Frame other = frame;
+            nax_res_short(apart.get(), frame.aec.data(), frame.echo.data(), frame.out.data());
+            nax_res_short(in_echo.get(), other.aec.data(), other.echo.data(), other.echo.data());
+            ASSERT_EQ(other.echo, frame.out);
+            nax_res_short(in_aec.get(), other.aec.data(), frame.echo.data(), other.aec.data());
+            ASSERT_TRUE(std::equal(frame.out.begin(), frame.out.end(), other.aec.begin()));
+        }
+    }
+}
+
+// A call behind the canceller: echo by a room longer than its filter, a talker, noise.
+class Call {
+public:
+    Call(int32_t rate, int32_t mics, int32_t refs)
+        : rate_(rate), mics_(mics), refs_(refs), frame_(frame_size(rate)),
+          state_(make_state(rate, mics, refs, {.pos = 1, .model_aec_en = 1})),
+          suppressor_(make_suppressor(rate, mics, refs)), data_(rate, mics, refs),
+          out_(data_.aec.size()), near_(rate * 7 / 5, 21)
+    {
+        // Reflections past the canceller's 32 ms.
+        for (int32_t r = 0; r < refs; r++) {
+            far_.emplace_back(rate, 30 + static_cast<uint32_t>(r));
+            for (const int32_t ms : {20, 25, 32, 60, 75, 90})
+                paths_.push_back({r, EchoPath(ms * rate / 1000, {0.3 * std::pow(0.98, ms)})});
+        }
+    }
+
+    // Goes on for some seconds; the energies of the last one.
+    void run(double seconds, double far, double near, bool echo = true)
+    {
+        const int32_t frames = static_cast<int32_t>(seconds / 0.016);
+        cleaned_energy = suppressed_energy = 0;
+        for (int32_t t = 0; t < frames; t++) {
+            for (int32_t i = 0; i < frame_; i++)
+                instant(i, far, near, echo);
+            nax_aec_short(state_.get(), data_.aec.data(), out_.data(), data_.echo.data(),
+                          static_cast<int32_t>(out_.size()));
+            nax_res_short(suppressor_.get(), out_.data(), data_.echo.data(), data_.out.data());
+            for (size_t i = 0; t > frames - 62 && i < static_cast<size_t>(frame_); i++) {
+                const double c = out_[i * static_cast<size_t>(mics_ + refs_)];
+                const double s = data_.out[i * static_cast<size_t>(mics_)];
+                cleaned_energy += c * c;
+                suppressed_energy += s * s;
+            }
+        }
+    }
+    double change_dB() const { return 10 * std::log10(suppressed_energy / cleaned_energy); }
+
+    double cleaned_energy = 0, suppressed_energy = 0; // of the first microphone
+
+private:
+    void instant(int32_t i, double far, double near, bool echo)
+    {
+        double heard = noise_.next(10) + near * near_.next();
+        int16_t *samples = &data_.aec[static_cast<size_t>(i * (mics_ + refs_))];
+        for (int32_t r = 0; r < refs_; r++)
+            samples[mics_ + r] = to_sample(far * far_[static_cast<size_t>(r)].next());
+        for (auto &[r, path] : paths_) {
+            const double came = path.next(samples[mics_ + r]);
+            if (echo) heard += came;
+        }
+        std::fill_n(samples, mics_, to_sample(heard));
+    }
+
+    int32_t rate_, mics_, refs_, frame_;
+    State state_;
+    Suppressor suppressor_;
+    Frame data_;
+    Samples out_;
+    Speech near_; // of another rhythm than the far end
+    Noise noise_{23};
+    std::vector<Speech> far_;
+    std::vector<std::pair<int32_t, EchoPath>> paths_; // of a reference
+};
+
+TEST(Suppressor, TakesTenDecibelsMoreOfTheEchoThanTheCancellerInEveryFormat)
+{
+    for (const auto &[rate, mics, refs] :
+         {std::tuple{8000, 1, 1}, {16000, 1, 1}, {16000, 2, 2}, {32000, 1, 1}, {48000, 1, 1}}) {
+        Call call(rate, mics, refs);
+        call.run(1, 0, 0); // the room's noise
+        call.run(3, 1, 0);
+        EXPECT_LT(call.change_dB(), -10) << rate << " " << mics << " " << refs;
+    }
+}
+
+TEST(Suppressor, KeepsTheTalkerOverTheEcho)
+{
+    for (const int32_t rate : RATES) {
+        Call call(rate, 1, 1);
+        call.run(1, 0, 0);
+        call.run(3, 1, 0);
+        call.run(3, 1, 1);
+        EXPECT_GT(call.change_dB(), -4) << rate;
+    }
+}
+
+TEST(Suppressor, LetsTheTalkerPassWhilePlayedSoundIsNotHeard)
+{
+    for (const int32_t rate : RATES) {
+        Call call(rate, 1, 1);
+        call.run(4, 1, 0.5, false);
+        EXPECT_GT(call.change_dB(), -2) << rate;
+    }
+}
