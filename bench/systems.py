@@ -20,7 +20,7 @@ import numpy as np
 from scipy import linalg, signal
 
 HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "examples" / "python"))
+sys.path.insert(0, str(HERE.parent / "python"))
 import nax_aec  # noqa: E402
 
 FULL_SCALE = 32768.0
@@ -59,7 +59,8 @@ def run_library(case, references, estimation):
     with captured_messages() as messages:
         with nax_aec.Canceller(case["rate"], case["mics"], case["refs"],
                                delay_estimation=estimation, **params) as aec:
-            cleaned, _, _, delays = aec.process_stream(case["mic"], references)
+            whole = len(case["mic"]) // aec.frame_size * aec.frame_size
+            cleaned, _, _, delays = aec.process(case["mic"][:whole], references[:whole])
     return cleaned, delays, messages[0].count("reset")
 
 

@@ -58,9 +58,10 @@
 /** @} */
 
 /** @name The byte orders of nax_aec_byte
- * Any larger value means the host's order. @{ */
+ * @{ */
 #define NAX_AEC_LITTLE_ENDIAN 0u /**< the low byte first */
 #define NAX_AEC_BIG_ENDIAN 1u    /**< the high byte first */
+#define NAX_AEC_HOST_ENDIAN 2u   /**< this machine's order, as any larger value */
 /** @} */
 
 /** @name Bits of nax_aec_param.model_aec_en
@@ -245,8 +246,8 @@ int32_t nax_aec_short(nax_aec_state *state, const int16_t *in, int16_t *out, int
  * @param len         F x (M + R) x 2, in bytes. The first call's length sizes a
  *                    buffer that is never resized: a later call must not be
  *                    longer.
- * @param byte_order  NAX_AEC_LITTLE_ENDIAN, NAX_AEC_BIG_ENDIAN, or any larger
- *                    value for the host's order.
+ * @param byte_order  NAX_AEC_LITTLE_ENDIAN, NAX_AEC_BIG_ENDIAN or
+ *                    NAX_AEC_HOST_ENDIAN.
  * @return what nax_aec_short returns; 0 when pos is neither 0 nor 1; -1 when the
  * call is refused.
  *

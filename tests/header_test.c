@@ -41,7 +41,7 @@ int main(void)
     EXPECT(offsetof(nax_aec_param, array_list) == (sizeof(void *) == 4 ? 20 : 24));
     EXPECT(sizeof(nax_aec_param) == (sizeof(void *) == 4 ? 24 : 32));
 
-    EXPECT(NAX_AEC_LITTLE_ENDIAN == 0 && NAX_AEC_BIG_ENDIAN == 1);
+    EXPECT(NAX_AEC_LITTLE_ENDIAN == 0 && NAX_AEC_BIG_ENDIAN == 1 && NAX_AEC_HOST_ENDIAN == 2);
     EXPECT(NAX_AEC_DELAY_ESTIMATION == 1 && NAX_AEC_REMAP == 2);
 
     /* The library's own variables, not copies of them. */

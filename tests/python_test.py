@@ -1,12 +1,14 @@
 #!/usr/bin/python3
-"""The ctypes wrapper examples/python/nax_aec.py against the built library.
+"""The Python module over the built library, its docstrings' examples, and the example.
 
 NAX_AEC_LIBRARY names the library. Ends with status 77, which CTest counts as skipped,
 when NumPy is missing.
 """
+import doctest
 import importlib.util
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -18,9 +20,12 @@ if importlib.util.find_spec("numpy") is None:
     sys.exit(77)
 import numpy as np  # noqa: E402
 
-EXAMPLES = pathlib.Path(__file__).resolve().parents[1] / "examples/python"
-sys.path.insert(0, str(EXAMPLES))
-from nax_aec import BIG_ENDIAN, HOST_ORDER, LITTLE_ENDIAN, Canceller, frame_size  # noqa: E402
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+EXAMPLES = ROOT / "examples/python"
+sys.path.insert(0, str(ROOT / "python"))
+import nax_aec  # noqa: E402
+from nax_aec import (BIG_ENDIAN, HOST_ENDIAN, LITTLE_ENDIAN, Canceller, cancel,  # noqa: E402
+                     frame_size)
 
 RATES = {8000: 128, 16000: 256, 32000: 512, 48000: 768}
 
@@ -45,7 +50,7 @@ def removed_db(microphone, cleaned):
     return 10 * np.log10(power[0] / (power[1] + 1e-3))
 
 
-class Frames(unittest.TestCase):
+class Samples(unittest.TestCase):
     def test_every_format_has_the_shapes_that_are_documented(self):
         for rate, frame in RATES.items():
             for mics, refs, drop in ((1, 1, 0), (2, 1, 0), (1, 2, 1), (2, 2, 0), (1, 1, 1)):
@@ -53,49 +58,66 @@ class Frames(unittest.TestCase):
                         Canceller(rate, mics, refs, drop_channel=drop) as canceller:
                     self.assertEqual(canceller.frame_size, frame)
                     self.assertEqual(frame_size(rate), frame)
-                    cleaned, aligned, echo, delay = canceller.process(noise(frame, mics + refs - drop))
-                    self.assertEqual((cleaned.shape, aligned.shape, echo.shape, delay),
-                                     ((frame, mics), (frame, refs), (frame, mics), 0))
-                    self.assertEqual((cleaned.dtype, aligned.dtype, echo.dtype), (np.int16,) * 3)
-                    self.assertFalse(aligned[:, refs - drop:].any())
-
-    def test_results_stay_as_they_were_on_the_next_call(self):
-        with Canceller(8000) as canceller:
-            first = canceller.process(noise(128, 2))
-            before = [x.copy() for x in first[:3]]
-            canceller.process(noise(128, 2, seed=2))
-            for kept, copy in zip(first, before):
-                np.testing.assert_array_equal(kept, copy)
+                    result = canceller.process(noise(frame, mics), noise(frame, refs))
+                    self.assertEqual([x.shape for x in result],
+                                     [(frame, mics), (frame, refs), (frame, mics), (1,)])
+                    self.assertEqual({x.dtype for x in result[:3]}, {np.dtype(np.int16)})
+                    self.assertFalse(result.references[:, refs - drop:].any())
 
     def test_base_delay_is_returned_when_nothing_is_estimated(self):
         with Canceller(16000, delay_estimation=False, delay_len=321) as canceller:
-            self.assertEqual(canceller.process(noise(256, 2))[3], 321)
+            self.assertEqual(canceller.process(noise(256), noise(256)).delays.tolist(), [321])
 
     def test_an_echo_is_found_and_removed(self):
         reference = noise(3 * 16000)
         microphone = echo_of(reference, 1000)
-        with Canceller(16000) as canceller:
-            cleaned, aligned, echo, delays = canceller.process_stream(microphone, reference)
+        cleaned, _, echo, delays = cancel(microphone, reference, 16000)
         self.assertLess(abs(int(delays[-1]) - 1000), 256)
         self.assertGreater(removed_db(microphone, cleaned), 20)
-        difference = microphone[:len(cleaned)].astype(int) - cleaned
+        difference = microphone.astype(int) - cleaned
         np.testing.assert_array_equal(echo, difference.clip(-32768, 32767))
-        self.assertEqual(aligned.shape, (len(cleaned), 1))
 
-    def test_a_stream_equals_its_frames_and_leaves_out_the_rest(self):
-        reference = noise(16000 + 100, 2)
+    def test_a_recording_equals_its_frames(self):
+        reference = noise(16000 // 256 * 256, 2)
         microphone = echo_of(reference, 700)
+        whole = cancel(microphone, reference, 16000, drop_channel=1)
         with Canceller(16000, 1, 2, drop_channel=1) as canceller:
-            stream = canceller.process_stream(microphone[:, 0], reference)
-        self.assertEqual(len(stream[0]), 16100 // 256 * 256)
-        with Canceller(16000, 1, 2, drop_channel=1) as canceller:
-            for i, start in enumerate(range(0, len(stream[0]), 256)):
+            for i, start in enumerate(range(0, len(microphone), 256)):
                 rows = slice(start, start + 256)
-                frame = np.hstack([microphone[rows], reference[rows, :1]])
-                *audio, delay = canceller.process(frame)
-                for whole, part in zip(stream, audio):
-                    np.testing.assert_array_equal(whole[rows], part)
-                self.assertEqual(stream[3][i], delay)
+                *audio, delays = canceller.process(microphone[rows], reference[rows])
+                for all_rows, part in zip(whole, audio):
+                    np.testing.assert_array_equal(all_rows[rows], part)
+                self.assertEqual(whole.delays[i], delays[0])
+
+    def test_a_part_of_a_frame_at_the_end_is_processed_as_if_silence_followed(self):
+        reference = noise(8192)
+        microphone = echo_of(reference, 700)
+        reference[8100:] = microphone[8100:] = 0
+        for all_rows, part in zip(cancel(microphone, reference, 16000),
+                                  cancel(microphone[:8100], reference[:8100], 16000)):
+            np.testing.assert_array_equal(all_rows[:8100], part)
+
+    def test_floats_give_what_16_bits_give_in_their_own_type(self):
+        reference = noise(16000)
+        microphone = echo_of(reference, 700)
+        wanted = cancel(microphone, reference, 16000)
+        for kind in (np.float32, np.float64):
+            result = cancel(microphone.astype(kind) / 32768, reference.astype(kind) / 32768, 16000)
+            for audio, samples in zip(result[:3], wanted[:3]):
+                self.assertEqual(audio.dtype, kind)
+                np.testing.assert_array_equal(audio * 32768, samples)
+
+    def test_floats_beyond_full_scale_are_clipped(self):
+        with Canceller(16000, drop_channel=1) as canceller:
+            loud = canceller.process(np.array([2.0, -2.0, 1.0] * 100), np.zeros(300))
+        np.testing.assert_array_equal(loud.cleaned[:3] * 32768, [32767, -32768, 32767])
+
+    def test_one_channel_without_columns_comes_back_without_columns(self):
+        flat = cancel(noise(512)[:, 0], noise(512, 2), 16000)
+        self.assertEqual([x.shape for x in flat], [(512,), (512, 2), (512,), (2,)])
+
+    def test_a_recording_of_nothing_gives_nothing(self):
+        self.assertEqual([len(x) for x in cancel(noise(0), noise(0), 16000)], [0, 0, 0, 0])
 
 
 class Bytes(unittest.TestCase):
@@ -103,28 +125,28 @@ class Bytes(unittest.TestCase):
         """process_bytes gives what process gives, for 2 microphones and 2 references of
         which 1 is dropped. array_list [1, 0] under pos 1 swaps the microphones."""
         options = dict(microphones=2, references=2, drop_channel=1)
-        code = {LITTLE_ENDIAN: "<i2", BIG_ENDIAN: ">i2", HOST_ORDER: "=i2"}[byte_order]
+        code = {LITTLE_ENDIAN: "<i2", BIG_ENDIAN: ">i2", HOST_ENDIAN: "=i2"}[byte_order]
         with Canceller(16000, **options) as samples, \
                 Canceller(16000, pos=pos, array_list=array_list, **options) as raw:
             for seed in range(20):
                 mics, refs = noise(256, 2, seed), noise(256, 2, 100 + seed)
                 stream = np.hstack([refs, mics] if pos == 0 else [mics, refs])
-                *results, processed = raw.process_bytes(stream.astype(code).tobytes(), byte_order)
-                frame = np.hstack([mics[:, ::-1] if array_list else mics, refs[:, :1]])
-                np.testing.assert_array_equal(processed, frame)
-                for one, other in zip(results, samples.process(frame)):
+                results, processed = raw.process_bytes(stream.astype(code).tobytes(), byte_order)
+                mics = mics[:, ::-1] if array_list else mics
+                np.testing.assert_array_equal(processed, np.hstack([mics, refs[:, :1]]))
+                for one, other in zip(results, samples.process(mics, refs)):
                     np.testing.assert_array_equal(one, other)
 
     def test_bytes_give_what_samples_give_in_each_byte_order(self):
-        for byte_order in (LITTLE_ENDIAN, BIG_ENDIAN, HOST_ORDER):
+        for byte_order in (LITTLE_ENDIAN, BIG_ENDIAN, HOST_ENDIAN):
             with self.subTest(byte_order=byte_order):
                 self.compare(byte_order, pos=1)
 
     def test_bytes_give_what_samples_give_with_the_references_first(self):
-        self.compare(HOST_ORDER, pos=0)
+        self.compare(HOST_ENDIAN, pos=0)
 
     def test_bytes_give_what_samples_give_through_a_table(self):
-        self.compare(HOST_ORDER, pos=1, array_list=[1, 0])
+        self.compare(HOST_ENDIAN, pos=1, array_list=[1, 0])
 
 
 class Errors(unittest.TestCase):
@@ -140,15 +162,18 @@ class Errors(unittest.TestCase):
             with self.subTest(words=words), self.assertRaisesRegex(ValueError, next(iter(words))):
                 Canceller(16000, 1, 1, **words)
 
-    def test_frames_of_the_wrong_shape_or_type(self):
+    def test_arrays_of_the_wrong_shape_type_or_length(self):
+        wrong = ((ValueError, r"not \(n, 1\)", noise(256, 2), noise(256)),
+                 (ValueError, r"not \(n, 1\)", noise(256), noise(256).T),
+                 (TypeError, "int64", noise(256).astype(np.int64), noise(256)),
+                 (ValueError, "finite", noise(256) * np.nan, noise(256)),
+                 (ValueError, "512 samples of microphones, 511", noise(512), noise(511)))
         with Canceller(16000) as canceller:
-            for frame in (noise(255, 2), noise(256, 1), noise(256, 2).astype(float), noise(256, 2).T):
-                with self.assertRaisesRegex(ValueError, "not .*int16"):
-                    canceller.process(frame)
+            for kind, message, *arrays in wrong:
+                with self.subTest(message=message), self.assertRaisesRegex(kind, message):
+                    canceller.process(*arrays)
             with self.assertRaisesRegex(ValueError, "1023 bytes, not 1024"):
                 canceller.process_bytes(bytes(1023))
-            with self.assertRaisesRegex(ValueError, "int16"):
-                canceller.process_stream(noise(512), noise(511))
 
     def test_a_channel_order_that_processes_nothing(self):
         with Canceller(16000, pos=2) as canceller, self.assertRaisesRegex(ValueError, "pos is 2"):
@@ -158,18 +183,42 @@ class Errors(unittest.TestCase):
         with Canceller(16000) as canceller:
             pass
         canceller.close()
-        for call in (lambda: canceller.process(noise(256, 2)),
-                     lambda: canceller.process_bytes(bytes(1024)),
-                     lambda: canceller.process_stream(noise(256), noise(256))):
+        for call in (lambda: canceller.process(noise(256), noise(256)),
+                     lambda: canceller.process_bytes(bytes(1024))):
             with self.assertRaisesRegex(ValueError, "closed"):
                 call()
 
     def test_a_library_that_is_not_there_is_named(self):
         code = "from nax_aec import Canceller; Canceller(16000)"
         result = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True,
-                                cwd=EXAMPLES, check=False,
+                                cwd=ROOT / "python", check=False,
                                 env=dict(os.environ, NAX_AEC_LIBRARY="/nowhere/libnax_aec.so"))
         self.assertIn("OSError: cannot load libnax_aec (/nowhere/libnax_aec.so", result.stderr)
+
+
+class Package(unittest.TestCase):
+    def test_examples_in_docstrings_print_what_they_say(self):
+        for module in (nax_aec, nax_aec.canceller):
+            result = doctest.testmod(module)
+            self.assertGreater(result.attempted, 0)
+            self.assertEqual(result.failed, 0)
+
+    @unittest.skipUnless(all(importlib.util.find_spec(x) for x in ("pip", "setuptools", "wheel")),
+                         "python3-pip, -setuptools or -wheel is not installed")
+    def test_pip_installs_it_from_the_tree(self):
+        with tempfile.TemporaryDirectory() as folder:
+            copy = pathlib.Path(folder, "python")       # setuptools leaves files in the tree
+            shutil.copytree(ROOT / "python", copy)
+            subprocess.run([sys.executable, "-m", "pip", "--quiet", "install", "--no-index",
+                            "--no-build-isolation", "--no-deps", "--target", f"{folder}/site", copy],
+                           check=True)
+            self.assertTrue(pathlib.Path(folder, "site/nax_aec/py.typed").exists())
+            code = "import nax_aec, importlib.metadata as m; nax_aec.Canceller(8000); " \
+                   "print(nax_aec.__file__, m.version('nax_aec'))"
+            result = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True,
+                                    env=dict(os.environ, PYTHONPATH=f"{folder}/site"), check=True)
+            self.assertEqual(result.stdout.split(),
+                             [f"{folder}/site/nax_aec/__init__.py", nax_aec.__version__])
 
 
 @unittest.skipIf(importlib.util.find_spec("matplotlib") is None, "python3-matplotlib is not installed")

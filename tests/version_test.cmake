@@ -38,6 +38,9 @@ expect("the shared library's file name" "${file}" libnax_aec.so.${version})
 first_line(src/nax_aec.map "{")
 expect("the symbols' version" "${line}" "NAX_AEC_${MAJOR} {")
 
+first_line(python/nax_aec/__init__.py "^__version__ ")
+expect("the Python package's version line" "${line}" "__version__ = \"${version}\"")
+
 # The newest entry stands first in both.
 first_line(CHANGELOG.md "^## ")
 string(REGEX MATCH "[0-9][^] ]*" number "${line}")

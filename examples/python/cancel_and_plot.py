@@ -9,6 +9,7 @@ rate that the library serves; all channels of MIC.wav are microphones, all of RE
 references.
 """
 import argparse
+import pathlib
 import sys
 import time
 import wave
@@ -18,7 +19,11 @@ matplotlib.use("Agg")           # a file, no window; leave it out in a notebook
 import matplotlib.pyplot as plt
 import numpy as np
 
-from nax_aec import Canceller
+try:
+    from nax_aec import Canceller
+except ImportError:             # not installed: the checkout that this file is in
+    sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "python"))
+    from nax_aec import Canceller
 
 RATES = (8000, 16000, 32000, 48000)     # Hz
 FULL_SCALE = 32768.0
@@ -92,7 +97,7 @@ else:
 # Cancel it. The frames go through one after the other, as they would live.
 with Canceller(rate, microphone.shape[1], reference.shape[1]) as canceller:
     start = time.perf_counter()
-    cleaned, aligned, echo, delays = canceller.process_stream(microphone, reference)
+    cleaned, aligned, echo, delays = canceller.process(microphone, reference)
     seconds = time.perf_counter() - start
     frame = canceller.frame_size
 
@@ -102,6 +107,7 @@ mic_db, reference_db, cleaned_db = (levels_db(x, frame) for x in (microphone, re
 for i in np.flatnonzero(np.diff(delays, prepend=-1)):
     print(f"from {i * frame / rate:7.3f} s: reference held back by {delays[i]} samples, "
           f"{1e3 * delays[i] / rate:.1f} ms")
+delays = delays[:len(mic_db)]          # without a last frame that silence fills up
 active = reference_db[:len(mic_db)] > SILENT_DB
 active[:len(active) // 2] = False
 if active.any():
