@@ -1,6 +1,5 @@
 // The inner loops, scalar and NEON, on seeded noise: against a plain model, and against
 // each other to the bit.
-#include "kernels/channels.h"
 #include "kernels/kernels.h"
 
 #include "support.h"
@@ -124,6 +123,72 @@ TEST(Kernels, ByteSwapExchangesTheTwoBytesOfEverySampleAndNoMore)
     }
 }
 
+// Copies with every pair of strides up to 6 and compares the whole destination, the
+// samples between and behind the channel's own included.
+TEST(Kernels, ChannelCopyTakesOnlyTheChannelsOwnSamplesAtEveryPairOfStrides)
+{
+    for (int32_t from_stride = 1; from_stride <= 6; from_stride++)
+        for (int32_t to_stride = 1; to_stride <= 6; to_stride++)
+            for (const int32_t count : {0, 1, 2, 7, 8, 9, 31, 128, 129, 768}) {
+                const Samples from =
+                    counting(static_cast<size_t>(count * from_stride) + 1, 1 + from_stride);
+                Samples to(static_cast<size_t>(count * to_stride) + 16, -7);
+                Samples expected = to;
+                for (int32_t i = 0; i < count; i++)
+                    expected[static_cast<size_t>(i * to_stride)] =
+                        from[static_cast<size_t>(i * from_stride)];
+                nax::copy_channel(from.data(), from_stride, to.data(), to_stride, count);
+                ASSERT_EQ(to, expected) << from_stride << " to " << to_stride << ", " << count;
+            }
+}
+
+// A channel other than the first starts at an address that is aligned to two bytes
+// only, and its last sample may be the last of the buffer.
+TEST(Kernels, ChannelCopyReadsNothingBehindTheLastSampleOfTheLastChannel)
+{
+    for (int32_t stride = 2; stride <= 5; stride++) {
+        const Samples from = counting(static_cast<size_t>(128 * stride));
+        Samples to(128);
+        nax::copy_channel(from.data() + stride - 1, stride, to.data(), 1, 128);
+        EXPECT_EQ(to[127], static_cast<int16_t>(128 * stride - 1));
+        Samples back(from.size());
+        nax::copy_channel(to.data(), 1, back.data() + stride - 1, stride, 128);
+        EXPECT_EQ(back.back(), to[127]);
+    }
+}
+
+// Spectra whose energy is a whole number stay exact in floats.
+TEST(Kernels, EnergyIsTheSumOfTheSquaresOfAllBins)
+{
+    std::vector<float> re, im;
+    float expected = 0;
+    for (int k = 0; k < 52; k++) {
+        re.push_back(static_cast<float>(k));
+        im.push_back(static_cast<float>(100 - k));
+        expected += re.back() * re.back() + im.back() * im.back();
+    }
+    EXPECT_EQ(nax::spectrum_energy(re.data(), im.data(), 52), expected);
+}
+
+TEST(Kernels, AllAreOfTheVariantThatTheProcessorHas)
+{
+#if NAX_AEC_NEON
+    if (nax::processor_has_neon()) {
+        EXPECT_EQ(nax::fir_decimate, nax::neon::fir_decimate);
+        EXPECT_EQ(nax::average_cross, nax::neon::average_cross);
+        EXPECT_EQ(nax::spectrum_energy, nax::neon::spectrum_energy);
+        EXPECT_EQ(nax::swap_bytes, nax::neon::swap_bytes);
+        EXPECT_EQ(nax::copy_channel, nax::neon::copy_channel);
+        return;
+    }
+#endif
+    EXPECT_EQ(nax::fir_decimate, nax::scalar::fir_decimate);
+    EXPECT_EQ(nax::average_cross, nax::scalar::average_cross);
+    EXPECT_EQ(nax::spectrum_energy, nax::scalar::spectrum_energy);
+    EXPECT_EQ(nax::swap_bytes, nax::scalar::swap_bytes);
+    EXPECT_EQ(nax::copy_channel, nax::scalar::copy_channel);
+}
+
 #if NAX_AEC_NEON
 
 static std::vector<uint32_t> bits_of(const std::vector<float> &values)
@@ -139,12 +204,6 @@ class Neon : public testing::Test {
         if (!nax::processor_has_neon()) GTEST_SKIP() << "this processor has no NEON";
     }
 };
-
-TEST_F(Neon, IsChosenByTheLibrary)
-{
-    EXPECT_EQ(nax::fir_decimate, nax::neon::fir_decimate);
-    EXPECT_EQ(nax::copy_channel, nax::neon::copy_channel);
-}
 
 TEST_F(Neon, DecimatesAsTheScalarVariantDoes)
 {

@@ -2,7 +2,6 @@
 // each of the plugin's rows stands for, and the heap that each state takes.
 #include "nax_aec.h"
 
-#include "kernels/channels.h"
 #include "kernels/kernels.h"
 #include "regions.h"
 #include "wraps.h"

@@ -1,5 +1,5 @@
-// The engines' inner loops. Each exists in a scalar variant and, for 32-bit ARM, in one
-// for NEON with the same results; the library calls them through the pointers below.
+// The inner loops of process and engines. Each exists in a scalar variant and, for ARM, in
+// one for NEON with the same results; the library calls them through the pointers below.
 #pragma once
 
 #include "kernels/processor.h"
@@ -30,11 +30,19 @@ using SpectrumEnergy = float(const float *a_re, const float *a_im, int32_t count
 // alignment; the buffers must not overlap.
 using SwapBytes = void(const uint8_t *source, int16_t *destination, int32_t samples);
 
+// Copies count samples, from every from_stride-th position to every to_stride-th
+// one. Strides are 1 or more; the buffers must not overlap, though from and to may be
+// channels of them. Samples between those copied may be read and written again
+// unchanged.
+using CopyChannel = void(const int16_t *from, int32_t from_stride, int16_t *to, int32_t to_stride,
+                         int32_t count);
+
 namespace scalar {
 FirDecimate fir_decimate;
 AverageCross average_cross;
 SpectrumEnergy spectrum_energy;
 SwapBytes swap_bytes;
+CopyChannel copy_channel;
 } // namespace scalar
 
 #if NAX_AEC_NEON
@@ -43,6 +51,7 @@ FirDecimate fir_decimate;
 AverageCross average_cross;
 SpectrumEnergy spectrum_energy;
 SwapBytes swap_bytes;
+CopyChannel copy_channel;
 } // namespace neon
 #endif
 
@@ -51,5 +60,6 @@ extern FirDecimate *fir_decimate;
 extern AverageCross *average_cross;
 extern SpectrumEnergy *spectrum_energy;
 extern SwapBytes *swap_bytes;
+extern CopyChannel *copy_channel;
 
 } // namespace nax

@@ -1,6 +1,6 @@
 // Raw bytes in either channel order: convert, select, process, dump.
 #include "engines/byte_format.h"
-#include "kernels/channels.h"
+#include "kernels/kernels.h"
 #include "state/state.h"
 
 #include "nax_aec_dump.h"

@@ -1,5 +1,5 @@
 // One frame of 16-bit samples: split, align, cancel, join.
-#include "kernels/channels.h"
+#include "kernels/kernels.h"
 #include "process/alignment.h"
 #include "state/state.h"
 

@@ -2,8 +2,8 @@
 // back to frames.
 #include "nax_res.h"
 
-#include "kernels/channels.h"
 #include "kernels/float_mode.h"
+#include "kernels/kernels.h"
 #include "suppressor/bands.h"
 #include "suppressor/gain.h"
 #include "suppressor/noise.h"

@@ -66,8 +66,9 @@ void __wrap_free(void *block)
 {
     if (heap::noting) {
         const auto found = heap::live.find(block);
-        const std::string unnamed = block ? "unknown" : "null";
-        journal.push_back("free " + (found == heap::live.end() ? unnamed : found->second));
+        const char *unnamed = block ? "unknown" : "null";
+        std::string line = "free ";
+        journal.push_back(line.append(found == heap::live.end() ? unnamed : found->second));
         if (heap::last_look) heap::last_look(block);
     }
     if (block) heap::live.erase(block);
