@@ -57,21 +57,20 @@ static void dump(FILE *stream, const int16_t *samples, int64_t count)
         fwrite(samples, static_cast<size_t>(count) * sizeof *samples, 1, stream);
 }
 
+// Without a newline: the texts are part of the interface.
+static int32_t refuse(const char *message)
+{
+    fwrite(message, 1, strlen(message), stderr);
+    return -1;
+}
+
 } // namespace nax
 
 extern "C" int32_t nax_aec_byte(nax_aec_state *state, uint8_t **audio, int16_t *out, int16_t *echo,
                                 int32_t len, uint32_t byte_order)
 {
-    if (!state) {
-        static const char message[] = "You didn't initialize the nax_aec!";
-        fwrite(message, 1, sizeof message - 1, stderr);
-        return -1;
-    }
-    if (!audio || len < 0) {
-        static const char message[] = "Error: input audio data is null!";
-        fwrite(message, 1, sizeof message - 1, stderr);
-        return -1;
-    }
+    if (!state) return nax::refuse("You didn't initialize the nax_aec!");
+    if (!audio || len < 0) return nax::refuse("Error: input audio data is null!");
     if (byte_order > NAX_AEC_BIG_ENDIAN) byte_order = nax::nax_bigorsmall();
 
     const int32_t sample_count = len / (state->bits_per_sample / 8);

@@ -43,21 +43,20 @@ static void join(const nax_aec_state &state, int16_t *out)
             out[ptrdiff_t{i} * stride + c] = 0;
 }
 
+// Without a newline: the texts are part of the interface.
+static int32_t refuse(const char *message)
+{
+    fwrite(message, 1, strlen(message), stderr);
+    return -1;
+}
+
 } // namespace nax
 
 extern "C" int32_t nax_aec_short(nax_aec_state *state, const int16_t *in, int16_t *out,
                                  int16_t *echo, int32_t len)
 {
-    if (!state) {
-        static const char message[] = "You didn't initlize the nax_aec!";
-        fwrite(message, 1, sizeof message - 1, stderr);
-        return -1;
-    }
-    if (!in || len < 0) {
-        static const char message[] = "Error: input audio data is null!";
-        fwrite(message, 1, sizeof message - 1, stderr);
-        return -1;
-    }
+    if (!state) return nax::refuse("You didn't initlize the nax_aec!");
+    if (!in || len < 0) return nax::refuse("Error: input audio data is null!");
 
     const int32_t block = state->block_size;
     const int32_t instants = len / state->num_channel;

@@ -61,16 +61,11 @@ static void release_lines(int16_t **&lines, int64_t count)
     lines = nullptr;
 }
 
-// Samples per channel in 16 ms, or 0 for a rate that is not supported.
-static int32_t frame_size_for(int32_t sample_rate)
+static bool is_served(int32_t sample_rate)
 {
-    switch (sample_rate) {
-    case 8000: return 128;
-    case 16000: return 256;
-    case 32000: return 512;
-    case 48000: return MAX_FRAME_SIZE;
-    default: return 0;
-    }
+    for (const int32_t rate : SAMPLE_RATES)
+        if (rate == sample_rate) return true;
+    return false;
 }
 
 // Refuses a format that is not supported, with the reason on standard error.
@@ -94,9 +89,10 @@ static bool refuse(int32_t sample_rate, int32_t bits_per_sample, int32_t mics, i
 }
 
 // The numbers of a record that was allocated zero-filled: what is not named is 0.
-static void fill(nax_aec_state &state, int32_t sample_rate, int32_t frame, int32_t mics,
-                 int32_t refs, const nax_aec_param &param)
+static void fill(nax_aec_state &state, int32_t sample_rate, int32_t mics, int32_t refs,
+                 const nax_aec_param &param)
 {
+    const int32_t frame = frame_size_of(sample_rate);
     state.frame_size = frame;
     state.frame_size_1 = frame;
     state.frame_size_2 = frame;
@@ -163,13 +159,12 @@ extern "C" nax_aec_state *nax_aec_state_init(int32_t sample_rate, int32_t bits_p
     st->look_ahead = param->look_ahead;
 
     // Here the record stays allocated, and in st: a promise of nax_aec.h.
-    const int32_t frame = frame_size_for(sample_rate);
-    if (frame == 0) {
+    if (!is_served(sample_rate)) {
         static const char message[] = "Not Support Sampling_rate\n";
         fwrite(message, 1, sizeof message - 1, stderr);
         return nullptr;
     }
-    fill(*st, sample_rate, frame, num_src_channel, num_ref_channel, *param);
+    fill(*st, sample_rate, num_src_channel, num_ref_channel, *param);
     allocate_buffers(*st);
     create_engines(*st);
 

@@ -18,11 +18,17 @@ inline constexpr int32_t DELAY_LINE_LEN = 12288;
 // Width of the area that the delay estimator keeps its bookkeeping in.
 inline constexpr int32_t DELAY_EST_WORDS = 28;
 
-// Longest frame: 16 ms at 48000 Hz. Every frame length divides the delay line, so
-// a frame is written in one piece.
-inline constexpr int32_t MAX_FRAME_SIZE = 768;
-static_assert(DELAY_LINE_LEN % 128 == 0 && DELAY_LINE_LEN % 256 == 0 && DELAY_LINE_LEN % 512 == 0 &&
-              DELAY_LINE_LEN % MAX_FRAME_SIZE == 0);
+// The rates that are served, in Hz. A frame is 16 ms and divides the delay line, so that
+// it is written in one piece.
+inline constexpr int32_t SAMPLE_RATES[] = {8000, 16000, 32000, 48000};
+constexpr int32_t frame_size_of(int32_t sample_rate) { return sample_rate / 1000 * 16; }
+constexpr bool frames_fit()
+{
+    for (const int32_t rate : SAMPLE_RATES)
+        if (rate % 1000 != 0 || DELAY_LINE_LEN % frame_size_of(rate) != 0) return false;
+    return true;
+}
+static_assert(frames_fit());
 
 // Counts: F = frame_size samples per channel, M = num_src_channel microphones,
 // R = num_ref_channel references, D = drop_channel, K = R - D kept references.
