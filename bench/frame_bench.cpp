@@ -6,7 +6,7 @@
 //   bare     libspeexdsp on whole 16 ms frames, the same channels, the true rate
 // "ratio" is library over bare. "over_binding" is library over the bare canceller run as
 // the engine runs it, on shorter blocks: what is above 1 there with the estimation off is
-// the front end itself.
+// the front end and the binding's own work.
 //
 // The frames hold speech-like noise with an echo, loud enough to keep everything busy.
 #include "nax_aec.h"
