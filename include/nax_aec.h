@@ -20,16 +20,16 @@
  *
  * @par Legal formats
  * @code{.unparsed}
- *   sample_rate  frame_size F  filter  longest delay (12288 samples)
- *     8000 Hz       128        256       1536 ms
- *    16000 Hz       256        512        768 ms
- *    32000 Hz       512       1024        384 ms
- *    48000 Hz       768       1536        256 ms
+ *   sample_rate  frame_size F  filter  longest delay (12288 samples - F)
+ *     8000 Hz       128        256       1520 ms
+ *    16000 Hz       256        512        752 ms
+ *    32000 Hz       512       1024        368 ms
+ *    48000 Hz       768       1536        240 ms
  *
  *   M microphones (num_src_channel): 1 or 2
  *   R references (num_ref_channel): 1 or more
  *   D dropped references (drop_channel): the last D of the R
- *   K = R - D references reach the canceller
+ *   K = R - D references reach the canceller, which serves 1 to 1024
  * @endcode
  * Every count below is in samples unless it says bytes; an interleaved buffer
  * holds, for each sample instant, one sample per channel in channel order.

@@ -77,7 +77,8 @@ TEST(Policy, AttenuatesTheMicrophonesAloneByHowWeakTheReferenceIs)
     const struct {
         float ratio; // microphone's power over the reference's
         int32_t shift;
-    } cases[] = {{0.01f, 0}, {1, 0}, {3.9f, 0}, {4.1f, 1}, {15, 1}, {17, 2}, {65, 2}, {1e4f, 2}};
+    } cases[] = {{0.01f, 0}, {1, 0},  {3.9f, 0}, {4, 0},  {4.1f, 1},
+                 {15, 1},    {16, 1}, {17, 2},   {65, 2}, {1e4f, 2}};
     for (const auto &[ratio, shift] : cases) {
         Policy policy;
         after(policy, 100, {ratio * 1e4f, 1e4f, 0});
@@ -235,6 +236,9 @@ TEST(Levels, DifferenceIsTakenBetweenSamplesOfOneChannel)
     for (size_t i = 0; i < interleaved.size(); i++)
         interleaved[i] = static_cast<int16_t>(i % 2 ? -20000 : 20000); // two constant channels
     EXPECT_EQ(nax::canceller::difference_power(interleaved.data(), 2, 2 * BLOCK), 0);
+    Samples step(BLOCK, 1000);
+    step[0] = 0;
+    EXPECT_EQ(nax::canceller::difference_power(step.data(), 1, BLOCK), 1000.0f * 1000.0f / BLOCK);
     // Alternating, every difference counts but the last of those that make no four.
     EXPECT_EQ(nax::canceller::difference_power(interleaved.data(), 1, BLOCK),
               60 * 40000.0f * 40000.0f / BLOCK);

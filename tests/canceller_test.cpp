@@ -295,6 +295,15 @@ TEST_F(Canceller, PassesTheMicrophonesThroughWithoutAReference)
     EXPECT_EQ(created, 0) << "the library has no use for an instance without speakers";
 }
 
+TEST_F(Canceller, PassesTheMicrophonesThroughBeyond1024References)
+{
+    const Bound most(8000, 1, 1024);
+    EXPECT_EQ(created, 1);
+    Bound bound(8000, 1, 1025);
+    EXPECT_EQ(created, 1);
+    expect_pass_through(bound);
+}
+
 TEST_F(Canceller, PassesTheMicrophonesThroughWhenTheLibraryRefuses)
 {
     refuse_library = true;

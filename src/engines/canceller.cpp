@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 namespace nax::canceller {
 
