@@ -1,16 +1,17 @@
 /*
- * cancel_wav: cancels the echo in WAV files with nax_aec.
+ * cancel_wav: cancels the echo in sound files with nax_aec.
  *
  * It uses the public interface only and works through its files frame by frame,
  * so that their length does not matter. Both ways of giving the input end in the
  * same interleaved bytes for nax_aec_byte: a microphone file and a reference
  * file become "microphones first", and one multi-channel file is passed as it is.
+ * This file: results, figures, and the loop over the frames.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
-#define _POSIX_C_SOURCE 200809L /* stat, isatty, clock_gettime */
+#define _POSIX_C_SOURCE 200809L /* isatty, clock_gettime */
 
-#include "cancel_wav_options.h"
+#include "cancel_wav_source.h"
 
 #include "nax_aec.h"
 #include "nax_aec_dump.h"
@@ -21,29 +22,18 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 enum { HOST_ORDER = 2 }; /* for nax_aec_byte: libsndfile gives samples in the host's order */
-enum { MAX_LISTED_CHANGES = 32, MAX_FILES = 8, PATH_ROOM = 4096 };
+enum { MAX_LISTED_CHANGES = 32, PATH_ROOM = 4096 };
 
 /* A reference frame above -60 dB of full scale (mean square, samples squared)
  * counts as active: room noise in a recorded reference stays below it. */
 static const double ACTIVE_MEAN_SQUARE = 32.768 * 32.768;
 
-struct source {
-    SNDFILE *file[2];
-    size_t width[2]; /* channels of each file */
-    int files;
-    int rate, frame;                   /* Hz; samples of a channel in 16 ms */
-    size_t mics, refs, kept, channels; /* kept: references not dropped; channels: mics + refs */
-    sf_count_t length, position;       /* sample instants in all, and read so far */
-    int16_t *scratch;                  /* one frame of one file */
-};
-
 struct sinks {
-    SNDFILE *cleaned, *echo, *refs;
+    SNDFILE *cleaned, *echo, *refs, *input;
     FILE *delays;
     char aec_path[PATH_ROOM], echo_path[PATH_ROOM];
     int16_t *scratch; /* one frame of one file */
@@ -61,118 +51,7 @@ struct report {
     double library_s;
 };
 
-/* libsndfile's reason without its "System error : " and its full stop. */
-__attribute__((noreturn)) static void fail_sndfile(const char *path, SNDFILE *file)
-{
-    const char *reason = sf_strerror(file);
-    const char *colon = strstr(reason, " : ");
-    reason = colon ? colon + 3 : reason;
-    fail(STATUS_FAILED, path, "%.*s", (int)strcspn(reason, ".\n"), reason);
-}
-
-static int16_t *allocate(size_t samples)
-{
-    int16_t *memory = calloc(samples, sizeof *memory);
-    if (!memory) fail(STATUS_FAILED, "memory", "cannot get room for %zu samples", samples);
-    return memory;
-}
-
-/* ---- input ------------------------------------------------------------------- */
-
-/* Refuses a regular file that is already in use, so that no output overwrites an
- * input or another output. */
-static void claim(const char *path, bool is_output)
-{
-    static struct stat used[MAX_FILES];
-    static int used_count;
-    struct stat now;
-    if (stat(path, &now) != 0 || !S_ISREG(now.st_mode)) return;
-    for (int i = 0; is_output && i < used_count; i++)
-        if (used[i].st_dev == now.st_dev && used[i].st_ino == now.st_ino)
-            fail(STATUS_USAGE, path, "is already an input or another output");
-    if (used_count < MAX_FILES) used[used_count++] = now;
-}
-
-static SNDFILE *open_wav(const char *path, SF_INFO *info)
-{
-    memset(info, 0, sizeof *info);
-    SNDFILE *file = sf_open(path, SFM_READ, info);
-    if (!file) fail_sndfile(path, NULL);
-    const int container = info->format & SF_FORMAT_TYPEMASK;
-    if (container != SF_FORMAT_WAV && container != SF_FORMAT_WAVEX)
-        fail(STATUS_FAILED, path, "is not a WAV file");
-    if ((info->format & SF_FORMAT_SUBMASK) != SF_FORMAT_PCM_16)
-        fail(STATUS_FAILED, path, "is not 16-bit PCM, the only sample format accepted");
-    if (!is_supported_rate(info->samplerate))
-        fail(STATUS_FAILED, path, "has %d Hz, not 8000, 16000, 32000 or 48000 Hz",
-             info->samplerate);
-    if (info->frames == 0) fail(STATUS_FAILED, path, "holds no samples");
-    claim(path, false);
-    return file;
-}
-
-/* The shorter of two files counts; more than a second apart they are taken for
- * files that do not belong together. */
-static sf_count_t common_length(const struct options *options, const SF_INFO *info)
-{
-    const sf_count_t extra = info[1].frames - info[0].frames;
-    const double apart_s = fabs((double)extra) / info[0].samplerate;
-    if (apart_s > 1.0)
-        fail(STATUS_FAILED, options->in[1], "is %.3f s %s than %s, more than 1 s apart", apart_s,
-             extra > 0 ? "longer" : "shorter", options->in[0]);
-    if (extra != 0 && !options->quiet)
-        fprintf(stderr, "cancel_wav: %s: is %.3f s %s than %s, the shorter length counts\n",
-                options->in[1], apart_s, extra > 0 ? "longer" : "shorter", options->in[0]);
-    return extra < 0 ? info[1].frames : info[0].frames;
-}
-
-static void lay_out_channels(struct source *source, const struct options *options)
-{
-    const struct words *words = &options->words;
-    const int all = (int)(source->width[0] + source->width[1]);
-    const int mics = source->files == 2 ? (int)source->width[0] : words->mics;
-    const int refs = all - mics;
-    if (mics > MAX_MICS)
-        fail(STATUS_FAILED, options->in[0], "has %d channels, not 1 or 2 microphones", mics);
-    if (refs < 1)
-        fail(STATUS_FAILED, options->in[0],
-             "has %d channel(s), too few for %d microphone(s) and a reference", all, mics);
-    if (words->drop > refs)
-        fail(STATUS_USAGE, "--drop", "%d is more than the %d reference(s) of %s", words->drop, refs,
-             options->in[source->files - 1]);
-    if (words->drop == refs && options->refs)
-        fail(STATUS_USAGE, "--refs", "--drop %d leaves no reference to write", words->drop);
-    if (words->remap_count > 0 && words->remap_count != mics)
-        fail(STATUS_USAGE, "--remap", "names %d channel(s) for the %d microphone(s) of %s",
-             words->remap_count, mics, options->in[0]);
-    for (int m = 0; m < words->remap_count; m++)
-        if (words->remap[m] >= all)
-            fail(STATUS_USAGE, "--remap", "channel %d is outside the input's channels, 0 to %d",
-                 words->remap[m], all - 1);
-    source->mics = (size_t)mics;
-    source->refs = (size_t)refs;
-    source->kept = (size_t)(refs - words->drop);
-    source->channels = (size_t)all;
-}
-
-static struct source open_source(const struct options *options)
-{
-    struct source source = {.files = options->in_count};
-    SF_INFO info[2];
-    for (int i = 0; i < source.files; i++) {
-        source.file[i] = open_wav(options->in[i], &info[i]);
-        source.width[i] = (size_t)info[i].channels;
-    }
-    if (source.files == 2 && info[1].samplerate != info[0].samplerate)
-        fail(STATUS_FAILED, options->in[1], "has %d Hz, but %s has %d Hz", info[1].samplerate,
-             options->in[0], info[0].samplerate);
-    lay_out_channels(&source, options);
-    source.rate = info[0].samplerate;
-    source.frame = source.rate * 2 / 125; /* 16 ms */
-    source.length = source.files == 2 ? common_length(options, info) : info[0].frames;
-    source.scratch = allocate((size_t)source.frame * source.channels);
-    return source;
-}
+/* ---- output ------------------------------------------------------------------ */
 
 /* Copies width neighbouring channels of count sample instants between interleaved
  * buffers of to_stride and from_stride channels. */
@@ -182,25 +61,6 @@ static void copy_channels(int16_t *to, size_t to_stride, const int16_t *from, si
     for (int t = 0; t < count; t++, to += to_stride, from += from_stride)
         memcpy(to, from, width * sizeof *to);
 }
-
-/* Reads the next frame of every file into one interleaved frame, padded with
- * zeros at the end. Returns the sample instants read, 0 at the end. */
-static int read_frame(struct source *source, const struct options *options, int16_t *audio)
-{
-    const sf_count_t left = source->length - source->position;
-    const int count = left < source->frame ? (int)left : source->frame;
-    memset(audio, 0, (size_t)source->frame * source->channels * sizeof *audio);
-    for (int i = 0; i < source->files; audio += source->width[i++]) {
-        if (sf_readf_short(source->file[i], source->scratch, count) != count)
-            fail(STATUS_FAILED, options->in[i], "ends before its header says");
-        copy_channels(audio, source->channels, source->scratch, source->width[i], source->width[i],
-                      count);
-    }
-    source->position += count;
-    return count;
-}
-
-/* ---- output ------------------------------------------------------------------ */
 
 /* Returns null for no path. */
 static SNDFILE *create_wav(const char *path, int rate, size_t channels)
@@ -238,6 +98,7 @@ static void open_sinks(struct sinks *sinks, const struct options *options,
     sinks->cleaned = create_wav(options->out, source->rate, source->mics);
     sinks->echo = create_wav(options->echo, source->rate, source->mics);
     sinks->refs = create_wav(options->refs, source->rate, source->kept);
+    sinks->input = create_wav(options->input, source->rate, source->channels);
     if (options->delays) {
         sinks->delays = create_file(options->delays);
         fputs("time_s,delay_samples\n", sinks->delays);
@@ -278,6 +139,7 @@ static void close_sinks(struct sinks *sinks, const struct options *options)
     close_wav(sinks->cleaned, options->out);
     close_wav(sinks->echo, options->echo);
     close_wav(sinks->refs, options->refs);
+    close_wav(sinks->input, options->input);
     close_file(sinks->delays, options->delays);
     close_file(aec_out, sinks->aec_path);
     close_file(echo_out, sinks->echo_path);
@@ -396,8 +258,9 @@ static void cancel(const struct options *options, struct source *source, struct 
     int16_t *in = allocate(samples), *out = allocate(samples), *echo = allocate(samples);
     nax_aec_state *state = create_state(options, source);
 
-    for (int count; (count = read_frame(source, options, in)) > 0; report->frames++) {
+    for (int count; (count = read_frame(source, in)) > 0; report->frames++) {
         const double time_s = (double)report->frames * source->frame / source->rate;
+        write_wav(sinks->input, options->input, sinks->scratch, in, channels, channels, count);
         uint8_t *audio = (uint8_t *)in;
         const double start_s = now_s();
         const int delay =
@@ -422,15 +285,14 @@ static void cancel(const struct options *options, struct source *source, struct 
 int main(int argc, char **argv)
 {
     const struct options options = cancel_wav_options(argc, argv);
-    struct source source = open_source(&options);
+    struct source source;
     struct sinks sinks;
     struct report report = {0};
+    open_source(&source, &options);
     open_sinks(&sinks, &options, &source);
     cancel(&options, &source, &sinks, &report);
     close_sinks(&sinks, &options);
-    for (int i = 0; i < source.files; i++)
-        sf_close(source.file[i]);
-    free(source.scratch);
+    close_source(&source);
     if (!options.quiet) print_report(&report, &source, &options);
     return EXIT_SUCCESS;
 }

@@ -8,11 +8,21 @@
 
 #include "options.h"
 
+/* As many channels as libsndfile reads, less the microphones. */
+enum { MAX_REFS = 1022 };
+
+/* Which of the files' channels, those of the second behind those of the first, are used. */
+struct picked {
+    int mics, refs; /* 0: all channels as they come */
+    int channel[MAX_MICS + MAX_REFS];
+};
+
 struct options {
     const char *in[2]; /* MIC and REF, or ALL */
     int in_count;
-    const char *out, *echo, *refs, *delays, *dump;
+    const char *out, *echo, *refs, *input, *delays, *dump;
     struct words words;
+    struct picked picked;
     bool quiet;
 };
 

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <math.h>
+#include <samplerate.h>
 #include <setjmp.h>
 #include <sndfile.h>
 #include <stdbool.h>
@@ -25,7 +26,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 /* ---- what the program holds -------------------------------------------------- */
 
-enum kind { NOTHING, MEMORY, STREAM, SOUND, STATE };
+enum kind { NOTHING, MEMORY, STREAM, SOUND, RATE, STATE };
 static struct {
     enum kind kind;
     void *what;
@@ -66,6 +67,7 @@ static int release_all(void)
         if (kind == MEMORY) free(what);
         if (kind == STREAM) fclose(what);
         if (kind == SOUND) sf_close(what);
+        if (kind == RATE) src_delete(what);
         if (kind == STATE) nax_aec_state_destroy(what);
     }
     return released;
@@ -83,12 +85,18 @@ __attribute__((noreturn)) static void jump_back(int status) { longjmp(way_back, 
 #define fclose(file) fclose(let_go(file))
 #define sf_open(path, mode, info) hold(SOUND, sf_open(path, mode, info))
 #define sf_close(file) sf_close(let_go(file))
+#define src_callback_new(...) hold(RATE, src_callback_new(__VA_ARGS__))
+#define src_delete(converter) src_delete(let_go(converter))
 #define nax_aec_state_init(...) hold(STATE, nax_aec_state_init(__VA_ARGS__))
 #define nax_aec_state_destroy(state) nax_aec_state_destroy(let_go(state))
 #pragma clang section bss = "program_bss" data = "program_data"
 #include "options.c"
 
 #include "cancel_wav_options.c"
+
+#include "sound_file.c"
+
+#include "cancel_wav_source.c"
 
 #include "cancel_wav.c"
 #pragma clang section bss = "" data = ""
@@ -183,7 +191,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                                     "--refs",
                                     "--delays",
                                     "--dump",
+                                    "--input",
                                     "--quiet",
+                                    "--channels",
                                     "--ord",
                                     "-x",
                                     "--"};
@@ -195,7 +205,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                                    "1,0",        "0,1",
                                    "2,",         ",",
                                    "0,1,2",      "1x",
-                                   "",           "0000000000000000000000000000000000000,1"};
+                                   "",           "0000000000000000000000000000000000000,1",
+                                   "1:0",        "0,1:2,0,0"};
     static char *const PATHS[] = {"a.wav",     "b.wav",     "out.wav",   "more.wav",
                                   "/dev/full", "missing/x", "/dev/null", "."};
     static char directory[] = "/tmp/fuzz_cancel_wav.XXXXXX";
@@ -211,12 +222,12 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     char *argv[32] = {"cancel_wav"};
     int argc = 1;
     for (int n = pick(8); n > 0; n--) {
-        const int option = pick(15);
+        const int option = pick(17);
         argv[argc++] = OPTIONS[option];
-        if (option >= 7 && option <= 10)
+        if (option >= 7 && option <= 11)
             argv[argc++] = PATHS[pick(8)];
-        else if (option != 6 && option != 11 && option != 14)
-            argv[argc++] = VALUES[pick(18)];
+        else if (option != 6 && option != 12 && option != 16)
+            argv[argc++] = VALUES[pick(20)];
     }
     const int files = pick(4);
     argv[argc++] = PATHS[files == 3 ? pick(8) : 0];

@@ -54,6 +54,7 @@ inline void write_wav(const std::string &path, int rate, int channels, const Sam
     info.format = format;
     SNDFILE *file = sf_open(path.c_str(), SFM_WRITE, &info);
     ASSERT_TRUE(file) << path;
+    sf_command(file, SFC_SET_SCALE_INT_FLOAT_WRITE, nullptr, SF_TRUE); // full scale is 1
     const auto count = static_cast<sf_count_t>(samples.size());
     EXPECT_EQ(sf_write_short(file, samples.data(), count), count);
     sf_close(file);

@@ -1,0 +1,117 @@
+/*
+ * Reading over libsndfile, other rates over libsamplerate, which pulls the file through a
+ * callback.
+ *
+ * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
+ */
+#include "sound_file.h"
+
+#include "options.h"
+
+#include <math.h>
+#include <stdlib.h>
+#include <string.h>
+
+enum { PIECE = 4096 };                          /* sample instants */
+enum { LOWEST_HZ = 1000, HIGHEST_HZ = 768000 }; /* a rate beyond is a header's fault */
+enum { CONVERTER = SRC_SINC_MEDIUM_QUALITY };   /* 121 dB, nine tenths of the band */
+
+void fail_sndfile(const char *path, SNDFILE *file)
+{
+    const char *reason = sf_strerror(file);
+    const char *colon = strstr(reason, " : "); /* behind "System error" */
+    reason = colon ? colon + 3 : reason;
+    const int length = (int)strcspn(reason, ".\n");
+    if (strstr(reason, "ormat"))
+        fail(STATUS_FAILED, path, "%.*s; convert it to WAV, for instance by ffmpeg -i", length,
+             reason);
+    fail(STATUS_FAILED, path, "%.*s", length, reason);
+}
+
+int library_rate(int rate)
+{
+    return rate <= 8000 ? 8000 : rate <= 16000 ? 16000 : rate <= 32000 ? 32000 : 48000;
+}
+
+void sound_open(struct sound_file *sound, const char *path)
+{
+    SF_INFO info = {0};
+    *sound = (struct sound_file){.path = path, .file = sf_open(path, SFM_READ, &info)};
+    if (!sound->file) fail_sndfile(path, NULL);
+    if (info.samplerate < LOWEST_HZ || info.samplerate > HIGHEST_HZ)
+        fail(STATUS_FAILED, path, "says %d Hz, which no recording has; mend its header",
+             info.samplerate);
+    if (info.frames <= 0) fail(STATUS_FAILED, path, "holds no samples");
+    sound->channels = info.channels;
+    sound->file_rate = sound->rate = info.samplerate;
+    sound->length = sound->left = info.frames;
+    sound->taken = calloc((size_t)PIECE * (size_t)info.channels, sizeof *sound->taken);
+    if (!sound->taken) fail(STATUS_FAILED, path, "needs more memory than there is");
+}
+
+/* The next piece of the file, of at most count sample instants. */
+static long take(struct sound_file *sound, long count)
+{
+    if (count > PIECE) count = PIECE;
+    if (count > sound->left) count = (long)sound->left;
+    if (count > 0 && sf_readf_float(sound->file, sound->taken, count) != count)
+        fail(STATUS_FAILED, sound->path, "ends before its header says");
+    sound->left -= count;
+    return count;
+}
+
+static long pull(void *context, float **data)
+{
+    struct sound_file *sound = context;
+    *data = sound->taken;
+    return take(sound, PIECE);
+}
+
+void sound_convert(struct sound_file *sound, int rate)
+{
+    if (rate == sound->file_rate) return;
+    int error = 0;
+    sound->converter = src_callback_new(pull, CONVERTER, sound->channels, &error, sound);
+    if (!sound->converter)
+        fail(STATUS_FAILED, sound->path, "cannot be brought to %d Hz: %s", rate,
+             src_strerror(error));
+    sound->rate = rate;
+    sound->length = (sf_count_t)((double)sound->length * rate / sound->file_rate);
+    if (sound->length == 0) fail(STATUS_FAILED, sound->path, "holds no samples");
+}
+
+static int16_t to_int16(float sample)
+{
+    return (int16_t)lrintf(fmaxf(-32768, fminf(32767, sample * 32768)));
+}
+
+void sound_read(struct sound_file *sound, int16_t *to, int count)
+{
+    const size_t width = (size_t)sound->channels;
+    while (count > 0) {
+        const long wanted = count < PIECE ? count : PIECE;
+        float converted[PIECE];
+        float *from = sound->taken;
+        long got;
+        if (sound->converter) {
+            const long room = (long)(PIECE / width);
+            got = src_callback_read(sound->converter, (double)sound->rate / sound->file_rate,
+                                    wanted < room ? wanted : room, converted);
+            from = converted;
+        } else {
+            got = take(sound, wanted);
+        }
+        if (got <= 0) break;
+        for (size_t i = 0; i < (size_t)got * width; i++)
+            *to++ = to_int16(from[i]);
+        count -= (int)got;
+    }
+    memset(to, 0, (size_t)count * width * sizeof *to);
+}
+
+void sound_close(struct sound_file *sound)
+{
+    if (sound->converter) src_delete(sound->converter);
+    sf_close(sound->file);
+    free(sound->taken);
+}

@@ -1,0 +1,42 @@
+/*
+ * Sound files to read, of any kind that libsndfile knows, as 16-bit samples at a rate that
+ * the library takes.
+ *
+ * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
+ */
+#ifndef SOUND_FILE_H
+#define SOUND_FILE_H
+
+#include <samplerate.h>
+#include <sndfile.h>
+#include <stdint.h>
+
+struct sound_file {
+    const char *path;
+    SNDFILE *file;
+    SRC_STATE *converter;          /* null at the file's own rate */
+    int channels, file_rate, rate; /* Hz: of the file; of what is read */
+    sf_count_t length;             /* sample instants at the rate that is read */
+    sf_count_t left;               /* sample instants of the file that were not taken yet */
+    float *taken;                  /* room for a piece of the file */
+};
+
+/* The rate of the library's that holds what a recording of rate (Hz) holds, or its highest. */
+int library_rate(int rate);
+
+/* Opens a file, which is read at its own rate. Ends the program where that cannot be. */
+void sound_open(struct sound_file *sound, const char *path);
+
+/* Has it read at another rate in Hz; before the first read, and without moving it afterwards. */
+void sound_convert(struct sound_file *sound, int rate);
+
+/* Writes the next count sample instants of all channels; what is above full scale is cut off,
+ * and after the end comes silence. */
+void sound_read(struct sound_file *sound, int16_t *to, int count);
+
+void sound_close(struct sound_file *sound);
+
+/* Ends the program with libsndfile's reason. */
+__attribute__((noreturn)) void fail_sndfile(const char *path, SNDFILE *file);
+
+#endif
