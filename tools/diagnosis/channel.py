@@ -141,14 +141,13 @@ def band_edge(x, rate):
 
 
 def plays_above(x, y, rate, edge):
-    """Whether y's spectrum above edge (Hz) sounds when x does and not when x is silent, and is
-    more than what distortion leaves there."""
+    """Whether y's spectrum above edge (Hz) follows x's level, and is more than what distortion
+    leaves there."""
     size = 1024
     x_pieces, y_pieces = (np.lib.stride_tricks.sliding_window_view(c, size)[::size] for c in (x, y))
     powers, frequency = np.abs(np.fft.rfft(y_pieces * np.hanning(size))) ** 2, np.fft.rfftfreq(size, 1 / rate)
-    sounds = x_pieces.var(axis=1) > ACTIVE_POWER
-    if sounds.all() or not sounds.any() or frequency[-1] <= 1.1 * edge:
+    if frequency[-1] <= 1.1 * edge or x_pieces.var() == 0 or y_pieces.var() == 0:
         return False
     high, low = powers[:, frequency > 1.1 * edge].mean(1), powers[:, frequency < edge].mean(1)
-    played = high[sounds].mean()
-    return bool(played > 4 * high[~sounds].mean() and played > 10 ** -3.5 * low[sounds].mean())
+    alike = np.corrcoef(decibels(x_pieces.var(axis=1)), decibels(high))[0, 1]
+    return bool(alike > 0.6 and high.mean() > 10 ** -3.5 * low.mean())

@@ -176,7 +176,7 @@ def moves(m):
     steps, paths = [], []
     for echo in m.echoes[:1]:
         for before, after in zip(echo.sections, echo.sections[1:]):
-            move = after.strongest - before.strongest
+            move = after.arrival - before.arrival
             when = (f"at about {(before.end + after.start) / 2:.1f} s" if after.start - before.end < KNOWN_S
                     else f"between {before.end:.0f} and {after.start:.0f} s")
             other_path = abs(move) < PATH_S and after.unlike > UNLIKE
@@ -205,7 +205,7 @@ def drift(m):
 def swing(m):
     for echo in m.echoes[:1]:
         if echo.swing_db > SWING_DB:
-            yield Finding("gain-swings", f"The echo's gain swings by {echo.swing_db:.0f} dB against the reference in "
+            yield Finding("gain-swings", f"The echo's gain moves by {echo.swing_db:.0f} dB against the reference in "
                           f"channel {echo.ref}.",
                           "Switch automatic gain control off, or put it behind the canceller; tap the reference "
                           "behind the volume control.")

@@ -35,14 +35,21 @@ def filter_length(rate):
 
 
 def binding():
-    """The Python module over the library: beside this file, in the source tree, or installed."""
-    root = pathlib.Path(__file__).resolve().parents[2]
-    for folder in (root / "python", root / "examples/python"):
-        if folder.is_dir() and str(folder) not in sys.path:
-            sys.path.append(str(folder))
+    """The Python package over the library, of the source tree or installed. ImportError where
+    there is none."""
+    in_tree = pathlib.Path(__file__).resolve().parents[2] / "python"
+    if in_tree.is_dir() and str(in_tree) not in sys.path:
+        sys.path.insert(0, str(in_tree))
     import nax_aec
-    nax_aec.library()
     return nax_aec
+
+
+def version():
+    """The library's version, as far as it is known."""
+    try:
+        return binding().__version__
+    except ImportError:
+        return "of unknown version"
 
 
 @contextlib.contextmanager

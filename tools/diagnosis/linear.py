@@ -12,7 +12,7 @@ from .channel import ACTIVE_POWER, decibels, frame_powers, frame_size
 RATE = 16000                    # Hz
 FILTER_S = 0.032                # length of the library's filter
 LEAD_S = 0.002                  # the first arrival may come that much before the strongest
-EARLY_S = 0.020                 # a reflection that much later may be louder than the first arrival
+EARLY_S = 0.030                 # a reflection that much later may be louder than the first arrival
 SETTLE_S = 0.5                  # around a step: the track places it no better
 BLOCK_S = 2                     # a filter is fitted to so much, whole seconds
 MOST_BLOCKS = 15                # of these; long recordings are judged by a part of theirs

@@ -278,12 +278,13 @@ def measure_echo(audio, m, mic):
         return held[0], linear.fit(held, y, rate, int(seconds * rate), bounds)
 
     x, wide = fitted(parts, linear.EARLY_S, 2 * linear.FILTER_S)
-    echo.sections = [section_of(part, i, wide, rate) for i, part in enumerate(parts)]
+    all_of = [section_of(part, i, wide, rate) for i, part in enumerate(parts)]
     for i in range(1, len(parts)):
-        echo.sections[i].unlike = linear.unlikeness(wide, i, rate)
+        all_of[i].unlike = linear.unlikeness(wide, i, rate)
     if tells_gain(audio.low[ref]):
         echo.swing_db = linear.swing_db(linear.gains(x, y, rate, wide))
-    first = [(times, delays - one.strongest + one.arrival) for (times, delays), one in zip(parts, echo.sections)]
+    first = [(times, delays - one.strongest + one.arrival) for (times, delays), one in zip(parts, all_of)]
+    echo.sections = joined(all_of)
     echo.short, echo.long = (linear.removable(fitted(first, linear.LEAD_S, seconds)[1])
                              for seconds in (linear.FILTER_S, 4 * linear.FILTER_S))
     return echo
@@ -300,6 +301,18 @@ def section_of(part, index, fitted, rate):
     spread = np.subtract(*np.percentile(delays, (90, 10)))
     sure = near if agreed else len(times) >= 8 and spread < 0.001
     return Section(float(times[0]), float(times[-1]), strongest, arrival, bool(sure))
+
+
+def joined(sections):
+    """Sections without those that only another reflection was louder in: the first arrival stays."""
+    kept = sections[:1]
+    for one in sections[1:]:
+        last = kept[-1]
+        if abs(one.arrival - last.arrival) < delay.STEP_S:
+            last.end, last.sure = one.end, last.sure and one.sure
+        else:
+            kept.append(one)
+    return kept
 
 
 def measure_no_echo(audio, m):
