@@ -1,11 +1,13 @@
 #!/usr/bin/python3
-"""Charts what cancel_wav did: waveforms, levels and the applied delay over time.
+"""Charts what cancel_wav did: waveforms, levels, echo removed and applied delay over time.
 
 Given the near-end talker alone and the record of a scene (bench/scenes.py) it also
-prints how the applied delay and the cleaned microphone compare with the truth.
+prints how the applied delay and the cleaned microphone compare with the truth. Exit
+status 3: little was removed wherever a reference is active.
 """
 import argparse
 import json
+import sys
 
 import matplotlib
 matplotlib.use("Agg")
@@ -15,14 +17,16 @@ from scipy.io import wavfile
 
 FRAME_S = 0.016
 SMOOTHING_FRAMES = 8            # 128 ms, about a syllable
+REMOVED_FRAMES = 64             # 1 s: what is removed from a syllable says more of the syllable
 LOWEST_DB = -80                 # quieter levels are not drawn
-ACTIVE_POWER = 1e-5             # -50 dBFS: the near end talks
+ACTIVE_POWER = 1e-5             # -50 dBFS: the near end talks, the reference plays
+LITTLE_DB = 6                   # a second that loses so much of its echo is heard to
 
 
 def read(path):
-    """Rate in Hz and the first channel (n), full scale 1."""
+    """Rate in Hz and samples (channels x n), full scale 1."""
     rate, samples = wavfile.read(path)
-    return rate, samples.reshape(len(samples), -1)[:, 0] / 32768.0
+    return rate, samples.reshape(len(samples), -1).T / 32768.0
 
 
 def frame_powers(x, rate):
@@ -31,10 +35,24 @@ def frame_powers(x, rate):
     return (x[:len(x) // frame * frame].reshape(-1, frame) ** 2).mean(axis=1)
 
 
+def smoothed(powers, frames):
+    """Running mean of powers (frames) over so many."""
+    return np.convolve(powers, np.ones(frames) / frames, "same")
+
+
 def levels_db(x, rate):
     """Smoothed level of each frame of x (n) in dBFS -> (frames), not below -90."""
-    window = np.ones(SMOOTHING_FRAMES) / SMOOTHING_FRAMES
-    return 10 * np.log10(np.convolve(frame_powers(x, rate), window, "same") + 1e-9)
+    return 10 * np.log10(smoothed(frame_powers(x, rate), SMOOTHING_FRAMES) + 1e-9)
+
+
+def removed_db(mic, cleaned, refs, rate):
+    """dB by which a second of the microphone became quieter around each frame (frames), not a
+    number where the references (channels x n) are silent for most of it."""
+    active = np.max([frame_powers(x, rate) for x in refs], axis=0) > ACTIVE_POWER
+    before, after = (smoothed(frame_powers(x, rate) * active, REMOVED_FRAMES) for x in (mic, cleaned))
+    removed = 10 * np.log10((before + 1e-12) / (after + 1e-12))
+    removed[smoothed(active, REMOVED_FRAMES) < 0.5] = np.nan
+    return removed
 
 
 def true_delays(knots, times):
@@ -64,8 +82,8 @@ def print_echo(mic, cleaned, spans, rate):
     """Says how much quieter the echo became in spans [(s, s)] without a near end."""
     time = np.arange(len(mic)) / rate
     alone = np.any([(time >= start) & (time < end) for start, end in spans], axis=0)
-    removed_db = 10 * np.log10((mic[alone] @ mic[alone]) / (cleaned[alone] @ cleaned[alone]))
-    print(f"Echo: {removed_db:.1f} dB removed while the far end talks alone")
+    quieter_db = 10 * np.log10((mic[alone] @ mic[alone]) / (cleaned[alone] @ cleaned[alone]))
+    print(f"Echo: {quieter_db:.1f} dB removed while the far end talks alone")
 
 
 def print_near_end(mic, cleaned, near, rate):
@@ -77,51 +95,54 @@ def print_near_end(mic, cleaned, near, rate):
           f"{si_sdr_db(mic, near):.1f} dB before, {si_sdr_db(cleaned, near):.1f} dB after (SI-SDR)")
 
 
-def draw(path, rate, mic, cleaned, near, times, delays, knots):
-    """Writes the chart: three panels over one time axis."""
-    figure, (wave, level, delay) = plt.subplots(
-        3, 1, sharex=True, figsize=(11, 8), height_ratios=(2, 2, 1), layout="constrained")
-    seconds = np.arange(len(mic)) / rate
-    wave.plot(seconds, mic, color="0.7", linewidth=0.5, label="microphone")
-    wave.plot(seconds, cleaned, color="tab:blue", linewidth=0.5, label="cleaned")
-    wave.set_ylabel("amplitude (full scale 1)")
-
-    for x, style in ((mic, dict(color="0.6", label="microphone")),
-                     (cleaned, dict(color="tab:blue", label="cleaned")),
-                     (near, dict(color="tab:green", linestyle=":", label="near end alone"))):
+def draw_signals(wave, level, signals, near, rate):
+    """Waveforms and levels of signals [(name, n, colour)], the louder ones first."""
+    for name, x, colour in signals:
+        wave.plot(np.arange(len(x)) / rate, x, color=colour, linewidth=0.5, label=name)
+    for name, x, style in [*((name, x, dict(color=colour)) for name, x, colour in signals),
+                           ("near end alone", near, dict(color="tab:green", linestyle=":"))]:
         if x is not None:
             line = levels_db(x, rate)
             line[line < LOWEST_DB] = np.nan
-            level.plot(FRAME_S * np.arange(len(line)), line, linewidth=1, **style)
-    level.set_ylabel("level (dBFS)")
+            level.plot(FRAME_S * np.arange(len(line)), line, linewidth=1, label=name, **style)
+    wave.set(title="Waveforms", ylabel="amplitude\n(full scale 1)")
+    level.set(title="Levels", ylabel="level (dBFS)")
 
+
+def draw_removed(axis, removed):
+    """Echo removed over time."""
+    axis.plot(FRAME_S * np.arange(len(removed)), removed, color="tab:blue", linewidth=1)
+    axis.axhline(0, color="0.5", linewidth=0.8)
+    axis.set(title="Removed from the microphone over a second while a reference plays "
+                   "(a near-end talker stays in)", ylabel="removed (dB)")
+
+
+def draw_delay(axis, times, delays, knots, rate):
+    """The applied delay over time, and the true one where that is known."""
     if knots:
-        delay.plot(times, 1e3 * true_delays(knots, times) / rate, color="tab:green",
-                   linestyle=":", label="true")
-    delay.step(times, 1e3 * delays / rate, where="post", color="tab:blue", label="applied")
-    delay.set_ylabel("delay (ms)")
-    delay.set_xlabel("time (s)")
-    delay.set_ylim(bottom=-5)
-    delay.set_xlim(0, seconds[-1])
-    for panel in (wave, level, delay):
-        panel.grid(alpha=0.3)
-        panel.legend(loc="lower left", fontsize="small", ncols=3)
-    figure.savefig(path, dpi=110)
+        axis.plot(times, 1e3 * true_delays(knots, times) / rate, color="tab:green", linestyle=":", label="true")
+    axis.step(times, 1e3 * delays / rate, where="post", color="tab:blue", label="applied")
+    axis.set(title=f"Delay found: {delays[-1]:.0f} samples, {1e3 * delays[-1] / rate:.1f} ms at the end",
+             ylabel="delay (ms)", xlabel="time (s)")
+    top = 1e3 * max(delays.max(), *(delay for _, delay in knots or [(0, 0)])) / rate
+    axis.set_ylim(-5, max(10, 1.15 * top))
 
 
 def main():
     parser = argparse.ArgumentParser(description="Chart what cancel_wav did.")
-    parser.add_argument("mic", help="microphone (WAV)")
-    parser.add_argument("cleaned", help="cleaned microphone (WAV)")
+    parser.add_argument("input", help="what went in, microphones before references (cancel_wav --input)")
+    parser.add_argument("cleaned", help="cleaned microphones (WAV)")
     parser.add_argument("delays", help="applied delay per frame (CSV of cancel_wav --delays)")
     parser.add_argument("chart", help="the chart to write (PNG, SVG or PDF)")
+    parser.add_argument("--title", default="Echo cancellation")
     parser.add_argument("--near", help="the near-end talker alone (WAV)")
     parser.add_argument("--truth", help="the scene's record (JSON)")
     options = parser.parse_args()
 
-    rate, cleaned = read(options.cleaned)
-    mic = read(options.mic)[1][:len(cleaned)]
-    near = read(options.near)[1][:len(cleaned)] if options.near else None
+    rate, all_cleaned = read(options.cleaned)
+    channels = read(options.input)[1]
+    mic, refs, cleaned = channels[0], channels[len(all_cleaned):], all_cleaned[0]
+    near = read(options.near)[1][0][:len(cleaned)] if options.near else None
     times, delays = np.loadtxt(options.delays, delimiter=",", skiprows=1, ndmin=2).T
     knots = None
     if options.truth:
@@ -132,8 +153,23 @@ def main():
         print_echo(mic, cleaned, scene["far_only"], rate)
     if near is not None:
         print_near_end(mic, cleaned, near, rate)
-    draw(options.chart, rate, mic, cleaned, near, times, delays, knots)
+
+    removed = removed_db(mic, cleaned, refs, rate)
+    figure, (wave, level, over_time, delay) = plt.subplots(
+        4, 1, sharex=True, figsize=(11, 10), height_ratios=(2, 2, 1.3, 1.3), layout="constrained")
+    figure.suptitle(options.title)
+    draw_signals(wave, level, [("microphone", mic, "0.7"), ("cleaned", cleaned, "tab:blue")], near, rate)
+    draw_removed(over_time, removed)
+    draw_delay(delay, times, delays, knots, rate)
+    for panel in (wave, level, over_time, delay):
+        panel.grid(alpha=0.3)
+        panel.title.set(fontsize="medium", ha="left", x=0)
+        if panel.get_legend_handles_labels()[0]:            # beside the title, clear of the curves
+            panel.legend(loc="lower right", bbox_to_anchor=(1, 0.98), ncols=3, fontsize="small", frameon=False)
+    delay.set_xlim(0, len(mic) / rate)
+    figure.savefig(options.chart, dpi=110)
+    return 3 if not np.nanmax(removed, initial=0) >= LITTLE_DB else 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())
