@@ -84,7 +84,7 @@ void residual_update(Residual &r, const Bands &bands, const Reference &reference
     float excess[MAX_BANDS], total[MAX_BANDS];
     estimate_residual(bands, r.leakage, r.prediction, cleaned_power, EXCESS, r.power, r.running,
                       excess, total);
-    float near = 0, all = TINY_POWER;
+    float near = TINY_POWER, all = TINY_POWER; // in digital silence echo explains nothing
     for (int32_t b = bands.near_from; b < bands.near_to; b++) {
         near += excess[b];
         all += total[b];

@@ -80,8 +80,10 @@ nax_res_state *nax_res_state_init(int32_t sample_rate, int32_t num_src_channel,
         nax_res_state_destroy(state);
         return nullptr;
     }
-    for (int32_t m = 0; m < num_src_channel; m++)
+    for (int32_t m = 0; m < num_src_channel; m++) {
         noise_init(state->microphones[m].noise);
+        state->microphones[m].gain.near = 1;
+    }
     return state;
 }
 
