@@ -130,6 +130,24 @@ TEST_F(CancelWav, FindsTheDelayAndRemovesTheEchoAtEveryRate)
     }
 }
 
+TEST_F(CancelWav, SuppressesWhatIsLeftAndKeepsTheLength)
+{
+    Call call = make_call(16000);
+    write_call(call);
+    const Samples left = cleaned("mic.wav ref.wav"),
+                  suppressed = cleaned("--suppress mic.wav ref.wav");
+    ASSERT_EQ(suppressed.size(), left.size());
+    EXPECT_GT(echo_removed_db(left, suppressed), 3);
+}
+
+TEST_F(CancelWav, SuppressesNothingAndMovesNothingWhileTheReferenceIsSilent)
+{
+    Call call = make_call(16000);
+    call.ref.assign(call.ref.size(), 0);
+    write_call(call);
+    EXPECT_EQ(cleaned("--suppress mic.wav ref.wav"), cleaned("mic.wav ref.wav"));
+}
+
 TEST_F(CancelWav, LeavesTheReferenceInPlaceWithoutDelayEstimation)
 {
     const Call call = make_call(16000);

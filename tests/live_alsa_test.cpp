@@ -151,6 +151,19 @@ TEST_F(LiveAlsa, passes_every_option_to_the_library)
     expect_as_cancel_wav(options);
 }
 
+TEST_F(LiveAlsa, suppresses_as_cancel_wav_does_a_frame_later)
+{
+    make(16000, 2, 2, 100);
+    const Result result = live("--device board --mics 2 --refs 2 --suppress --frames 100 out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    const Result file = run(CANCEL_WAV " --quiet --mics 2 --suppress ahead.wav wanted.wav");
+    ASSERT_EQ(file.status, 0) << file.err;
+    const Samples written = read_wav(path("out.wav")).samples;
+    Samples wanted = read_wav(path("wanted.wav")).samples;
+    wanted.resize(written.size());
+    EXPECT_EQ(written, wanted);
+}
+
 TEST_F(LiveAlsa, leaves_the_delay_alone_without_estimation)
 {
     make(8000, 1, 1, 60);

@@ -15,6 +15,7 @@
 
 #include "nax_aec.h"
 #include "nax_aec_dump.h"
+#include "nax_res.h"
 
 #include <errno.h>
 #include <math.h>
@@ -209,8 +210,8 @@ static void print_report(const struct report *report, const struct source *sourc
                 report->cleaned_energy[0] + report->cleaned_energy[1]);
     print_ratio(", second half:", report->mic_energy[1], report->cleaned_energy[1]);
     printf("\n  (microphone over cleaned energy in the %ld frames with an active reference, where\n"
-           "  a near-end talker counts in both)\n",
-           report->active_frames);
+           "  a near-end talker counts in both%s)\n",
+           report->active_frames, options->suppress ? "; before the suppression" : "");
     printf("Frames: %ld of %d samples, %.3f s of audio\n", report->frames, source->frame, audio_s);
     printf("Speed: %.0f times real time\n", audio_s / fmax(report->library_s, 1e-9));
 }
@@ -222,6 +223,38 @@ static void show_progress(const struct source *source)
     if (percent != last_percent)
         fprintf(stderr, "\rcancel_wav: %3d %%%s", percent, percent == 100 ? "\n" : "");
     last_percent = percent;
+}
+
+/* ---- suppression ------------------------------------------------------------- */
+
+/* What comes out is a frame late, which the file shall not be. */
+struct suppressor {
+    nax_res_state *state; /* null without --suppress */
+    int16_t *out;         /* one frame of the microphones */
+    int late;             /* sample instants taken in and not yet written */
+};
+
+static struct suppressor create_suppressor(const struct options *options,
+                                           const struct source *source)
+{
+    struct suppressor suppressor = {0};
+    if (!options->suppress) return suppressor;
+    suppressor.state =
+        nax_res_state_init(source->rate, (int32_t)source->mics, (int32_t)source->refs);
+    if (!suppressor.state) fail(STATUS_FAILED, "memory", "cannot get room for the suppressor");
+    suppressor.out = allocate((size_t)source->frame * source->mics);
+    return suppressor;
+}
+
+static void write_suppressed(struct suppressor *suppressor, const struct options *options,
+                             struct sinks *sinks, const struct source *source,
+                             const int16_t *cleaned, const int16_t *echo, int count)
+{
+    nax_res_short(suppressor->state, cleaned, echo, suppressor->out);
+    if (suppressor->late > 0)
+        write_wav(sinks->cleaned, options->out, sinks->scratch, suppressor->out, source->mics,
+                  source->mics, suppressor->late);
+    suppressor->late = count;
 }
 
 /* ---- the work ---------------------------------------------------------------- */
@@ -257,6 +290,7 @@ static void cancel(const struct options *options, struct source *source, struct 
     const bool progress = !options->quiet && isatty(STDERR_FILENO);
     int16_t *in = allocate(samples), *out = allocate(samples), *echo = allocate(samples);
     nax_aec_state *state = create_state(options, source);
+    struct suppressor suppressor = create_suppressor(options, source);
 
     for (int count; (count = read_frame(source, in)) > 0; report->frames++) {
         const double time_s = (double)report->frames * source->frame / source->rate;
@@ -267,7 +301,10 @@ static void cancel(const struct options *options, struct source *source, struct 
             nax_aec_byte(state, &audio, out, echo, (int32_t)(samples * sizeof *in), HOST_ORDER);
         report->library_s += now_s() - start_s;
 
-        write_wav(sinks->cleaned, options->out, sinks->scratch, out, channels, mics, count);
+        if (suppressor.state)
+            write_suppressed(&suppressor, options, sinks, source, out, echo, count);
+        else
+            write_wav(sinks->cleaned, options->out, sinks->scratch, out, channels, mics, count);
         write_wav(sinks->echo, options->echo, sinks->scratch, echo, mics, mics, count);
         write_wav(sinks->refs, options->refs, sinks->scratch, out + mics, channels, source->kept,
                   count);
@@ -276,6 +313,13 @@ static void cancel(const struct options *options, struct source *source, struct 
         note_energy(report, source, (const int16_t *)(const void *)audio, out, count);
         if (progress) show_progress(source);
     }
+    if (suppressor.state) { /* a frame of silence brings out the last one */
+        memset(out, 0, samples * sizeof *out);
+        memset(echo, 0, samples * sizeof *echo);
+        write_suppressed(&suppressor, options, sinks, source, out, echo, 0);
+    }
+    nax_res_state_destroy(suppressor.state);
+    free(suppressor.out);
     nax_aec_state_destroy(state);
     free(in);
     free(out);

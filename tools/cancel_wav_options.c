@@ -26,6 +26,8 @@ const char USAGE[] =
     "                         of MIC; for instance 1,2:5\n"
     "  --drop N               keep the last N references from the canceller: drop_channel\n"
     "  --remap A[,B]          channels, from 0, that are the microphones: array_list\n" USAGE_DELAY
+    "Echo left\n"
+    "  --suppress             suppresses what the canceller leaves in OUT.wav\n"
     "More results\n"
     "  --echo FILE            the echo that was taken out, a channel per microphone (WAV)\n"
     "  --refs FILE            the references as aligned (WAV)\n"
@@ -85,11 +87,15 @@ struct options cancel_wav_options(int argc, char **argv)
 {
     struct options options = {0};
     const char *channels = NULL;
-    const struct option_rule own[] = {
-        {"echo", TEXT, &options.echo, 0, 0},     {"refs", TEXT, &options.refs, 0, 0},
-        {"input", TEXT, &options.input, 0, 0},   {"channels", TEXT, &channels, 0, 0},
-        {"delays", TEXT, &options.delays, 0, 0}, {"dump", TEXT, &options.dump, 0, 0},
-        {"quiet", FLAG, &options.quiet, 0, 0},   {NULL, FLAG, NULL, 0, 0}};
+    const struct option_rule own[] = {{"echo", TEXT, &options.echo, 0, 0},
+                                      {"refs", TEXT, &options.refs, 0, 0},
+                                      {"input", TEXT, &options.input, 0, 0},
+                                      {"channels", TEXT, &channels, 0, 0},
+                                      {"delays", TEXT, &options.delays, 0, 0},
+                                      {"dump", TEXT, &options.dump, 0, 0},
+                                      {"quiet", FLAG, &options.quiet, 0, 0},
+                                      {"suppress", FLAG, &options.suppress, 0, 0},
+                                      {NULL, FLAG, NULL, 0, 0}};
     struct words *words = &options.words;
     const int first = parse_options(words, MAX_REFS, own, argc, argv);
     if (channels) options.picked = parse_channels(channels);

@@ -23,7 +23,7 @@ struct options {
     const char *out, *echo, *refs, *input, *delays, *dump;
     struct words words;
     struct picked picked;
-    bool quiet;
+    bool suppress, quiet;
 };
 
 /* Returns the options, checked as far as that is possible without the files. Does not

@@ -18,6 +18,7 @@
 #include "live_alsa_ring.h"
 
 #include "nax_aec.h"
+#include "nax_res.h"
 
 #include <errno.h>
 #include <pthread.h>
@@ -39,6 +40,8 @@ struct session {
     struct ring reports;   /* of struct report */
     struct report pending; /* what did not fit there yet; the audio thread's own */
     nax_aec_state *state;
+    nax_res_state *suppressor; /* null without --suppress */
+    int16_t *suppressed;       /* a frame of the microphones */
     pthread_t main_thread;
     int16_t *spare; /* in place of a recorder's slot while the disk is behind */
     int frame;
@@ -69,15 +72,27 @@ static int cancel(struct session *session, int16_t *slot, const int16_t **audio)
     return delay;
 }
 
+/* Exchanges the cleaned microphones in out for the suppressed ones of the frame before. */
+static void suppress(struct session *session, int16_t *out)
+{
+    const size_t mics = (size_t)session->options.words.mics, channels = session->capture.channels;
+    const int16_t *echo = out + (size_t)session->frame * channels;
+    nax_res_short(session->suppressor, out, echo, session->suppressed);
+    for (size_t t = 0; t < (size_t)session->frame; t++)
+        memcpy(out + t * channels, session->suppressed + t * mics, mics * sizeof *out);
+}
+
 /* Cancels, plays and hands over the figures. */
 static void process(struct session *session, int16_t *slot, struct report *report)
 {
     const struct options *options = &session->options;
     const size_t channels = session->capture.channels;
-    const int16_t *audio, *out = slot + (size_t)session->frame * channels;
+    const int16_t *audio;
+    int16_t *out = slot + (size_t)session->frame * channels;
 
     const double start_s = now_s();
     report->delay = cancel(session, slot, &audio);
+    if (session->suppressor) suppress(session, out);
     report_time(report, now_s() - start_s);
     report_frame(report, audio, out, options->words.mics, options->refs - options->words.drop,
                  options->refs, session->frame);
@@ -178,6 +193,16 @@ static nax_aec_state *create_state(const struct options *options)
     return state;
 }
 
+static void create_suppressor(struct session *session)
+{
+    const struct options *options = &session->options;
+    const size_t samples = (size_t)session->frame * (size_t)options->words.mics;
+    session->suppressor = nax_res_state_init(options->rate, options->words.mics, options->refs);
+    session->suppressed = calloc(samples, sizeof *session->suppressed);
+    if (!session->suppressor || !session->suppressed)
+        fail(STATUS_FAILED, "memory", "cannot get room for the suppressor");
+}
+
 /* Files are created once the devices are known to be there; the capture starts last,
  * so that it does not overrun while the rest is set up. */
 static void open_session(struct session *session)
@@ -193,6 +218,7 @@ static void open_session(struct session *session)
     playback_open(&session->playback, options, session->frame);
     recorder_open(&session->recorder, options, session->frame);
     session->state = create_state(options);
+    if (options->suppress) create_suppressor(session);
     /* The first call allocates a buffer, which is no work for the audio thread: a frame
      * of silence goes ahead of the capture. */
     const int16_t *audio;
@@ -253,6 +279,8 @@ int main(int argc, char **argv)
     playback_close(&session.playback);
     const bool recorded = recorder_close(&session.recorder);
     nax_aec_state_destroy(session.state);
+    nax_res_state_destroy(session.suppressor);
+    free(session.suppressed);
     ring_destroy(&session.reports);
     free(session.spare);
 

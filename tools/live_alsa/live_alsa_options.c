@@ -29,6 +29,8 @@ const char USAGE[] =
     "  --drop N               keep the last N references from the canceller: drop_channel\n"
     "  --remap A[,B]          captured channels, from 0, that are the microphones; those\n"
     "                         of the microphone device come before the other's\n" USAGE_DELAY
+    "Echo left\n"
+    "  --suppress             suppresses what the canceller leaves, 16 ms later\n"
     "More results\n"
     "  --echo FILE            the echo that was taken out, a channel per microphone (WAV)\n"
     "  --capture FILE         all channels as captured (WAV), for cancel_wav and diagnose_wav\n"
@@ -92,6 +94,7 @@ struct options live_alsa_options(int argc, char **argv)
                                       {"frames", NUMBER, &options.frames, 1, 1000000000},
                                       {"seconds", SECONDS, &seconds, 0, 0},
                                       {"priority", NUMBER, &options.priority, 0, 99},
+                                      {"suppress", FLAG, &options.suppress, 0, 0},
                                       {"quiet", FLAG, &options.quiet, 0, 0},
                                       {NULL, FLAG, NULL, 0, 0}};
     const int first = parse_options(&options.words, MAX_REFS, own, argc, argv);

@@ -19,7 +19,7 @@ struct options {
     int rate, refs;
     int priority; /* of the audio thread under SCHED_FIFO, 0: none */
     int frames;   /* to stop after, 0: never */
-    bool quiet;
+    bool suppress, quiet;
 };
 
 /* Returns the options. Does not return from a wrong command line, from --help or
