@@ -1,6 +1,6 @@
 // Hours of a call in minutes: what slips through a short test shows here. One state is
 // fed through nax_aec_short and a second one, with the same audio as big-endian bytes
-// in the other channel order, through nax_aec_byte.
+// in the other channel order, through nax_aec_byte; behind the first runs the suppressor.
 //
 // The far end plays phrases of speech-like noise with pauses between them, now and then
 // a pause of one to four minutes in digital silence. Its echo goes through a room and
@@ -11,10 +11,12 @@
 // A row per run; the exit status is 1 when
 //   the two entry points ever differ in a sample or a result,
 //   the private memory or the heap in use ever differs from that after a minute,
-//   or the delay applied is wrong at the end.
+//   the delay applied is wrong at the end,
+//   or the suppressor leaves more of the last minute than the canceller.
 // "Right" is as in the tests: at most a quarter of a millisecond above the echo's delay
 // and at most 1.125 frames below.
 #include "nax_aec.h"
+#include "nax_res.h"
 
 #include <malloc.h>
 #include <unistd.h>
@@ -171,12 +173,12 @@ Memory memory_now()
 }
 
 struct Run {
-    int64_t differences = 0;          // frames in which the entry points differ
-    int64_t steps = 0, not_found = 0; // before the next step, in more than FIND_S
-    double judged_s = 0, wrong_s = 0; // active far end after FIND_S
-    double worst_find_s = 0;          // longest active far end from a step to right
-    double heard = 0, left = 0;       // energy of the last minute
-    double library_s = 0;             // spent in the library
+    int64_t differences = 0;                    // frames in which the entry points differ
+    int64_t steps = 0, not_found = 0;           // before the next step, in more than FIND_S
+    double judged_s = 0, wrong_s = 0;           // active far end after FIND_S
+    double worst_find_s = 0;                    // longest active far end from a step to right
+    double heard = 0, left = 0, suppressed = 0; // energy of the last minute
+    double library_s = 0;                       // spent in the library
     Memory first = {}, last = {};
     int64_t memory_changes = 0;
     int delay = 0, applied = 0;
@@ -199,10 +201,12 @@ Run soak(int rate, double hours, uint32_t seed)
     nax_aec_param by_bytes = {0, 0, NAX_AEC_DELAY_ESTIMATION, 0, 0, nullptr};
     nax_aec_state *samples_state = nax_aec_state_init(rate, 16, 1, 1, &by_samples);
     nax_aec_state *bytes_state = nax_aec_state_init(rate, 16, 1, 1, &by_bytes);
-    if (!samples_state || !bytes_state) exit(2);
+    nax_res_state *suppressor = nax_res_state_init(rate, 1, 1);
+    if (!samples_state || !bytes_state || !suppressor) exit(2);
 
     const size_t size = static_cast<size_t>(2 * frame);
     std::vector<int16_t> in(size), out(size), out_2(size), echo(size / 2), echo_2(size / 2);
+    std::vector<int16_t> suppressed(size / 2);
     std::vector<uint8_t> bytes(2 * size);
     std::vector<int16_t> late(16384); // the echo on its way; a power of two
     Run run;
@@ -255,6 +259,7 @@ Run soak(int rate, double hours, uint32_t seed)
         const int applied_2 = nax_aec_byte(bytes_state, &audio, out_2.data(), echo_2.data(),
                                            4 * frame, NAX_AEC_BIG_ENDIAN);
         run.library_s += std::chrono::duration<double>(Clock::now() - begin).count();
+        nax_res_short(suppressor, out.data(), echo.data(), suppressed.data());
         if (run.applied != applied_2 || out != out_2 || echo != echo_2) run.differences++;
 
         run.right =
@@ -273,6 +278,7 @@ Run soak(int rate, double hours, uint32_t seed)
             for (size_t i = 0; i < size; i += 2) {
                 run.heard += double{1} * in[i] * in[i];
                 run.left += double{1} * out[i] * out[i];
+                run.suppressed += double{1} * suppressed[i / 2] * suppressed[i / 2];
             }
         if (t % 3750 == 3749) { // a minute
             run.last = memory_now();
@@ -282,6 +288,7 @@ Run soak(int rate, double hours, uint32_t seed)
     }
     nax_aec_state_destroy(samples_state);
     nax_aec_state_destroy(bytes_state);
+    nax_res_state_destroy(suppressor);
     return run;
 }
 
@@ -323,5 +330,5 @@ int main(int argc, char **argv)
            static_cast<long long>(run.steps), static_cast<long long>(run.not_found),
            run.worst_find_s, 100 * run.wrong_s / run.judged_s, run.applied, run.delay,
            run.right ? "right" : "wrong", 10 * std::log10(run.heard / run.left));
-    return run.differences || run.memory_changes || !run.right;
+    return run.differences || run.memory_changes || !run.right || run.suppressed >= run.left;
 }

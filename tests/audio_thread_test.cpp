@@ -2,6 +2,8 @@
 // process makes its states and signals, then forbids itself every system call but the
 // one that ends it, and every call of the heap and of a mutex, and processes frames. The
 // library is the shared one, over the real libspeexdsp.
+#include "nax_res.h"
+
 #include "signals.h"
 
 #include <dlfcn.h>
@@ -184,6 +186,8 @@ static int process_under_the_ban(const Format &format, bool bytes)
         Samples out(static_cast<size_t>(count)), echo(out.size());
         State state = make_state(format.sample_rate, format.mics, format.refs,
                                  {.pos = 1, .model_aec_en = format.model_aec_en});
+        nax_res_state *suppressor =
+            nax_res_state_init(format.sample_rate, format.mics, format.refs);
         // The first call of nax_aec_byte allocates once.
         process(state.get(), bytes, in.data(), out.data(), echo.data(), count);
         return [=, of = state.release(), in = std::move(in), out = std::move(out),
@@ -192,6 +196,7 @@ static int process_under_the_ban(const Format &format, bool bytes)
             for (int32_t t = 0; t < FRAMES; t++) {
                 int16_t *frame = &in[static_cast<size_t>(t * count)];
                 const int32_t now = process(of, bytes, frame, out.data(), echo.data(), count);
+                nax_res_short(suppressor, out.data(), echo.data(), echo.data());
                 if (now != delay) moves++;
                 delay = now;
             }

@@ -1,6 +1,8 @@
 // libnax_res as an application sees it: behind the canceller, and on frames made up.
 #include "nax_res.h"
 
+#include "extremes.h"
+
 #include "signals.h"
 
 struct ReleaseSuppressor {
@@ -119,30 +121,63 @@ public:
         }
     }
 
-    // Goes on for some seconds; the energies of the last one.
+    // Hears a signal for some seconds. Returns whether a frame came out louder than the
+    // three cleaned ones that its windows reach over.
+    bool hear(const Extreme &extreme, double seconds)
+    {
+        bool louder = false;
+        double late = 1e9, latest = 1e9; // energies of the cleaned frames before
+        for (int32_t t = 0; t < static_cast<int32_t>(seconds / 0.016); t++) {
+            for (int32_t i = 0; i < frame_; i++) {
+                const Instant now = extreme.at(int64_t{t} * frame_ + i, rate_);
+                int16_t *samples = &data_.aec[static_cast<size_t>(i * (mics_ + refs_))];
+                std::fill_n(samples, mics_, now.mic);
+                std::fill_n(samples + mics_, refs_, now.ref);
+            }
+            process();
+            const double cleaned = energy(out_, mics_ + refs_);
+            louder |= energy(data_.out, mics_) > 1.5 * (cleaned + latest + late) + frame_;
+            late = latest;
+            latest = cleaned;
+        }
+        return louder;
+    }
+
+    // Goes on for some seconds and measures the last one.
     void run(double seconds, double far, double near, bool echo = true)
     {
         const int32_t frames = static_cast<int32_t>(seconds / 0.016);
-        cleaned_energy = suppressed_energy = 0;
+        double cleaned = 0, suppressed = 0, before = 0;
         for (int32_t t = 0; t < frames; t++) {
             for (int32_t i = 0; i < frame_; i++)
                 instant(i, far, near, echo);
-            nax_aec_short(state_.get(), data_.aec.data(), out_.data(), data_.echo.data(),
-                          static_cast<int32_t>(out_.size()));
-            nax_res_short(suppressor_.get(), out_.data(), data_.echo.data(), data_.out.data());
-            for (size_t i = 0; t > frames - 62 && i < static_cast<size_t>(frame_); i++) {
-                const double c = out_[i * static_cast<size_t>(mics_ + refs_)];
-                const double s = data_.out[i * static_cast<size_t>(mics_)];
-                cleaned_energy += c * c;
-                suppressed_energy += s * s;
+            process();
+            if (t > frames - 62) {
+                cleaned += before;
+                suppressed += energy(data_.out, mics_);
             }
+            before = energy(out_, mics_ + refs_); // comes out with the next
         }
+        change_dB = 10 * std::log10(suppressed / cleaned);
     }
-    double change_dB() const { return 10 * std::log10(suppressed_energy / cleaned_energy); }
-
-    double cleaned_energy = 0, suppressed_energy = 0; // of the first microphone
+    double change_dB = 0; // of the first microphone by the suppressor
 
 private:
+    double energy(const Samples &samples, int32_t stride) const
+    {
+        double sum = 0;
+        for (size_t i = 0; i < samples.size(); i += static_cast<size_t>(stride))
+            sum += double{1} * samples[i] * samples[i];
+        return sum;
+    }
+
+    void process()
+    {
+        nax_aec_short(state_.get(), data_.aec.data(), out_.data(), data_.echo.data(),
+                      static_cast<int32_t>(out_.size()));
+        nax_res_short(suppressor_.get(), out_.data(), data_.echo.data(), data_.out.data());
+    }
+
     void instant(int32_t i, double far, double near, bool echo)
     {
         double heard = noise_.next(10) + near * near_.next();
@@ -174,7 +209,7 @@ TEST(Suppressor, TakesTenDecibelsMoreOfTheEchoThanTheCancellerInEveryFormat)
         Call call(rate, mics, refs);
         call.run(1, 0, 0); // the room's noise
         call.run(3, 1, 0);
-        EXPECT_LT(call.change_dB(), -10) << rate << " " << mics << " " << refs;
+        EXPECT_LT(call.change_dB, -10) << rate << " " << mics << " " << refs;
     }
 }
 
@@ -185,7 +220,7 @@ TEST(Suppressor, KeepsTheTalkerOverTheEcho)
         call.run(1, 0, 0);
         call.run(3, 1, 0);
         call.run(3, 1, 1);
-        EXPECT_GT(call.change_dB(), -4) << rate;
+        EXPECT_GT(call.change_dB, -4) << rate;
     }
 }
 
@@ -194,6 +229,47 @@ TEST(Suppressor, LetsTheTalkerPassWhilePlayedSoundIsNotHeard)
     for (const int32_t rate : RATES) {
         Call call(rate, 1, 1);
         call.run(4, 1, 0.5, false);
-        EXPECT_GT(call.change_dB(), -2) << rate;
+        EXPECT_GT(call.change_dB, -2) << rate;
+    }
+}
+
+// Nothing may be left behind that mutes a talker, nor be louder than it came in.
+TEST(Suppressor, IsBackToNormalWithinASecondOfEveryExtreme)
+{
+    for (const Extreme &extreme : EXTREMES) {
+        Call call(16000, 1, 1);
+        call.run(2, 1, 0.5);
+        EXPECT_FALSE(call.hear(extreme, 3)) << extreme.name;
+        call.run(1, 0, 1);
+        call.run(1, 0, 1);
+        EXPECT_NEAR(call.change_dB, 0, 0.1) << extreme.name;
+    }
+}
+
+// The decay of means in silence must not leave what costs time or sounds later.
+TEST(Suppressor, GivesDigitalSilenceForDigitalSilenceAndThenTheTalkerToTheSample)
+{
+    const Suppressor state = make_suppressor(16000, 1, 1);
+    Noise noise(13);
+    Frame frame(16000, 1, 1);
+    for (int32_t t = 0; t < 3000; t++) {
+        const bool talk = t < 100;
+        for (size_t i = 0; i < frame.aec.size(); i++)
+            frame.aec[i] = talk ? to_sample(noise.next(9000)) : int16_t{0};
+        for (int16_t &sample : frame.echo)
+            sample = talk ? to_sample(noise.next(9000)) : int16_t{0};
+        nax_res_short(state.get(), frame.aec.data(), frame.echo.data(), frame.out.data());
+        if (t > 101) {
+            ASSERT_EQ(frame.out, Samples(frame.out.size())) << t;
+        }
+    }
+    Samples before(256);
+    for (int32_t t = 0; t < 100; t++) {
+        Samples cleaned = noise.frame(256, 9000);
+        for (size_t i = 0; i < cleaned.size(); i++)
+            frame.aec[2 * i] = cleaned[i];
+        nax_res_short(state.get(), frame.aec.data(), frame.echo.data(), frame.out.data());
+        ASSERT_EQ(frame.out, before) << t;
+        before = cleaned;
     }
 }
