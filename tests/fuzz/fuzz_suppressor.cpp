@@ -3,6 +3,7 @@
 #include "nax_res.h"
 
 #include "bytes.h"
+#include "support.h"
 
 #include <cstdlib>
 #include <memory>
