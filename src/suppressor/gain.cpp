@@ -18,7 +18,7 @@ namespace nax::res {
 static constexpr float NO_NEAR = 0.35f, ALL_NEAR = 0.85f;
 static constexpr float KEEP_RISING = 0.5f, KEEP_FALLING = 0.9f;
 static constexpr float KEEP_COMPARISON = 0.9f;
-static constexpr float KEEP_POWER = 0.95f; // 0.94 to 0.97 do alike
+static constexpr float KEEP_POWER = 0.97f; // 0.94 to 0.97 do alike
 
 // By how much the echo is overestimated, and the least gain, with the far end alone and
 // with a talker; in between geometrically.
