@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-enum Region { OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN };
+enum Region { OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN, SUPPRESSOR };
 
 // A system call that only the plugin understands. By hand, because the C library's
 // wrapper costs more instructions than some of what is counted.

@@ -8,7 +8,7 @@ import sys
 from collections import defaultdict
 
 # As in regions.h.
-OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN = range(8)
+OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN, SUPPRESSOR = range(9)
 OUR_HEAP_LIMIT = 400 * 1024
 STACK_LIMIT = 8 * 1024
 
@@ -84,6 +84,22 @@ def instructions(neon, scalar):
            'estimator without NEON'], rows)
 
 
+def suppressor(neon, scalar, heap):
+    """Thousands of instructions per frame of nax_res_short, and their share of the canceller's."""
+    print('## The suppressor\n')
+    print('Thousands of instructions of `nax_res_short` per frame on the same frames, most of them\n'
+          'kissfft\'s, and their share of the canceller\'s. Bytes of heap are all that it takes.\n')
+    taken = {tuple(words[:3]): words[10] for words in heap if words[4] == 'short'}
+    rows = []
+    for label, on in neon.items():
+        if label[3:] == ('on', 'short'):
+            plain = scalar[label]
+            rows.append([form(label), in_thousands(mean(on, SUPPRESSOR)), in_thousands(mean(plain, SUPPRESSOR)),
+                         *(f'{100 * mean(r, SUPPRESSOR) / mean(r, BINDING, LIBRARY):.1f} %' for r in (on, plain)),
+                         taken[label[:3]]])
+    table(['format', 'NEON', 'without', 'share, NEON', 'share without', 'heap, bytes'], rows)
+
+
 def kernels(counts):
     print('## Vector code\n')
     print('Instructions of one call each (de-interleave and interleave: one per channel) on\n'
@@ -123,7 +139,7 @@ def deepest_stack(build):
     and take the largest of these; library functions count as nothing.
     """
     frame, calls = {}, defaultdict(set)
-    for path in glob.glob(f'{build}/CMakeFiles/nax_aec_*.dir/src/**/*.ci', recursive=True):
+    for path in glob.glob(f'{build}/CMakeFiles/nax_*.dir/src/**/*.ci', recursive=True):
         text = open(path).read()
         for name, size in re.findall(r'node: { title: "([^"]+)" label: "[^"]*?(\d+) bytes', text):
             frame[name] = int(size)
@@ -134,7 +150,7 @@ def deepest_stack(build):
 
     def depth(name):
         return frame.get(name, 0) + max((depth(target) for target in calls[name]), default=0)
-    return {name: depth(name) for name in ('nax_aec_short', 'nax_aec_byte')}
+    return {name: depth(name) for name in ('nax_aec_short', 'nax_aec_byte', 'nax_res_short')}
 
 
 def stack(build):
@@ -148,10 +164,11 @@ def stack(build):
 
 def code_size(build):
     print('## Code size\n')
-    text = subprocess.run(['arm-linux-gnueabihf-size', f'{build}/libnax_aec.so'],
+    print('The shared libraries, in bytes; libspeexdsp and kissfft apart.\n')
+    text = subprocess.run(['arm-linux-gnueabihf-size', *(f'{build}/libnax_{name}.so' for name in ('aec', 'res'))],
                           capture_output=True, check=True, text=True).stdout
-    print('The shared library, in bytes; libspeexdsp and kissfft apart.\n')
-    table(['code and constants', 'data', 'zeroed data'], [text.splitlines()[1].split()[:3]])
+    table(['library', 'code and constants', 'data', 'zeroed data'],
+          [[f'libnax_{name}', *line.split()[:3]] for name, line in zip(('aec', 'res'), text.splitlines()[1:])])
 
 
 def streams(build):
@@ -182,6 +199,7 @@ def main():
           'instruction. They are not times: how many instructions a cycle takes is for the\n'
           'device to say.\n')
     instructions(neon, scalar)
+    suppressor(neon, scalar, heap)
     kernels(loops)
     heap_by_part(heap)
     stack(build)

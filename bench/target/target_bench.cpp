@@ -1,6 +1,7 @@
 // The library's cost on the device, for the counting plugin and scripts/cost. Prints what
 // each of the plugin's rows stands for, and the heap that each state takes.
 #include "nax_aec.h"
+#include "nax_res.h"
 
 #include "kernels/kernels.h"
 #include "regions.h"
@@ -67,6 +68,8 @@ void count_frames(const Format &format, bool estimate, bool bytes)
     nax_aec_state *state =
         nax_aec_state_init(format.rate, 16, format.mics, format.refs, bytes ? &refs_first : &param);
     const size_t whole = heap_in_use() - before;
+    nax_res_state *suppressor = nax_res_state_init(format.rate, format.mics, format.refs);
+    const size_t of_suppressor = heap_in_use() - before - whole;
     for (int frame = 0; frame < WARM_UP + COUNTED; frame++) {
         material.next(in);
         if (frame == WARM_UP) print_row(UINT32_MAX); // what came before is not counted
@@ -75,18 +78,22 @@ void count_frames(const Format &format, bool estimate, bool bytes)
             nax_aec_byte(state, &audio, out.data(), echo.data(), 2 * samples, NAX_AEC_BIG_ENDIAN);
         } else {
             nax_aec_short(state, in.data(), out.data(), echo.data(), samples);
+            enter(SUPPRESSOR);
+            nax_res_short(suppressor, out.data(), echo.data(), echo.data());
+            enter(OUTSIDE);
         }
         if (frame < WARM_UP) continue;
         printf("row %u frame %d %d %d %s %s\n", next_row, format.rate, format.mics, format.refs,
                estimate ? "on" : "off", bytes ? "byte" : "short");
         print_row(next_row++);
     }
-    const size_t with_bytes = heap_in_use() - before;
+    const size_t with_bytes = heap_in_use() - before - of_suppressor;
+    nax_res_state_destroy(suppressor);
     nax_aec_state_destroy(state);
-    printf("heap %d %d %d %s %s %zu %zu %zu %zu %zu\n", format.rate, format.mics, format.refs,
+    printf("heap %d %d %d %s %s %zu %zu %zu %zu %zu %zu\n", format.rate, format.mics, format.refs,
            estimate ? "on" : "off", bytes ? "byte" : "short",
            whole - heap_parts.lines - heap_parts.estimator - heap_parts.canceller, heap_parts.lines,
-           heap_parts.estimator, heap_parts.canceller, with_bytes - whole);
+           heap_parts.estimator, heap_parts.canceller, with_bytes - whole, of_suppressor);
 }
 
 template <typename Call> void count_kernel(const char *name, const char *variant, Call call)
