@@ -24,8 +24,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[1]
 EXAMPLES = ROOT / "examples/python"
 sys.path.insert(0, str(ROOT / "python"))
 import nax_aec  # noqa: E402
-from nax_aec import (BIG_ENDIAN, HOST_ENDIAN, LITTLE_ENDIAN, Canceller, cancel,  # noqa: E402
-                     frame_size)
+from nax_aec import (BIG_ENDIAN, HOST_ENDIAN, LITTLE_ENDIAN, Canceller, Suppressor,  # noqa: E402
+                     cancel, frame_size)
 
 RATES = {8000: 128, 16000: 256, 32000: 512, 48000: 768}
 
@@ -48,6 +48,29 @@ def removed_db(microphone, cleaned):
     half = len(cleaned) // 2
     power = [np.mean(x[half:len(cleaned)].astype(float) ** 2) for x in (microphone, cleaned)]
     return 10 * np.log10(power[0] / (power[1] + 1e-3))
+
+
+class Suppression(unittest.TestCase):
+    def test_less_is_left_than_behind_the_canceller_and_a_frame_later(self):
+        reference = noise(3 * 16000)
+        reference[:16000] = 0
+        room = sum(echo_of(reference, delay) // 2 for delay in (400, 900, 1700))
+        microphone = room + noise(len(room), seed=2) // 100
+        with Canceller(16000) as canceller, Suppressor(16000) as suppressor:
+            result = canceller.process_stream(microphone, reference)
+            suppressed = suppressor.process(result)
+        self.assertEqual((suppressed.shape, suppressed.dtype), (result.cleaned.shape, np.int16))
+        self.assertGreater(removed_db(result.cleaned, suppressed), 6)
+        np.testing.assert_array_equal(suppressed[256:4096], result.cleaned[:3840])
+
+    def test_what_is_no_whole_frame_or_closed_is_refused(self):
+        with Suppressor(16000) as suppressor, Canceller(16000) as canceller:
+            with self.assertRaises(ValueError):
+                suppressor.process(canceller.process(noise(100), noise(100)))
+        with self.assertRaises(ValueError):
+            suppressor.process(canceller)
+        with self.assertRaises(ValueError):
+            Suppressor(44100)
 
 
 class Samples(unittest.TestCase):
@@ -198,7 +221,7 @@ class Errors(unittest.TestCase):
 
 class Package(unittest.TestCase):
     def test_examples_in_docstrings_print_what_they_say(self):
-        for module in (nax_aec, nax_aec.canceller):
+        for module in (nax_aec, nax_aec.canceller, nax_aec.suppressor):
             result = doctest.testmod(module)
             self.assertGreater(result.attempted, 0)
             self.assertEqual(result.failed, 0)
