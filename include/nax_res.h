@@ -73,8 +73,8 @@ typedef struct nax_res_state nax_res_state;
  * @return the new state, which the caller releases by nax_res_state_destroy, or null when
  * the format is not supported or memory is short.
  *
- * Everything that a state needs is allocated here: about 75 KB and 45 KB a microphone,
- * 3 KB a reference.
+ * Everything that a state needs is allocated here: 46 to 72 KB by rate, 52 KB a
+ * microphone, 3 KB a reference.
  *
  * Threads: any.
  *
