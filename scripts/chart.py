@@ -135,6 +135,7 @@ def main():
     parser.add_argument("delays", help="applied delay per frame (CSV of cancel_wav --delays)")
     parser.add_argument("chart", help="the chart to write (PNG, SVG or PDF)")
     parser.add_argument("--title", default="Echo cancellation")
+    parser.add_argument("--suppressed", help="the same behind the suppressor (cancel_wav --suppress)")
     parser.add_argument("--near", help="the near-end talker alone (WAV)")
     parser.add_argument("--truth", help="the scene's record (JSON)")
     options = parser.parse_args()
@@ -153,12 +154,20 @@ def main():
         print_echo(mic, cleaned, scene["far_only"], rate)
     if near is not None:
         print_near_end(mic, cleaned, near, rate)
+    signals = [("microphone", mic, "0.7"), ("cleaned", cleaned, "tab:blue")]
+    if options.suppressed:
+        suppressed = read(options.suppressed)[1][0]
+        signals.append(("suppressed", suppressed, "tab:orange"))
+        if options.truth:
+            print("Behind the suppressor")
+            print_echo(mic, suppressed, scene["far_only"], rate)
+            print_near_end(mic, suppressed, near, rate)
 
     removed = removed_db(mic, cleaned, refs, rate)
     figure, (wave, level, over_time, delay) = plt.subplots(
         4, 1, sharex=True, figsize=(11, 10), height_ratios=(2, 2, 1.3, 1.3), layout="constrained")
     figure.suptitle(options.title)
-    draw_signals(wave, level, [("microphone", mic, "0.7"), ("cleaned", cleaned, "tab:blue")], near, rate)
+    draw_signals(wave, level, signals, near, rate)
     draw_removed(over_time, removed)
     draw_delay(delay, times, delays, knots, rate)
     for panel in (wave, level, over_time, delay):
