@@ -55,7 +55,7 @@ static snd_pcm_sframes_t transfer(snd_pcm_extplug_t *ext, const snd_pcm_channel_
         }
         for (size_t m = 0; m < framer->mics; m++) {
             const struct channel out = channel_at(&to[m], to_instant + done);
-            copy(out.sample, out.stride, framer_out(framer) + m, framer->channels, count);
+            copy(out.sample, out.stride, framer_out(framer) + m, framer->stride, count);
         }
         framer_advance(framer, count);
     }

@@ -51,7 +51,14 @@ struct framer *framer_create(const struct settings *settings, int rate)
     framer->in = calloc(framer->size * framer->selected, sizeof *framer->in);
     framer->out = calloc(framer->size * framer->channels, sizeof *framer->out);
     framer->echo = calloc(framer->size * framer->mics, sizeof *framer->echo);
-    if (framer->in && framer->out && framer->echo) framer->state = create_state(settings, rate);
+    framer->suppressed = calloc(framer->size * framer->mics, sizeof *framer->suppressed);
+    framer->ready = settings->suppress ? framer->suppressed : framer->out;
+    framer->stride = settings->suppress ? framer->mics : framer->channels;
+    if (settings->suppress)
+        framer->suppressor = nax_res_state_init(rate, settings->mics, settings->refs);
+    if (framer->in && framer->out && framer->echo && framer->suppressed &&
+        (framer->suppressor || !settings->suppress))
+        framer->state = create_state(settings, rate);
     if (!framer->state) {
         framer_destroy(framer);
         return NULL;
@@ -63,9 +70,11 @@ void framer_destroy(struct framer *framer)
 {
     if (!framer) return;
     nax_aec_state_destroy(framer->state);
+    nax_res_state_destroy(framer->suppressor);
     free(framer->in);
     free(framer->out);
     free(framer->echo);
+    free(framer->suppressed);
     free(framer);
 }
 
@@ -76,10 +85,13 @@ void framer_advance(struct framer *framer, size_t count)
     framer->at = 0;
     framer->delay = nax_aec_short(framer->state, framer->in, framer->out, framer->echo,
                                   (int32_t)(framer->size * framer->channels));
+    if (framer->suppressor)
+        nax_res_short(framer->suppressor, framer->out, framer->echo, framer->suppressed);
 }
 
 void framer_restart(struct framer *framer)
 {
     framer->at = 0;
     memset(framer->out, 0, framer->size * framer->channels * sizeof *framer->out);
+    memset(framer->suppressed, 0, framer->size * framer->mics * sizeof *framer->suppressed);
 }

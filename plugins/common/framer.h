@@ -16,20 +16,24 @@
 #include "settings.h"
 
 #include "nax_aec.h"
+#include "nax_res.h"
 
 #include <stddef.h>
 
 struct framer {
     nax_aec_state *state;
-    size_t size;     /* samples of a channel in a frame */
-    size_t mics;     /* channels that come out */
+    nax_res_state *suppressor; /* null without one */
+    size_t size;               /* samples of a channel in a frame */
+    size_t mics;               /* channels that come out */
     size_t selected; /* channels that go in: microphones and references that are not dropped */
     size_t channels; /* microphones and all references */
     size_t at;       /* sample instants of the frame that are already there */
     int delay;       /* samples that the last frame's reference was held back */
     /* For each channel that goes in its number, from 0, in the order of the settings. */
     int source[MAX_CHANNELS];
-    int16_t *in, *out, *echo;
+    int16_t *in, *out, *echo, *suppressed;
+    const int16_t *ready; /* the frame handed out, in out or suppressed */
+    size_t stride;        /* and its channels */
 };
 
 /* Returns null when the library does not serve the rate or memory is short. The library
@@ -48,10 +52,10 @@ static inline int16_t *framer_in(struct framer *framer)
     return framer->in + framer->at * framer->selected;
 }
 
-/* The cleaned microphones that belong to the same instants, each channels after the last. */
+/* The cleaned microphones for the same instants, each instant stride after the last. */
 static inline const int16_t *framer_out(const struct framer *framer)
 {
-    return framer->out + framer->at * framer->channels;
+    return framer->ready + framer->at * framer->stride;
 }
 
 /* Goes on by count instants, at most framer_room. Allocates nothing, locks nothing and
@@ -63,6 +67,9 @@ void framer_advance(struct framer *framer, size_t count);
 void framer_restart(struct framer *framer);
 
 /* Samples by which the output of a host that exchanges is late. */
-static inline size_t framer_late(const struct framer *framer) { return framer->size; }
+static inline size_t framer_late(const struct framer *framer)
+{
+    return framer->size * (framer->suppressor ? 2 : 1);
+}
 
 #endif

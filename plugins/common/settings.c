@@ -78,6 +78,8 @@ const char *settings_set(struct settings *settings, const char *name, const char
                    : "is not a number of samples from 0 to 12288";
     if (!strcmp(name, "delay-estimation"))
         return set_switch(text, &settings->delay_estimation) ? NULL : "is neither yes nor no";
+    if (!strcmp(name, "suppress"))
+        return set_switch(text, &settings->suppress) ? NULL : "is neither yes nor no";
     if (!strcmp(name, "remap"))
         return set_remap(text, settings) ? NULL : "is not one or two channels from 0, as in 1,0";
     return "is no setting";

@@ -18,6 +18,7 @@ struct settings {
     bool delay_estimation;
     int remap[MAX_MICS]; /* channels of all, from 0, that are the microphones */
     int remap_count;     /* 0: no table */
+    bool suppress;       /* the residual echo suppressor behind the canceller */
 };
 
 /* One microphone, then one reference; the delay is estimated. */

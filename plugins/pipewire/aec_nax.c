@@ -57,7 +57,7 @@ static void hand_out(const struct framer *framer, float *out[], size_t done, siz
 {
     for (size_t m = 0; m < framer->mics; m++) {
         const int16_t *from = framer_out(framer) + m;
-        for (size_t t = 0; t < count; t++, from += framer->channels)
+        for (size_t t = 0; t < count; t++, from += framer->stride)
             out[m][done + t] = (float)*from / 32768.0f;
     }
 }

@@ -95,6 +95,13 @@ TEST_F(AlsaPlugin, TakesTheSettingsOfTheTools)
             256, 2));
 }
 
+TEST_F(AlsaPlugin, SuppressesWhatIsLeftAFrameLaterStill)
+{
+    const Recording recording = make_recording(16000, 2, 2);
+    configure(recording, "suppress yes");
+    EXPECT_TRUE(capture(recording, {333}) == later(suppressed(recording), 256, 2));
+}
+
 TEST_F(AlsaPlugin, RefusesAStanzaThatItCannotServeAndNamesTheSetting)
 {
     const Recording recording = make_recording(16000, 1, 1, 0.0);

@@ -30,7 +30,7 @@ Samples exchange(framer *framer, size_t instants, size_t piece)
             framer_in(framer)[i] = static_cast<int16_t>(noise.next(5000.0));
         for (size_t t = 0; t < count; t++)
             for (size_t m = 0; m < framer->mics; m++)
-                out.push_back(framer_out(framer)[t * framer->channels + m]);
+                out.push_back(framer_out(framer)[t * framer->stride + m]);
         framer_advance(framer, count);
     }
     return out;
@@ -87,7 +87,7 @@ TEST(Settings, ReadsEveryOneAndSaysWhatIsWrong)
     const char *const right[][2] = {{"mics", "2"},      {"refs", "4"},
                                     {"drop", "1"},      {"order", "refs-first"},
                                     {"delay", "12288"}, {"delay-estimation", "no"},
-                                    {"remap", "5,0"}};
+                                    {"remap", "5,0"},   {"suppress", "yes"}};
     settings read = DEFAULT_SETTINGS;
     for (const auto &[name, text] : right)
         EXPECT_EQ(settings_set(&read, name, text), nullptr) << name;
@@ -100,11 +100,12 @@ TEST(Settings, ReadsEveryOneAndSaysWhatIsWrong)
     EXPECT_FALSE(read.delay_estimation);
     EXPECT_EQ(read.remap_count, 2);
     EXPECT_EQ(read.remap[0], 5);
+    EXPECT_TRUE(read.suppress);
 
     const char *const wrong[][2] = {
-        {"mics", "3"},      {"refs", "0"},     {"drop", "-1"},   {"order", "any"},
-        {"delay", "12289"}, {"delay", "1 ms"}, {"delay", ""},    {"delay-estimation", "maybe"},
-        {"remap", "1,2,3"}, {"remap", "1;2"},  {"channels", "2"}};
+        {"mics", "3"},      {"refs", "0"},     {"drop", "-1"},    {"order", "any"},
+        {"delay", "12289"}, {"delay", "1 ms"}, {"delay", ""},     {"delay-estimation", "maybe"},
+        {"remap", "1,2,3"}, {"remap", "1;2"},  {"suppress", "2"}, {"channels", "2"}};
     for (const auto &[name, text] : wrong)
         EXPECT_NE(settings_set(&read, name, text), nullptr) << name << " " << text;
 }

@@ -123,6 +123,13 @@ TEST_F(PipeWirePlugin, TakesTheSettingsOfTheTools)
     std::filesystem::remove_all(folder);
 }
 
+TEST_F(PipeWirePlugin, SuppressesWhatIsLeftAFrameLaterStill)
+{
+    const Recording recording = make_recording(16000, 1, 1);
+    ASSERT_EQ(set_up(16000, 1, {{"suppress", "true"}}), 0);
+    EXPECT_TRUE(run(recording, {480}) == later(suppressed(recording), 256, 1));
+}
+
 TEST_F(PipeWirePlugin, RefusesWhatItCannotServeAndLogsWhy)
 {
     const auto refused = [&](int32_t rate, size_t channels, const Properties &properties,

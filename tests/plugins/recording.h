@@ -5,6 +5,8 @@
 #include "programs.h"
 #include "signals.h"
 
+#include "nax_res.h"
+
 #include <filesystem>
 
 struct Recording {
@@ -59,6 +61,28 @@ inline Samples cancelled(const std::string &folder, const Recording &recording,
                           options + " all.wav cleaned.wav");
     EXPECT_EQ(run.status, 0) << run.err;
     return read_wav(folder + "/cleaned.wav").samples;
+}
+
+// The same, suppressed, which is a frame later: by the two libraries.
+inline Samples suppressed(const Recording &recording)
+{
+    const size_t frame = static_cast<size_t>(recording.rate) * 2 / 125;
+    const auto mics = static_cast<int32_t>(recording.mics);
+    const auto refs = static_cast<int32_t>(recording.refs);
+    const State aec = make_state(recording.rate, mics, refs, {1, 0, NAX_AEC_DELAY_ESTIMATION});
+    nax_res_state *res = nax_res_state_init(recording.rate, mics, refs);
+    Samples in = recording.samples, all;
+    in.resize((recording.instants() / frame + 1) * frame * recording.channels());
+    Samples cleaned(frame * recording.channels()), echo(frame * recording.mics), out = echo;
+    for (size_t at = 0; at < in.size(); at += cleaned.size()) {
+        nax_aec_short(aec.get(), &in[at], cleaned.data(), echo.data(),
+                      static_cast<int32_t>(cleaned.size()));
+        nax_res_short(res, cleaned.data(), echo.data(), out.data());
+        all.insert(all.end(), out.begin(), out.end());
+    }
+    nax_res_state_destroy(res);
+    all.resize(recording.instants() * recording.mics);
+    return all;
 }
 
 // Samples held back by a number of sample instants, at the same length.
