@@ -48,8 +48,9 @@ def completed(record, **fields):
 
 
 def of_scenes(folder):
-    """The scenes' records; the scenes are written again when scenes.py has changed."""
-    stamp, digest = folder / "stamp", hashlib.sha1((HERE / "scenes.py").read_bytes()).hexdigest()
+    """The scenes' records; the scenes are written again when their code has changed."""
+    code = b"".join((HERE / name).read_bytes() for name in ("scenes.py", "sounds.py"))
+    stamp, digest = folder / "stamp", hashlib.sha1(code).hexdigest()
     if not stamp.exists() or stamp.read_text() != digest:
         subprocess.run([HERE / "scenes.py", "--out", folder], check=True, stdout=subprocess.DEVNULL)
         stamp.write_text(digest)
