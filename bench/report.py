@@ -111,13 +111,11 @@ def loss(result, system, half):
     return pair[0][half] - pair[1][half] if all(pair) else None
 
 
-def losses(results, half):
-    """Text of the loss against perfect and against the lines: mean and worst."""
-    cells = []
-    for system in ("perfect", "lines"):
-        values = [v for r in results if (v := loss(r, system, half)) is not None]
-        cells += [text(mean(values), 2), text(max(values, default=None))]
-    return cells
+def losses(results, system):
+    """By how much the library removed less than a system: mean over whole stretches, over second
+    halves, and the worst second half, as text."""
+    values = [[v for r in results if (v := loss(r, system, half)) is not None] for half in (0, 1)]
+    return [text(mean(values[0]), 2), text(mean(values[1]), 2), text(max(values[1], default=None))]
 
 
 def moves_text(result):
@@ -134,28 +132,40 @@ def recording_row(result, shown):
             *("" if p is None else f"{p[0]:.1f} / {p[1]:.1f}" for p in pairs))
 
 
-def recording_page(results, worst):
-    """The report on recordings: all, by rate and added delay, and the worst ones."""
-    shown = [s for s in SYSTEMS if any(s in r["figures"] for r in results)]
+def recording_groups(results):
+    """The results of recordings: all, by rate, by added delay, by both."""
     groups = {"all": results}
-    for part in (0, 1):
+    for names in (lambda c: c.split()[:1], lambda c: c.split()[1:], lambda c: [c]):
         for r in results:
-            groups.setdefault(r["category"].split()[part], []).append(r)
-    for r in results:
-        groups.setdefault(r["category"], []).append(r)
-    rows = []
-    for name, group in groups.items():
+            for name in names(r["category"]):
+                groups.setdefault(name, []).append(r)
+    return groups
+
+
+def recording_tables(results, shown):
+    """Delays and echo removed of all recordings and by group."""
+    delays, dB = [], []
+    for name, group in recording_groups(results).items():
         row = summarise(group)
-        rows.append((name, row["scenes"], row.get("all_count", ""), row.get("all_never", ""),
-                     *(text(row.get(f"all_{q}"), 2) or "never" for q in ("median", "p90", "worst")),
-                     text(row["misaligned"], 2), row["false_moves"],
-                     *(f"{text(row[f'{s}_whole'])} / {text(row[f'{s}_second'])}" for s in shown),
-                     *(losses(group, 0) + losses(group, 1) if "perfect" in shown else [])))
-    header = ["recordings", "count", "waits", "never", "median s", "90 % s", "worst s", "misaligned %",
-              "false moves", *(f"{s} dB" for s in shown)]
-    if "perfect" in shown:
-        header += [f"{of}: {what} {system}" for of in ("whole", "second half")
-                   for system in ("perfect", "lines") for what in ("mean below", "worst below")]
+        delays.append((name, row["scenes"], row.get("all_count", ""), row.get("all_never", ""),
+                       *(text(row.get(f"all_{q}"), 2) or "never" for q in ("median", "p90", "worst")),
+                       text(row["misaligned"], 2), row["false_moves"]))
+        if shown:
+            dB.append((name, sum(bool(r["figures"]["library"]["removed"]) for r in group),
+                       *(f"{text(row[f'{s}_whole'])} / {text(row[f'{s}_second'])}" for s in shown),
+                       *(cell for s in ("perfect", "lines") if s in shown for cell in losses(group, s))))
+    header = ["stretches", "count", *shown,
+              *(f"below {s}: {what}" for s in ("perfect", "lines") if s in shown
+                for what in ("whole", "second half", "worst second half"))]
+    return ["## Time until aligned, after a start or a step (s of active far end)\n",
+            table(("recordings", "count", "starts and steps", "never", "median", "90 %", "worst",
+                   "misaligned afterwards, %", "false moves"), delays),
+            *(["## Echo removed, dB (whole stretch / second half)\n", table(header, dB)] if shown else [])]
+
+
+def recording_page(results, worst):
+    """The report on recordings, with the worst ones."""
+    shown = [s for s in SYSTEMS if any(s in r["figures"] for r in results)]
 
     def longest(r):
         return max((np.inf if w["seconds"] is None else w["seconds"] for w in r["waits"]), default=0)
@@ -166,7 +176,9 @@ def recording_page(results, worst):
               "False moves": lambda r: r["false_moves"],
               "Furthest below perfect in the second half": lambda r: loss(r, "perfect", 1) or 0,
               "Furthest below perfect over the whole stretch": lambda r: loss(r, "perfect", 0) or 0}
-    parts = ["# Recordings\n", "By `bench/quality`, which defines every term.\n", table(header, rows)]
+    parts = ["# Recordings\n", f"{len({r['item'] for r in results})} recordings in {len(results)} cases (rates, "
+             "delay added, jumps), by `bench/quality`, which defines every term.\n",
+             *recording_tables(results, shown)]
     for title, key in orders.items():
         bad = [r for r in sorted(results, key=key, reverse=True)[:worst] if key(r) > 0]
         parts += [f"## {title}\n", table(one, [recording_row(r, shown) for r in bad])] if bad else []
