@@ -150,9 +150,9 @@ def are_related(a, b):
     return np.abs(np.fft.irfft(a * np.conj(b))).max() > 0.2
 
 
-def of_unrelated(folder, truth_file, rates, count):
-    """Pairs of one recording's microphone and another's reference, count at each rate, without an
-    echo: where the two references are related, as the same speech played twice, they are left out."""
+def of_unrelated(folder, truth_file, rate, count):
+    """count pairs of one recording's microphone and another's reference, without an echo: where the
+    two references are related, as the same speech played twice, they are left out."""
     names = [row["name"] for row in rows_of(truth_file)]
     sounds = [np.diff(signal.decimate(wavfile.read(folder / f"{n}_lpb.wav")[1].astype(float), 4))
               for n in names]
@@ -161,11 +161,11 @@ def of_unrelated(folder, truth_file, rates, count):
     pairs = [(i, j) for i in range(len(names)) for j in range(len(names)) if i != j]
     pairs.sort(key=lambda pair: zlib.crc32(f"{names[pair[0]]} {names[pair[1]]}".encode()))
     unrelated = (p for p in pairs if not are_related(spectra[p[0]], spectra[p[1]]))
-    return [completed(dict(name=f"{names[i]} with {names[j]} {rate // 1000}k", category="unrelated",
+    return [completed(dict(name=f"{names[i]} with {names[j]}", category="unrelated",
                            files=[names[i], names[j]], rate=rate, mics=1, refs=1, heard=[0], audible=False,
                            knots=None, far_only=[], params={}, near=False, folder=str(folder),
                            kind="unrelated", item=i))
-            for i, j in itertools.islice(unrelated, count) for rate in rates]
+            for i, j in itertools.islice(unrelated, count)]
 
 
 def resampled(samples, own_rate, rate):

@@ -188,8 +188,9 @@ def recording_page(results, worst):
 def unrelated_page(results):
     """How many pairs without an echo had a move, and which."""
     moved = [r for r in results if r["false_moves"]]
+    rows = [(r["name"], moves_text(r)) for r in moved]
     return "\n".join(["# Unrelated pairs\n", f"{len(moved)} of {len(results)} with a move.\n",
-                      table(("pair", "moves (samples@s)"), [(r["name"], moves_text(r)) for r in moved])])
+                      *([table(("pair", "moves (samples@s)"), rows)] if rows else [])])
 
 
 def page(results, baseline, worst):
