@@ -64,7 +64,7 @@ def by_category(results):
             for c in dict.fromkeys(r["category"] for r in results)}
 
 
-def scene_page(results):
+def scene_page(results, provenance):
     """The report on scenes."""
     total, categories = summarise(results), by_category(results)
     shown = [s for s in SYSTEMS if any(s in r["figures"] for r in results)]
@@ -83,7 +83,7 @@ def scene_page(results):
                            *("" if p is None else f"{p[0]:.1f} / {p[1]:.1f}" for p in pairs),
                            *map(text, r["figures"].get("library", {}).get("near", []))))
     return "\n".join([
-        "# Quality\n", f"{total['scenes']} scenes, by `bench/quality`, which defines every term.\n",
+        "# Quality\n", f"{total['scenes']} scenes. {provenance}",
         "## Time until aligned (s of active far end)\n", waits_table(total),
         f"Misaligned afterwards: {text(total['misaligned'], 2)} % of active frames. "
         f"False moves: {total['false_moves']}. Resets of the canceller: {total['resets']}.\n",
@@ -163,7 +163,7 @@ def recording_tables(results, shown):
             *(["## Echo removed, dB (whole stretch / second half)\n", table(header, dB)] if shown else [])]
 
 
-def recording_page(results, worst):
+def recording_page(results, worst, provenance):
     """The report on recordings, with the worst ones."""
     shown = [s for s in SYSTEMS if any(s in r["figures"] for r in results)]
 
@@ -177,7 +177,7 @@ def recording_page(results, worst):
               "Furthest below perfect in the second half": lambda r: loss(r, "perfect", 1) or 0,
               "Furthest below perfect over the whole stretch": lambda r: loss(r, "perfect", 0) or 0}
     parts = ["# Recordings\n", f"{len({r['item'] for r in results})} recordings in {len(results)} cases (rates, "
-             "delay added, jumps), by `bench/quality`, which defines every term.\n",
+             f"delay added, jumps). {provenance}",
              *recording_tables(results, shown)]
     for title, key in orders.items():
         bad = [r for r in sorted(results, key=key, reverse=True)[:worst] if key(r) > 0]
@@ -193,11 +193,12 @@ def unrelated_page(results):
                       *([table(("pair", "moves (samples@s)"), rows)] if rows else [])])
 
 
-def page(results, baseline, worst):
+def page(results, baseline, worst, provenance):
     """The whole report in Markdown."""
     kinds = {kind: [r for r in results if r["kind"] == kind] for kind in ("scene", "recording", "unrelated")}
     pages = [make(kinds[kind]) for kind, make in
-             (("scene", scene_page), ("recording", lambda r: recording_page(r, worst)),
+             (("scene", lambda r: scene_page(r, provenance)),
+              ("recording", lambda r: recording_page(r, worst, provenance)),
               ("unrelated", unrelated_page)) if kinds[kind]]
     if baseline:
         pages.append(comparison(results, baseline))
