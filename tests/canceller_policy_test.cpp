@@ -224,8 +224,8 @@ TEST(Levels, FindTheEdgesOfEveryBlockAndChannel)
 TEST(Levels, AddTheEdgesOfChannelsButNeitherOfBlocksNorOfMicrophonesToReferences)
 {
     Samples mic = silent(2), ref = silent(1);
-    for (const size_t at : {10, 100, FRAME + 10})
-        mic[at] = 3200;
+    for (const int32_t at : {10, 100, FRAME + 10})
+        mic[static_cast<size_t>(at)] = 3200;
     ref[10] = 3200;
     EXPECT_EQ(levels_of(mic, ref).edge_power, 4 * 3200.0f * 3200.0f / BLOCK);
 }

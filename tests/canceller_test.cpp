@@ -368,39 +368,67 @@ TEST_F(Canceller, FlushesDenormalNumbersForTheLibraryAndLeavesThemToTheCaller)
     EXPECT_FALSE(flushes_denormals());
 }
 
-// What the library gives back of one frame with the given peaks, when it lets the
-// microphones pass.
-static void expect_the_near_end_at_its_level(double mic_peak, double ref_peak, int32_t shift)
+// The library, letting the microphones pass, is to see both attenuated by these shifts.
+static void expect_the_near_end_at_its_level(double mic_peak, double ref_peak, int32_t mic_shift,
+                                             int32_t ref_shift)
 {
-    static int32_t loudest;
-    loudest = 0;
-    stand_in = [](const int16_t *mic, const int16_t *, int16_t *cleaned) {
-        for (int32_t i = 0; i < library_arguments[0] * library_arguments[2]; i++) {
-            loudest = std::max(loudest, std::abs(int32_t{mic[i]}));
+    static int32_t loudest_mic, loudest_ref;
+    stand_in = [](const int16_t *mic, const int16_t *ref, int16_t *cleaned) {
+        for (int32_t i = 0; i < 2 * library_arguments[0]; i++) {
+            loudest_mic = std::max(loudest_mic, std::abs(int32_t{mic[i]}));
             cleaned[i] = mic[i];
         }
+        for (int32_t i = 0; i < library_arguments[0]; i++)
+            loudest_ref = std::max(loudest_ref, std::abs(int32_t{ref[i]}));
     };
     Bound bound(16000, 2, 1);
     Noise noise(8);
     for (int32_t frame = 0; frame < 40; frame++) {
         bound.mic = noise.frame(2 * bound.frame, mic_peak);
         bound.ref = noise.frame(bound.frame, ref_peak);
-        loudest = 0;
+        loudest_mic = loudest_ref = 0;
         bound.cancel();
     }
-    EXPECT_NEAR(loudest, mic_peak / (1 << shift), mic_peak / (1 << shift) / 50) << "as it was seen";
+    const double mic_seen = mic_peak / (1 << mic_shift), ref_seen = ref_peak / (1 << ref_shift);
+    EXPECT_NEAR(loudest_mic, mic_seen, mic_seen / 50);
+    EXPECT_NEAR(loudest_ref, ref_seen, ref_seen / 50);
     const Samples mic = bound.interleaved_mic();
     for (size_t i = 0; i < mic.size(); i++)
-        ASSERT_EQ(bound.cleaned[i], mic[i] >> shift << shift);
+        ASSERT_EQ(bound.cleaned[i], mic[i] >> mic_shift << mic_shift);
 }
 
 TEST_F(Canceller, GivesTheNearEndBackAtItsLevelWhateverTheAttenuation)
 {
-    expect_the_near_end_at_its_level(8000, 8000, 0);
-    expect_the_near_end_at_its_level(8000, 2500, 1);
-    expect_the_near_end_at_its_level(8000, 800, 2);
-    expect_the_near_end_at_its_level(32000, 32000, 2); // hot
-    expect_the_near_end_at_its_level(32000, 3000, 4);  // hot, and a weak reference
+    expect_the_near_end_at_its_level(8000, 8000, 0, 0);
+    expect_the_near_end_at_its_level(8000, 2500, 1, 0);
+    expect_the_near_end_at_its_level(8000, 800, 2, 0);
+    expect_the_near_end_at_its_level(32000, 32000, 2, 2); // hot
+    expect_the_near_end_at_its_level(32000, 3000, 4, 2);  // hot, and a weak reference
+}
+
+// A library that doubles what it is given: restarted once in four frames, by the powers
+// before attenuation, but not for what is louder by a trifle.
+TEST_F(Canceller, StartsTheLibraryAnewWhenItMakesTheMicrophonesLouder)
+{
+    stand_in = [](const int16_t *mic, const int16_t *, int16_t *cleaned) {
+        for (int32_t i = 0; i < library_arguments[0]; i++)
+            cleaned[i] = static_cast<int16_t>(2 * mic[i]);
+    };
+    const struct {
+        double mic_peak, ref_peak;
+        int restarts;
+    } cases[] = {{8000, 8000, 10}, {8000, 800, 10}, {200, 20, 10}, {30, 30, 0}};
+    for (const auto &[mic_peak, ref_peak, restarts] : cases) {
+        Bound bound(16000, 1, 1);
+        Noise noise(8);
+        for (int32_t frame = 0; frame < 60; frame++) {
+            bound.mic = noise.frame(bound.frame, mic_peak);
+            bound.ref = noise.frame(bound.frame, ref_peak);
+            if (frame == 20) resets = -1; // the one for the move, which chooses the scale
+            bound.cancel(frame == 20);
+        }
+        EXPECT_EQ(resets, restarts) << mic_peak << " " << ref_peak;
+    }
 }
 
 // A voice of 120 Hz beside the echo of noise. Told the true rate the library's high-pass
