@@ -19,7 +19,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 from diagnosis import findings, page                                                    # noqa: E402
 from diagnosis.library import Run                                                       # noqa: E402
-from diagnosis.measure import Channel, Echo, Measures, Section                          # noqa: E402
+from diagnosis.record import Channel, Echo, Measures, Section                           # noqa: E402
 
 TIMES = np.arange(0.5, 11.5, 0.25)
 

@@ -4,7 +4,6 @@ import textwrap
 import numpy as np
 
 from . import library, linear
-from .channel import frame_size
 
 
 def _filled(text, first, indent=10):
