@@ -38,7 +38,7 @@ def binding():
     """The Python package over the library, of the source tree or installed. ImportError where
     there is none."""
     in_tree = pathlib.Path(__file__).resolve().parents[2] / "python"
-    if in_tree.is_dir() and str(in_tree) not in sys.path:
+    if (in_tree / "nax_aec").is_dir() and str(in_tree) not in sys.path:
         sys.path.insert(0, str(in_tree))
     import nax_aec
     return nax_aec
