@@ -128,11 +128,6 @@ class Canceller:
         check_delays(delays)
         return Result(like(mic, out[:n, :m]), like(ref, out[:n, m:]), like(mic, echo[:n]), delays)
 
-    def process_stream(self, microphones: ArrayLike, references: ArrayLike) -> Result:
-        """process, but for a part of a frame at the end, which is left out."""
-        whole = len(np.asarray(microphones)) // self.frame_size * self.frame_size
-        return self.process(np.asarray(microphones)[:whole], np.asarray(references)[:whole])
-
     def process_bytes(self, data: bytes,
                       byte_order: int = HOST_ENDIAN) -> tuple[Result, NDArray[np.int16]]:
         """One frame of raw bytes (nax_aec_byte).

@@ -74,7 +74,8 @@ def run(rate, mics, refs, delay_len=0):
     with _quiet():
         canceller = nax_aec.Canceller(rate, len(mics), len(refs), delay_len=delay_len)
     with canceller:
-        cleaned, _, _, delays = canceller.process_stream(y, x)
+        whole = len(y) // canceller.frame_size * canceller.frame_size
+        cleaned, _, _, delays = canceller.process(y[:whole], x[:whole])
     def over(length):
         return removed(rate, y[:length], cleaned[:length], x[:length])
     return Run(delay_len, np.asarray(delays), over(len(cleaned)), (over(TRIAL_S * rate) or (0.0,))[0])
