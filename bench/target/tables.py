@@ -100,6 +100,28 @@ def suppressor(neon, scalar, heap):
     table(['format', 'NEON', 'without', 'share, NEON', 'share without', 'heap, bytes'], rows)
 
 
+def instructions_64(counts):
+    """Thousands of instructions per frame on 64-bit ARM, with their share of the canceller's."""
+    print('## 64-bit ARM\n')
+    print('The same for a Cortex-A53, by the build for arm64, whose every processor has NEON.\n'
+          'Debian\'s libspeexdsp fuses multiply-add there and is scalar as well. Heap, without\n'
+          'a table of its own, is within 1 % of what follows.\n')
+    rows = []
+    for label, on in counts.items():
+        if label[3:] != ('on', 'short'):
+            continue
+        off = counts[label[:3] + ('off', 'byte')]
+        canceller = mean(on, BINDING, LIBRARY)
+        front = mean(off, SPLIT, ALIGNMENT, JOIN)
+        parts = [mean(on, ESTIMATOR), mean(on, SUPPRESSOR)]
+        rows.append([form(label), in_thousands(front), *map(in_thousands, parts),
+                     in_thousands(canceller), in_thousands(mean(off, BYTES)),
+                     f'{100 * front / mean(off, BINDING, LIBRARY):.2f} %',
+                     *(f'{100 * part / canceller:.1f} %' for part in parts)])
+    table(['format', 'front end, no estimation', 'estimator', 'suppressor', 'canceller',
+           'byte path', 'front end of it', 'estimator of it', 'suppressor of it'], rows)
+
+
 def kernels(counts):
     print('## Vector code\n')
     print('Instructions of one call each (de-interleave and interleave: one per channel) on\n'
@@ -200,6 +222,7 @@ def main():
           'device to say.\n')
     instructions(neon, scalar)
     suppressor(neon, scalar, heap)
+    instructions_64(read_counts(build, 'wide')[0])
     kernels(loops)
     heap_by_part(heap)
     stack(build)
