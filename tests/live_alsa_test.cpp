@@ -311,7 +311,8 @@ TEST_F(LiveAlsa, stops_by_seconds_at_a_whole_frame)
 // The last line of figures, by the names of its columns.
 std::map<std::string, std::string> last_figures(const std::string &messages)
 {
-    const char *columns[] = {"time", "delay", "in", "out", "removed", "clipped", "overruns", "load"};
+    const char *columns[] = {"time",    "delay",   "in",       "out",
+                             "removed", "clipped", "overruns", "load"};
     const size_t end = messages.find_last_not_of('\n');
     std::istringstream line(messages.substr(messages.rfind('\n', end) + 1));
     std::map<std::string, std::string> figures;
