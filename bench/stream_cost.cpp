@@ -2,6 +2,7 @@
 // bench/peers_cost: stream_cost RATE AUDIO, a raw int16 file of one microphone and one
 // reference, interleaved. Prints a line for each system: its name, s of processor time.
 #include "nax_aec.h"
+#include "nax_res.h"
 
 #include <speex/speex_echo.h>
 #include <speex/speex_preprocess.h>
@@ -34,7 +35,7 @@ bool read(const char *path, Stream &s)
     return file && fclose(file) == 0 && s.frames() > 0;
 }
 
-void run_library(const Stream &s)
+void run_library(const Stream &s, bool suppressed)
 {
     const nax_aec_param param = {.pos = 1,
                                  .drop_channel = 0,
@@ -43,10 +44,15 @@ void run_library(const Stream &s)
                                  .look_ahead = 0,
                                  .array_list = nullptr};
     nax_aec_state *state = nax_aec_state_init(s.rate, 16, 1, 1, &param);
-    std::vector<int16_t> in(s.both), out(static_cast<size_t>(2 * s.frame));
-    for (int i = 0; i < s.frames(); i++)
-        nax_aec_short(state, &in[static_cast<size_t>(2 * i * s.frame)], out.data(), nullptr,
+    nax_res_state *suppressor = nax_res_state_init(s.rate, 1, 1);
+    const size_t size = static_cast<size_t>(s.frame);
+    std::vector<int16_t> in(s.both), out(2 * size), echo(size);
+    for (int i = 0; i < s.frames(); i++) {
+        nax_aec_short(state, &in[static_cast<size_t>(2 * i * s.frame)], out.data(), echo.data(),
                       2 * s.frame);
+        if (suppressed) nax_res_short(suppressor, out.data(), echo.data(), echo.data());
+    }
+    nax_res_state_destroy(suppressor);
     nax_aec_state_destroy(state);
 }
 
@@ -91,7 +97,8 @@ int main(int argc, char **argv)
         fprintf(stderr, "Usage: stream_cost RATE AUDIO\n");
         return 2;
     }
-    time("library", [&] { run_library(s); });
+    time("library", [&] { run_library(s, false); });
+    time("suppressed", [&] { run_library(s, true); });
     time("speex", [&] { run_speex(s, false); });
     time("speex_preprocessed", [&] { run_speex(s, true); });
     return 0;
