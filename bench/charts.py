@@ -12,7 +12,7 @@ def draw(results, folder):
     from matplotlib import pyplot
     matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "quality", "font.size": 9,
                                 "axes.spines.top": False, "axes.spines.right": False})
-    colours = dict(zip(SYSTEMS, ("#1f6fb4", "#2a9d5c", "#7fb069", "#b0b0b0", "#d98324", "#303030", "#9b4fb5",
+    colours = dict(zip(SYSTEMS, ("#1f6fb4", "#123f6b", "#2a9d5c", "#7fb069", "#b0b0b0", "#d98324", "#303030", "#9b4fb5",
                                   "#c49ad6", "#e8b77c")))
     folder.mkdir(parents=True, exist_ok=True)
 

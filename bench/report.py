@@ -1,7 +1,7 @@
 """The pages that bench/quality makes of its figures, in Markdown."""
 import numpy as np
 
-SYSTEMS = ("library", "perfect", "lines", "none", "speex", "best", "webrtc", "today", "speex_pre")
+SYSTEMS = ("library", "suppressed", "perfect", "lines", "none", "speex", "best", "webrtc", "today", "speex_pre")
 
 
 def mean(values):
