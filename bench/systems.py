@@ -64,36 +64,16 @@ def run_library(case, references, estimation):
     return cleaned, delays, messages[0].count("reset")
 
 
-@functools.lru_cache(maxsize=None)
-def suppressor_library():
-    """libnax_res, from where libnax_aec came."""
-    aec = pathlib.Path(nax_aec.library()._name)
-    names = sorted(aec.parent.glob("libnax_res.so")) or ["libnax_res.so.2"]
-    library = ctypes.CDLL(str(names[0]))
-    library.nax_res_state_init.restype = ctypes.c_void_p
-    library.nax_res_short.argtypes = [ctypes.c_void_p] * 4
-    library.nax_res_state_destroy.argtypes = [ctypes.c_void_p]
-    return library
-
-
-def run_suppressed(case, references, estimation=True):
+def run_suppressed(case, references):
     """The library and the suppressor behind it; returns cleaned (n x M int16), the frame by which
     the suppressor is late taken out again."""
-    frame, params = case["frame"], dict(case["params"])
-    if not estimation:
-        params["delay_len"] = 0
+    frame = case["frame"]
+    whole = len(case["mic"]) // frame * frame
     with captured_messages():
-        with nax_aec.Canceller(case["rate"], case["mics"], case["refs"],
-                               delay_estimation=estimation, **params) as aec:
-            whole = len(case["mic"]) // frame * frame
-            cleaned, aligned, echo, _ = aec.process(case["mic"][:whole], references[:whole])
-    behind, echo = np.ascontiguousarray(np.hstack([cleaned, aligned])), np.ascontiguousarray(echo)
-    out = np.zeros((len(behind) + frame, case["mics"]), np.int16)
-    state = suppressor_library().nax_res_state_init(case["rate"], case["mics"], case["refs"])
-    for start in range(0, len(behind), frame):
-        suppressor_library().nax_res_short(state, *(a[start:].ctypes.data for a in (behind, echo, out)))
-    suppressor_library().nax_res_state_destroy(state)
-    return out[frame:]
+        with nax_aec.Canceller(case["rate"], case["mics"], case["refs"], **case["params"]) as aec, \
+                nax_aec.Suppressor(case["rate"], case["mics"], case["refs"]) as suppressor:
+            late = suppressor.process(aec.process(case["mic"][:whole], references[:whole]))
+    return np.vstack([late[frame:], np.zeros_like(late[:frame])])
 
 
 def run_estimator(case):
