@@ -1,5 +1,6 @@
 // Evidence for the delay of the echo: how well the microphone agrees with the
-// reference at every lag that the delay lines can serve.
+// reference, as an averaged cross-spectrum for every stretch of lags that the delay
+// lines can serve. lag_peaks.h finds the lags in it.
 #pragma once
 
 #include "engines/decimator.h"
@@ -12,23 +13,14 @@ namespace nax {
 
 // A lag counts samples at ESTIMATOR_RATE. Lags are dealt with in partitions of HOP,
 // one per frame that the delay lines hold.
-inline constexpr int32_t MAX_PARTITIONS = 96; // 12288 samples at 8000 Hz
-inline constexpr int32_t WINDOW = 2 * HOP;    // samples under one transform
-inline constexpr int32_t LOW_BIN = 8;         // 250 Hz: below lie hum and rumble
-inline constexpr int32_t BINS = 52;           // up to 1.85 kHz
-static_assert(LOW_BIN + BINS <= HOP && BINS % 4 == 0);
+inline constexpr int32_t WINDOW = 2 * HOP; // samples under one transform
+inline constexpr int32_t LOW_BIN = 8;      // 250 Hz: below lie hum and rumble
+inline constexpr int32_t BINS = 52;        // up to 1.85 kHz
+static_assert(LOW_BIN + BINS <= HOP && BINS % 4 == 0, "bins below Nyquist, in vectors of four");
 
 struct Spectrum {
     float re[BINS];
     float im[BINS];
-};
-
-// The tallest lag of a partition. Its height is in standard deviations of what
-// unrelated signals would give.
-struct Peak {
-    float height;
-    int32_t lag; // of the first arrival: the earliest lag nearly as tall
-    int32_t age; // frames since the partition was transformed
 };
 
 struct Signal {
@@ -36,46 +28,45 @@ struct Signal {
     float power[BINS];   // decaying peak power, which whitens the spectrum
 };
 
+// One past frame of the reference, whitened.
+struct PastFrame {
+    Spectrum x;
+    float weight; // mean |X|^2; 0: silent, not used
+};
+
+// The lags of one partition.
+struct Partition {
+    Spectrum evidence; // averaged conj(X) Y
+    float variance;    // of a lag, were the signals unrelated
+};
+
 struct CrossSpectrum {
     kiss_fftr_cfg forward;
-    kiss_fftr_cfg inverse;
     float window[WINDOW];
-    float cosine[WINDOW];
     Signal ref;
     Signal mic;
     float ref_peak_db; // decaying peak level of the reference
     int32_t partitions;
-    int32_t turn;                      // which of the interleaved partitions this frame updates
-    int32_t newest;                    // slot of this frame in the histories
-    Spectrum ref_past[MAX_PARTITIONS]; // whitened reference, a ring of frames
-    float ref_weight[MAX_PARTITIONS];  // mean |X|^2 of each; 0: silent, not used
-    Spectrum evidence[MAX_PARTITIONS]; // averaged conj(X) Y, by partition
-    float variance[MAX_PARTITIONS];    // of a lag, were the signals unrelated
-    float score[MAX_PARTITIONS];       // energy of the evidence over that variance
-    int32_t scored;                    // which quarter of the scores is due
-    Peak peaks[MAX_PARTITIONS];
+    int32_t turn;         // which of the interleaved partitions this frame updates
+    int32_t newest;       // slot of this frame in the past
+    PastFrame *past;      // partitions, a ring of frames
+    Partition *partition; // partitions
 };
 
+// How long evidence counts. Long finds weak echoes, short follows an echo that moves.
+enum class Memory { LONG, SHORT };
+
 // Prepares a zero-filled record for the given number of partitions. Returns false
-// when there is no memory for the transforms.
+// when there is no memory; cross_spectrum_release then frees what there is.
+// Needs nax_logtab_init first.
 bool cross_spectrum_init(CrossSpectrum &cross, int32_t partitions);
 void cross_spectrum_release(CrossSpectrum &cross);
 
 // Takes in HOP samples of each signal at ESTIMATOR_RATE. Returns whether they told
-// anything: silence on either side leaves the evidence as it was.
-bool cross_spectrum_update(CrossSpectrum &cross, const float *ref, const float *mic);
+// anything: silence on either side leaves the evidence as it was. Real time: yes.
+bool cross_spectrum_update(CrossSpectrum &cross, const float *ref, const float *mic, Memory memory);
 
-// Transforms the given number of partitions back to lags, the most promising first,
-// and notes their peaks. Ages the others by a frame.
-void cross_spectrum_search(CrossSpectrum &cross, int32_t transforms);
-
-// The tallest recent peak, or null.
-const Peak *tallest_peak(const CrossSpectrum &cross);
-
-// Height of the tallest recent peak that lies more than spread lags from lag.
-float tallest_rival(const CrossSpectrum &cross, int32_t lag, int32_t spread);
-
-// Height around one lag, without a transform.
-float height_at(const CrossSpectrum &cross, int32_t lag);
+// Standard deviation of a lag of partition p, were the signals unrelated.
+float deviation(const CrossSpectrum &cross, int32_t p);
 
 } // namespace nax

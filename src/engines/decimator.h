@@ -21,11 +21,19 @@ struct Decimator {
     int16_t line[MAX_TAPS + HOP * MAX_DECIMATION]; // last frame's end, then this frame
 };
 
+// Writes the mean of the planar channels of a frame, length samples each, at least one
+// and at most MAX_MIXED channels. Real time: yes.
+void mix_to_mono(const int16_t *frame, int32_t channels, int32_t length, int16_t *to);
+
 // Prepares a zero-filled decimator for decimation by 2, 4, 8 or 12.
 void decimator_init(Decimator &decimator, int32_t decimation);
 
-// Mixes the planar channels of a frame of HOP x decimation samples to their mean and
-// writes its HOP samples at 4 kHz. Real time: yes.
-void decimate(Decimator &decimator, const int16_t *frame, int32_t channels, float *to);
+// Takes in a frame of HOP x decimation samples and writes its HOP samples at 4 kHz.
+// Real time: yes.
+void decimate(Decimator &decimator, const int16_t *frame, float *to);
+
+// Windowed-sinc low-pass of count taps, an even number, in Q15, its gain 1 at 0 Hz.
+//   cutoff  half-amplitude frequency in cycles per sample
+void design_low_pass(int16_t *taps, int32_t count, double cutoff);
 
 } // namespace nax

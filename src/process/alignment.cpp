@@ -31,9 +31,8 @@ Alignment align_reference(nax_aec_state &state)
     const int64_t estimate = AEC_DelayProcess(state.mic_frame, state.ref_frame, block,
                                               state.frame_count, state.delay_est);
 
-    // A move of up to a frame is not worth the canceller's adaptation.
     const int64_t candidate = estimate + state.delay_len;
-    const bool moved = std::abs(candidate - state.cur_delay) > block;
+    const bool moved = is_taken_up(candidate, state.cur_delay, block);
     const int64_t delay = std::min<int64_t>(moved ? candidate : state.cur_delay, DELAY_LINE_LEN);
 
     // The read does not wrap. Past DELAY_LINE_LEN lies a frame that is never written,

@@ -6,6 +6,7 @@
 #include "nax_aec.h"
 
 #include "engines/canceller.h"
+#include "engines/delay_estimator.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -13,10 +14,10 @@
 // Reach of a reference delay line beyond one frame, and the largest delay applied,
 // in samples. A sample count at every rate, so the longest delay in ms shrinks as
 // the rate grows.
-inline constexpr int32_t DELAY_LINE_LEN = 12288;
+inline constexpr int32_t DELAY_LINE_LEN = nax::DELAY_REACH;
 
 // Width of the area that the delay estimator keeps its bookkeeping in.
-inline constexpr int32_t DELAY_EST_WORDS = 28;
+inline constexpr int32_t DELAY_EST_WORDS = nax::DELAY_STATE_WORDS;
 
 // The rates that are served, in Hz. A frame is 16 ms and divides the delay line, so that
 // it is written in one piece.
