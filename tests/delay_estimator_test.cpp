@@ -88,6 +88,20 @@ TEST(DelayEstimator, FollowsAnEchoThatMoves)
     }
 }
 
+// The first of these moves is by less than a frame, which takes a detour.
+TEST(DelayEstimator, FollowsAnEchoThatMovesByLittleAndOn)
+{
+    Call call(16000, 1, 1, 1000);
+    call.run(3.0, FAR_END);
+    call.expect_found(1000);
+    for (const int32_t delay : {900, 5000, 300}) {
+        SCOPED_TRACE(delay);
+        call.move_echo(delay);
+        call.run(seconds_of(delay, 16000) + 4.0, FAR_END);
+        call.expect_found(delay);
+    }
+}
+
 TEST(DelayEstimator, FindsTheDelayInDoubleTalk)
 {
     Call call(16000, 1, 1, 4000);
@@ -176,7 +190,8 @@ struct Engine {
         mic.resize(512);
         ref = noise.frame(512, 9000.0);
         for (size_t i = 0; i < 256; i++)
-            mic[i] = mic[256 + i] = to_sample(path.next(ref[i]));
+            mic[256 + i] = to_sample(path.next(ref[i]));
+        if (first_hears) std::copy(mic.begin() + 256, mic.end(), mic.begin());
         return nax::AEC_DelayProcess(mic.data(), ref.data(), 256, ++frames, area.words);
     }
 
@@ -188,6 +203,7 @@ struct Engine {
     int32_t result, frames = 0;
     Noise noise{21};
     EchoPath path{384};
+    bool first_hears = true; // or the second microphone alone does
     Samples mic, ref;
 };
 
@@ -217,13 +233,31 @@ TEST(DelayEstimator, KeepsToItsWordsAndLeavesItsInputsAsTheyAre)
     EXPECT_EQ(engine.area.words[0], 1);
 }
 
-TEST(DelayEstimator, EstimatePlusBaseDelayIsNeverNegative)
+TEST(DelayEstimator, FindsAnEchoThatTheSecondMicrophoneAloneHears)
 {
-    for (const int32_t base : {0, 200, 384, 3000, LINE, LINE + 5000}) {
-        Engine engine(base);
-        for (int32_t frame = 0; frame < 200; frame++)
-            ASSERT_GE(engine.process() + base, 0) << base;
-    }
+    Engine engine;
+    engine.first_hears = false;
+    engine.path = EchoPath(2000);
+    int32_t found = 0;
+    for (int32_t frame = 0; frame < 150; frame++)
+        found = engine.process();
+    EXPECT_LE(found, 2000);
+    EXPECT_GT(found, 2000 - 256);
+}
+
+TEST(DelayEstimator, EstimatePlusBaseDelayStaysWithinTheLine)
+{
+    for (const int32_t base : {-LINE, -300, -1, 0, 200, 384, 3000, LINE, LINE + 5000})
+        for (const int32_t refused_after : {-1, 0}) { // with memory, and without
+            heap::refuse_after = refused_after;
+            Engine engine(base);
+            heap::refuse_after = -1;
+            for (int32_t frame = 0; frame < 200; frame++) {
+                const int32_t applied = engine.process() + base;
+                ASSERT_GE(applied, 0) << base;
+                ASSERT_LE(applied, LINE) << base;
+            }
+        }
 }
 
 TEST(DelayEstimator, GivesEachStateItsOwnEstimate)

@@ -1,0 +1,350 @@
+// The decision on the delay (src/engines/delay_decision), driven by what the searches
+// would see. At 16000 Hz: a lag is 4 samples, a frame 256.
+#include "engines/delay_decision.h"
+
+#include "support.h"
+
+#include "engines/delay_estimator.h"
+
+using nax::DELAY_REACH;
+using nax::NONE;
+
+namespace {
+
+// What a test says of a sight, by name.
+struct Seen {
+    int32_t lag = 0;
+    float height = 0;
+    float rival = 0;
+    float followed = 0;
+    float path = 0;
+    float target = 0;
+
+    operator nax::Sight() const { return {true, lag, height, rival, followed, path, target}; }
+};
+
+struct Decision {
+    explicit Decision(int32_t base = 0, int32_t decimation = 4, int32_t frame = 256)
+    {
+        nax::delay_decision_init(record, decimation, frame, base);
+    }
+
+    int32_t see(const Seen &seen, int32_t frames = 1)
+    {
+        for (int32_t n = 0; n < frames; n++)
+            nax::decide(record, seen, nullptr);
+        return record.applied;
+    }
+
+    // A fine look, in a frame without news.
+    int32_t look(const nax::Onset &onset, float coarse_height = 0)
+    {
+        return nax::decide(record, {false, 0, 0, 0, 0, 0, coarse_height}, &onset);
+    }
+
+    // Offers one peak to look at, or none. Returns whether evidence starts anew.
+    bool aim(int32_t lag = NONE, float height = 0, float followed = 0, int32_t age = 0)
+    {
+        const nax::Peak peak = {height, lag, age, 1};
+        return nax::choose_target(record, &peak, lag == NONE ? 0 : 1, followed);
+    }
+
+    nax::DelayDecision record;
+};
+
+// Follows the path at lag 500 and has settled on it.
+Decision settled()
+{
+    Decision decision;
+    decision.see({.lag = 500, .height = 9});
+    decision.see({.lag = 500, .height = 9, .followed = 10});
+    EXPECT_TRUE(decision.aim(NONE, 0, 10));
+    decision.look({1, 8, 2000});
+    decision.look({3, 8, 2000});
+    EXPECT_EQ(decision.record.applied, 1964);
+    return decision;
+}
+
+} // namespace
+
+TEST(DelayDecision, BelievesACoarsePeakByItsHeightAndItsSightings)
+{
+    const struct {
+        float height, rival;
+        int32_t frames;
+        bool believed;
+    } CASES[] = {
+        {8.0f, 0, 1, true},   {8.0f, 5.7f, 50, false}, {8.0f, 5.5f, 1, true},
+        {7.9f, 0, 14, false}, {7.0f, 0, 14, false},    {7.0f, 0, 15, true},
+        {6.5f, 0, 15, true},  {6.4f, 0, 50, false},    {6.5f, 4.6f, 50, false},
+    };
+    for (const auto &[height, rival, frames, believed] : CASES) {
+        const int32_t applied =
+            Decision().see({.lag = 500, .height = height, .rival = rival}, frames);
+        EXPECT_EQ(applied, believed ? 1964 : 0) << height << ", " << rival << ", " << frames;
+    }
+}
+
+TEST(DelayDecision, CountsOnlySightingsOfTheSameLag)
+{
+    Decision decision;
+    for (int32_t n = 0; n < 5; n++) {
+        EXPECT_EQ(decision.see({.lag = 500, .height = 7}, 14), 0);
+        EXPECT_EQ(decision.see({.lag = 600, .height = 7}, 14), 0);
+    }
+    EXPECT_EQ(decision.see({.lag = 602, .height = 7}), 2304); // near enough
+}
+
+TEST(DelayDecision, BelievesASurePeakAtOnceThatTheFineLookConfirms)
+{
+    const struct {
+        nax::Onset look;
+        bool believed;
+    } CASES[] = {{{2, 7.9f, 2000}, false},
+                 {{2, 8, 2000}, true},
+                 {{3, 3.9f, 2000}, false},
+                 {{3, 4, 2000}, true}};
+    for (const auto &[look, believed] : CASES) {
+        Decision decision;
+        EXPECT_TRUE(decision.aim(500, 5));
+        decision.look(look);
+        const int32_t elsewhere = decision.see({.lag = 540, .height = 7});
+        EXPECT_EQ(elsewhere, 0);
+        EXPECT_EQ(decision.see({.lag = 520, .height = 7}), believed ? 2044 : 0) << look.height;
+    }
+}
+
+// The second move of each pair is the one meant.
+TEST(DelayDecision, MovesByLessThanAFrameByADetourOfOneFrame)
+{
+    Decision decision;
+    EXPECT_EQ(decision.see({.lag = 250, .height = 9}), 964);
+    EXPECT_EQ(decision.see({.lag = 225, .height = 9, .followed = 8}, 3), 964);
+    EXPECT_EQ(decision.see({.lag = 225, .height = 9, .followed = 8}), 964 + 257);
+    EXPECT_EQ(decision.see({}), 768);
+    EXPECT_EQ(decision.see({.lag = 225, .height = 9, .followed = 9}, 9), 768);
+    EXPECT_EQ(decision.see({.lag = 1250, .height = 9, .followed = 2}), 4864);
+    EXPECT_EQ(decision.see({.lag = 1250, .height = 9, .followed = 9}), 4864);
+    EXPECT_EQ(decision.see({.lag = 75, .height = 9, .followed = 2}), 256);
+}
+
+TEST(DelayDecision, StaysWithinTheLineWhateverTheBaseDelayOrTheOnset)
+{
+    for (const int32_t base : {INT32_MIN, -1000, 0, 100, DELAY_REACH, INT32_MAX}) {
+        SCOPED_TRACE(base);
+        Decision decision(base, 2, 128);
+        const auto expect_within = [](int32_t applied) {
+            EXPECT_GE(applied, 0);
+            EXPECT_LE(applied, DELAY_REACH);
+        };
+        expect_within(decision.record.applied);
+        expect_within(decision.see({}));
+        expect_within(decision.see({.lag = 6143, .height = 9}));
+        expect_within(decision.see({.lag = 6100, .height = 9}, 30));
+        decision.aim();
+        for (const int32_t onset : {DELAY_REACH + 111, DELAY_REACH - 40, 0, 5})
+            for (int32_t n = 0; n < 30; n++)
+                expect_within(decision.look({n, 9, onset}));
+    }
+    Decision above(0, 2, 128); // an onset that lies past the line's end is served from there
+    above.aim(6140, 5);
+    for (const int32_t updates : {1, 3})
+        above.look({updates, updates == 1 ? 9.0f : 11.0f, DELAY_REACH + 111});
+    EXPECT_EQ(above.record.applied, DELAY_REACH);
+}
+
+TEST(DelayDecision, KeepsABaseDelayThatServes)
+{
+    const struct {
+        int32_t base, lag, applied;
+    } CASES[] = {{2000, 502, 2000},  // the echo begins with the filter
+                 {2000, 564, 2000},  // ... a whole frame later
+                 {2000, 565, 2224},  // ... later than that
+                 {2000, 501, 1968}}; // ... before it
+    for (const auto &[base, lag, applied] : CASES) {
+        Decision decision(base);
+        decision.see({.lag = lag, .height = 9});
+        EXPECT_EQ(decision.see({}), applied) << lag;
+        EXPECT_EQ(decision.record.found, lag);
+    }
+}
+
+TEST(DelayDecision, LooksFinelyAtFreshPeaksThatAreTallEnough)
+{
+    EXPECT_FALSE(Decision().aim());
+    EXPECT_FALSE(Decision().aim(500, 3.4f));
+    EXPECT_FALSE(Decision().aim(500, 5, 0, 11));
+    Decision decision;
+    EXPECT_TRUE(decision.aim(500, 3.5f, 0, 10));
+    EXPECT_EQ(decision.record.target, 500);
+    EXPECT_FALSE(decision.aim(530, 5)) << "the same candidate";
+    EXPECT_EQ(decision.record.target, 500);
+    const nax::Peak peaks[] = {{5, 500, 0, 1}, {7.9f, 900, 0, 1}};
+    EXPECT_FALSE(nax::choose_target(decision.record, peaks, 2, 0)) << "not so much taller";
+    decision.look({6, 4.6f, 2000});
+    EXPECT_TRUE(nax::choose_target(decision.record, peaks, 2, 0)) << "it had its time";
+    EXPECT_EQ(decision.record.target, 900);
+}
+
+TEST(DelayDecision, LooksNowhereElseWhileThePathStands)
+{
+    Decision decision;
+    decision.see({.lag = 500, .height = 9});
+    EXPECT_TRUE(decision.aim(1500, 8, 4));
+    EXPECT_EQ(decision.record.target, 500);
+    EXPECT_FALSE(decision.aim(500 + nax::REFLECTION_LAGS, 8, 2));
+    EXPECT_FALSE(decision.aim(500 - nax::PATH_LAGS, 8, 2));
+    EXPECT_FALSE(decision.aim(1500, 5.3f, 3.9f));
+    EXPECT_TRUE(decision.aim(1500, 5.5f, 3.9f));
+    EXPECT_EQ(decision.record.target, 1500);
+}
+
+// What both signals share by chance is as tall at once as ever, and then decays.
+TEST(DelayDecision, VerifiesACandidateWhoseHeightGrows)
+{
+    const struct {
+        float first;
+        nax::Onset later;
+        float coarse_height;
+        bool verified;
+    } CASES[] = {
+        {6.5f, {3, 7.4f, 2000}, 8, false},   {6.5f, {3, 7.5f, 2000}, 8, true},
+        {6.5f, {6, 7.4f, 2000}, 8, false},   {6.5f, {7, 6.5f, 2000}, 8, true},
+        {6.6f, {7, 6.5f, 2000}, 8, false},   {6.5f, {2, 9.0f, 2000}, 8, false},
+        {5.0f, {3, 6.4f, 2000}, 9, false},   {5.0f, {3, 6.5f, 2000}, 7, false},
+        {5.0f, {3, 6.5f, 2000}, 7.3f, true}, {5.0f, {3, 9.8f, 2000}, 0, true},
+    };
+    for (const auto &[first, later, coarse_height, verified] : CASES) {
+        Decision decision;
+        decision.aim(500, 5);
+        decision.look({1, first, 2000}, coarse_height);
+        EXPECT_EQ(decision.look(later, coarse_height), verified ? 1984 : 0)
+            << first << ", " << later.height << " after " << later.updates;
+        EXPECT_EQ(decision.record.found, verified ? 500 : NONE);
+    }
+}
+
+TEST(DelayDecision, RefusesACandidateThatStaysLow)
+{
+    const struct {
+        int32_t updates;
+        float height;
+        bool refused;
+    } CASES[] = {
+        {5, 1, false}, {6, 4.4f, true}, {6, 4.6f, false}, {10, 5.6f, true}, {10, 5.8f, false}};
+    for (const auto &[updates, height, refused] : CASES) {
+        Decision decision;
+        decision.aim(500, 5);
+        decision.look({1, 4, 2000});
+        decision.look({updates, height, 2000});
+        decision.aim(512, 9);
+        EXPECT_EQ(decision.record.target == NONE, refused) << updates << ", " << height;
+        EXPECT_TRUE(decision.aim(600, 5)) << "another";
+    }
+}
+
+TEST(DelayDecision, GivesARefusedCandidateAnotherChanceAfterEightOthers)
+{
+    Decision decision;
+    for (int32_t n = 0; n <= 8; n++) {
+        EXPECT_TRUE(decision.aim(500 + 100 * n, 5));
+        decision.look({6, 1, 0});
+    }
+    decision.aim(600, 5);
+    EXPECT_EQ(decision.record.target, NONE);
+    EXPECT_TRUE(decision.aim(500, 5));
+}
+
+TEST(DelayDecision, LeavesAPathThatHasFallenForOneThatIsMuchTaller)
+{
+    const struct {
+        int32_t lag;
+        float height, followed, path;
+        int32_t frames;
+        bool left;
+    } CASES[] = {
+        {1250, 9, 5.0f, 5, 1, true},   {1250, 9, 6.1f, 5, 1, false}, // it has not fallen
+        {1250, 8, 5.8f, 5, 1, false},  {1250, 7, 3.9f, 0, 1, true},  // it is lost
+        {1250, 7, 4.0f, 0, 14, false}, {600, 9, 4.0f, 4, 3, false},
+        {600, 9, 4.0f, 4, 4, true}, // later: a reflection
+        {600, 9, 5.0f, 4, 9, false},   {600, 9, 4.0f, 5, 9, false},
+        {400, 9, 7.0f, 8, 3, false},   {400, 9, 7.0f, 8, 4, true}, // earlier: its arrival
+        {400, 9, 7.0f, 9, 9, false},   {400, 9, 5.0f, 9, 1, true},
+    };
+    for (const auto &[lag, height, followed, path, frames, left] : CASES) {
+        Decision decision;
+        decision.see({.lag = 500, .height = 9});
+        decision.see({.lag = 500, .height = 9, .followed = 10});
+        decision.see({.lag = lag, .height = height, .followed = followed, .path = path}, frames);
+        EXPECT_EQ(decision.record.found, left ? lag : 500)
+            << lag << ", " << height << " over " << followed << ", " << path << ", " << frames;
+    }
+}
+
+TEST(DelayDecision, KeepsASettledPathWhoseOnsetStandsWhenItIsDoubted)
+{
+    Decision decision = settled();
+    const Seen rival = {.lag = 1250, .height = 9, .followed = 2};
+    EXPECT_EQ(decision.see(rival), 1964);
+    EXPECT_TRUE(nax::is_urgent(decision.record));
+    EXPECT_TRUE(decision.aim(NONE, 0, 2)) << "evidence anew";
+    decision.look({1, 3, 2000}); // too little yet to say
+    EXPECT_TRUE(nax::is_urgent(decision.record));
+    decision.look({3, 4.5f, 2000});
+    EXPECT_EQ(decision.see(rival, 50), 1964);
+    EXPECT_FALSE(nax::is_urgent(decision.record)) << "calm for a while";
+    EXPECT_EQ(decision.see(rival, 20), 1964);
+    EXPECT_TRUE(nax::is_urgent(decision.record));
+}
+
+TEST(DelayDecision, LeavesASettledPathWhoseOnsetIsGoneWhenItIsDoubted)
+{
+    for (const nax::Onset &gone : {nax::Onset{3, 4.4f, 2000}, nax::Onset{3, 9, 2100}}) {
+        Decision decision = settled();
+        const Seen rival = {.lag = 1250, .height = 9, .followed = 2};
+        EXPECT_EQ(decision.see(rival), 1964);
+        EXPECT_EQ(decision.look(gone), 1964);
+        EXPECT_EQ(decision.see(rival), 4864);
+    }
+}
+
+TEST(DelayDecision, MovesToAnOnsetThatTheFilterWouldMiss)
+{
+    const struct {
+        int32_t onset, applied;
+    } CASES[] = {{1969, 1953},
+                 {1970, 1964},
+                 {2100, 1964},  // within the filter
+                 {2208, 2192}}; // half a frame of tail to win
+    for (const auto &[onset, applied] : CASES) {
+        Decision decision;
+        decision.see({.lag = 500, .height = 9});
+        decision.aim(NONE, 0, 9);
+        EXPECT_EQ(decision.look({1, 8, onset}), 1964);
+        decision.look({3, 8, onset});
+        EXPECT_EQ(decision.see({}), applied) << onset;
+    }
+}
+
+TEST(DelayDecision, IsInAHurryUntilItHasSettled)
+{
+    Decision decision;
+    EXPECT_FALSE(nax::is_urgent(decision.record)) << "nothing to look at";
+    EXPECT_TRUE(nax::is_searching(decision.record, 9));
+    decision.aim(500, 5);
+    EXPECT_TRUE(nax::is_urgent(decision.record));
+    const float keep_of_candidate = nax::look_keep(decision.record);
+    decision.see({.lag = 500, .height = 9});
+    decision.aim(NONE, 0, 9);
+    EXPECT_FALSE(nax::is_searching(decision.record, 4));
+    EXPECT_TRUE(nax::is_searching(decision.record, 3.9f));
+    EXPECT_LT(nax::look_keep(decision.record), keep_of_candidate);
+    EXPECT_TRUE(nax::is_urgent(decision.record));
+    Decision tired = decision;
+    tired.look({12, 4, 2000});
+    EXPECT_FALSE(nax::is_urgent(tired.record));
+    decision.look({1, 8, 2000});
+    EXPECT_TRUE(nax::is_urgent(decision.record));
+    decision.look({3, 8, 2000});
+    EXPECT_FALSE(nax::is_urgent(decision.record));
+}
