@@ -73,11 +73,7 @@ static constexpr float IN_HAND = 1.6f;
 // and the coarse search may take a reflection for the arrival.
 static constexpr int32_t COARSE_MARGIN_LAGS = 9; // 2.25 ms
 static constexpr int32_t FINE_MARGIN_LAGS = 4;   // 1 ms
-static constexpr int32_t SHARE1 = 33;
-static constexpr int32_t SHARE2 = 53;
-static constexpr int32_t SHARE4 = 67;
-static constexpr int32_t SHARE6 = 80;
-static constexpr int32_t LATE_EIGHTHS_MS = 3; // nearer to the delay than this is late
+static constexpr int32_t LATE_EIGHTHS_MS = 3;    // nearer to the delay than this is late
 
 void delay_decision_init(DelayDecision &decision, int32_t decimation, int32_t frame, int32_t base)
 {
@@ -182,17 +178,17 @@ bool choose_target(DelayDecision &decision, const Peak *peaks, int32_t count, fl
 // by as much as the delay falls short of the arrival; a delay that is not a whole number
 // of frames is read with a silent end once per lap of the line, shorter the nearer the
 // delay comes to the next whole frame, and the more often the fewer frames the line
-// holds. Past this share of a frame the silence costs less than the tail.
+// holds. Below a share of a frame past a whole one the tail costs less than the silence:
+// a third at 8 kHz, half at 16, four fifths at 48.
 static int32_t delay_for(const DelayDecision &decision, int32_t arrival, int32_t margin_lags)
 {
     const int32_t exact = std::clamp(arrival - margin_lags * decision.decimation, 0, DELAY_REACH);
     const int32_t past_whole_frame = exact % decision.frame;
-    const int32_t percent = decision.frame <= 128   ? SHARE1
-                            : decision.frame <= 256 ? SHARE2
-                            : decision.frame <= 512 ? SHARE4
-                                                    : SHARE6;
-    const bool whole = 100 * past_whole_frame < percent * decision.frame;
-    return whole ? exact - past_whole_frame : exact;
+    const int32_t percent = decision.decimation <= 2   ? 33
+                            : decision.decimation <= 4 ? 53
+                            : decision.decimation <= 8 ? 67
+                                                       : 80;
+    return 100 * past_whole_frame < percent * decision.frame ? exact - past_whole_frame : exact;
 }
 
 // Whether the echo lies before the filter, or in its first hair's breadth.
@@ -224,7 +220,10 @@ static bool is_believable(const DelayDecision &decision, const Sight &sight)
         decision.verifying && is_near(sight.lag, decision.target, CANDIDATE_LAGS) &&
         (decision.look.updates >= LEAST_UPDATES ? decision.look.height >= OBJECTION_HEIGHT
                                                 : decision.look.height >= CERTAIN_HEIGHT);
-    const bool lost = decision.found != NONE && sight.followed < STANDING_HEIGHT;
+    // What is no longer heard cannot object, except to its own reflections.
+    const int32_t later = sight.lag - decision.found;
+    const bool reflection = later > 0 && later <= REFLECTION_LAGS;
+    const bool lost = decision.found != NONE && sight.followed < STANDING_HEIGHT && !reflection;
     return sure && (confirmed || lost || decision.sightings >= STUBBORN_SIGHTINGS);
 }
 
@@ -248,17 +247,16 @@ static int32_t decide_coarsely(DelayDecision &decision, const Sight &sight)
         decision.suspect != NONE && is_near(sight.lag, decision.suspect, SAME_LAGS);
     decision.sightings = seen_before ? decision.sightings + 1 : 1;
     if (!seen_before) decision.suspect = sight.lag;
+    decision.strongest = std::max(sight.followed, STRONGEST_DECAY * decision.strongest);
+    const bool same_path = decision.found != NONE && is_near(sight.lag, decision.found, PATH_LAGS);
+    if (!same_path && is_settled(decision)) {
+        if (sight.height >= LIKELY_HEIGHT && sight.height > sight.followed) doubt(decision, false);
+        return decision.applied;
+    }
     if (sight.rival >= RIVAL_SHARE * sight.height) return decision.applied;
 
-    decision.strongest = std::max(sight.followed, STRONGEST_DECAY * decision.strongest);
-
     const int32_t arrival = sight.lag * decision.decimation;
-    if (decision.found == NONE || !is_near(sight.lag, decision.found, PATH_LAGS)) {
-        if (is_settled(decision)) {
-            if (sight.height >= LIKELY_HEIGHT && sight.height > sight.followed)
-                doubt(decision, false);
-            return decision.applied;
-        }
+    if (!same_path) {
         if (!is_believable(decision, sight) || !beats_path_followed(decision, sight))
             return decision.applied;
         return follow(decision, sight.lag, arrival, COARSE_MARGIN_LAGS);
@@ -369,13 +367,13 @@ int32_t decide(DelayDecision &decision, const Sight &sight, const Onset *onset)
         return decision.applied;
     }
     int32_t wanted = decision.applied;
-    if (sight.news) wanted = decide_coarsely(decision, sight);
-    if (onset && wanted == decision.applied) {
+    if (onset) { // first, because it may clear the way for the coarse search
         const int32_t before = decision.look.lag;
         decision.look = *onset;
         wanted = decision.verifying ? verify(decision, *onset, sight.target)
                                     : settle(decision, *onset, before);
     }
+    if (sight.news && wanted == decision.applied) wanted = decide_coarsely(decision, sight);
     move_to(decision, wanted);
     return decision.applied;
 }
