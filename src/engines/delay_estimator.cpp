@@ -47,6 +47,7 @@ struct Work {
     int32_t refs;
     int32_t settled_period;
     int32_t urgent_period;
+    float followed; // latest height at the path that is followed
     int32_t tick;   // frames
     int32_t rested; // frames since the last fine look
     int32_t credit; // frames' worth of looks in a hurry
@@ -127,9 +128,9 @@ static bool is_look_due(Work &work)
 
 // Looks finely at the target. Returns whether there is an onset to decide on: after
 // every other look, because the transform back costs as much as half of one.
-static bool look(Work &work, float followed, Onset &onset)
+static bool look(Work &work, Onset &onset)
 {
-    if (choose_target(work.decision, work.peaks.peaks, work.peaks.partitions, followed))
+    if (choose_target(work.decision, work.peaks.peaks, work.peaks.partitions, work.followed))
         arrival_aim(work.arrival, work.decision.target * work.decision.decimation);
     if (!is_look_due(work)) return false;
     if (!arrival_update(work.arrival, look_keep(work.decision))) return false;
@@ -151,18 +152,16 @@ static void take_in(Work &work, const int16_t *mic_frame, const int16_t *ref_fra
     decimate(work.mic, mic, slow_mic);
 
     const DelayDecision &decision = work.decision;
-    const auto followed = [&work, &decision] {
-        return decision.found == NONE ? 0 : height_at(work.peaks, work.cross, decision.found);
-    };
-    const bool searching = is_searching(decision, followed());
-    const Memory memory = searching ? Memory::LONG : Memory::SHORT;
+    const Memory memory = is_searching(decision, work.followed) ? Memory::LONG : Memory::SHORT;
     Sight sight = {};
     Onset onset;
     bool looked = false;
     if (cross_spectrum_update(work.cross, slow_ref, slow_mic, memory)) {
         lag_peaks_search(work.peaks, work.cross,
                          decision.found == NONE ? SEARCHING_TRANSFORMS : HOLDING_TRANSFORMS);
-        sight.followed = followed();
+        work.followed =
+            decision.found == NONE ? 0 : height_at(work.peaks, work.cross, decision.found);
+        sight.followed = work.followed;
         if (const Peak *top = tallest_peak(work.peaks); top && top->age == 0) {
             sight.news = true;
             sight.lag = top->lag;
@@ -170,7 +169,7 @@ static void take_in(Work &work, const int16_t *mic_frame, const int16_t *ref_fra
             sight.rival = tallest_rival(work.peaks, work.cross, top->lag);
             sight.path = tallest_within(work.peaks, decision.found, PATH_LAGS);
         }
-        looked = look(work, sight.followed, onset);
+        looked = look(work, onset);
         sight.target = tallest_within(work.peaks, decision.target, CANDIDATE_LAGS);
     }
     decide(work.decision, sight, looked ? &onset : nullptr);
