@@ -159,11 +159,11 @@ static void take_in(Work &work, const int16_t *mic_frame, const int16_t *ref_fra
     if (cross_spectrum_update(work.cross, slow_ref, slow_mic, memory)) {
         lag_peaks_search(work.peaks, work.cross,
                          decision.found == NONE ? SEARCHING_TRANSFORMS : HOLDING_TRANSFORMS);
-        work.followed =
-            decision.found == NONE ? 0 : height_at(work.peaks, work.cross, decision.found);
-        sight.followed = work.followed;
         if (const Peak *top = tallest_peak(work.peaks); top && top->age == 0) {
+            work.followed =
+                decision.found == NONE ? 0 : height_at(work.peaks, work.cross, decision.found);
             sight.news = true;
+            sight.followed = work.followed;
             sight.lag = top->lag;
             sight.height = top->height;
             sight.rival = tallest_rival(work.peaks, work.cross, top->lag);
