@@ -92,12 +92,12 @@ TEST(CrossSpectrum, LearnsNothingFromSilenceOnEitherSide)
 {
     Search search(500);
     search.hear(100, {});
-    search.hear(1, {.echo = 0.0, .near = 0.0}); // the blocks overlap
+    search.hear(1, {.echo = 0.0, .near = 4.0}); // the blocks overlap
     const float height = search.height(500);
-    EXPECT_EQ(search.hear(50, {.echo = 0.0, .near = 0.0}), 0);
+    EXPECT_EQ(search.hear(50, {.echo = 0.0, .near = 4.0}), 0); // -83 dB of full scale
     EXPECT_EQ(search.height(500), height);
-    search.hear(60, {.far = 0.0, .echo = 0.0, .near = 0.0}); // out of the past
-    EXPECT_EQ(search.hear(50, {.far = 0.0}), 0);
+    search.hear(60, {.far = 60.0, .echo = 0.0, .near = 4.0}); // out of the past
+    EXPECT_EQ(search.hear(50, {.far = 60.0}), 0);             // 43 dB below what was loud
     EXPECT_EQ(search.height(500), height);
 }
 

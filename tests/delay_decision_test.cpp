@@ -270,6 +270,8 @@ TEST(DelayDecision, LeavesAPathThatHasFallenForOneThatIsMuchTaller)
         {600, 9, 5.0f, 4, 9, false},   {600, 9, 4.0f, 5, 9, false},
         {400, 9, 7.0f, 8, 3, false},   {400, 9, 7.0f, 8, 4, true}, // earlier: its arrival
         {400, 9, 7.0f, 9, 9, false},   {400, 9, 5.0f, 9, 1, true},
+        {600, 7, 3.0f, 3, 14, false},  {600, 7, 3.0f, 3, 15, true},
+        {400, 7, 3.9f, 0, 1, true},
     };
     for (const auto &[lag, height, followed, path, frames, left] : CASES) {
         Decision decision;
@@ -308,22 +310,117 @@ TEST(DelayDecision, LeavesASettledPathWhoseOnsetIsGoneWhenItIsDoubted)
     }
 }
 
+TEST(DelayDecision, APeakWithRivalsDoubtsASettledPathAndTakesNothingOver)
+{
+    Decision decision = settled();
+    const Seen one_of_many = {.lag = 1250, .height = 9, .rival = 8.5f, .followed = 2};
+    decision.see(one_of_many);
+    EXPECT_TRUE(nax::is_urgent(decision.record));
+    decision.look({3, 1, 2000});
+    EXPECT_EQ(decision.see(one_of_many, 50), 1964);
+    EXPECT_EQ(decision.see({.lag = 1250, .height = 9, .followed = 2}), 4864);
+}
+
+TEST(DelayDecision, HearsTheFineLookBeforeTheCoarseSearch)
+{
+    const nax::Sight elsewhere = Seen{.lag = 1250, .height = 9, .followed = 2, .target = 8};
+    Decision leaving = settled();
+    leaving.see({.lag = 1250, .height = 9, .followed = 2});
+    const nax::Onset gone = {3, 1, 2000};
+    EXPECT_EQ(nax::decide(leaving.record, elsewhere, &gone), 4864);
+
+    Decision verified;
+    verified.aim(500, 5);
+    verified.look({1, 6, 2000});
+    const nax::Onset grown = {3, 8, 2000};
+    EXPECT_EQ(nax::decide(verified.record, elsewhere, &grown), 1984);
+}
+
 TEST(DelayDecision, MovesToAnOnsetThatTheFilterWouldMiss)
 {
     const struct {
-        int32_t onset, applied;
-    } CASES[] = {{1969, 1953},
-                 {1970, 1964},
-                 {2100, 1964},  // within the filter
-                 {2208, 2192}}; // half a frame of tail to win
-    for (const auto &[onset, applied] : CASES) {
+        int32_t onset, applied, found;
+    } CASES[] = {{1969, 1953, 500},
+                 {1970, 1964, 500},
+                 {2100, 1964, 525},  // within the filter
+                 {2208, 2192, 552}}; // half a frame of tail to win
+    for (const auto &[onset, applied, found] : CASES) {
         Decision decision;
         decision.see({.lag = 500, .height = 9});
         decision.aim(NONE, 0, 9);
         EXPECT_EQ(decision.look({1, 8, onset}), 1964);
         decision.look({3, 8, onset});
         EXPECT_EQ(decision.see({}), applied) << onset;
+        EXPECT_EQ(decision.record.found, found) << onset;
     }
+}
+
+// The fewer frames the line holds, the more often a delay between frames is heard.
+TEST(DelayDecision, PrefersAWholeNumberOfFramesWhereThatLosesLittleTail)
+{
+    const struct {
+        int32_t decimation, frame, past_whole; // the most that is let go
+    } CASES[] = {{2, 128, 42}, {4, 256, 135}, {8, 512, 343}, {12, 768, 614}};
+    for (const auto &[decimation, frame, past_whole] : CASES)
+        for (const int32_t more : {0, 1}) {
+            Decision decision(0, decimation, frame);
+            const int32_t exact = 5 * frame + past_whole + more;
+            const int32_t onset = exact + 4 * decimation;
+            decision.aim(onset / decimation, 5);
+            decision.look({1, 8, onset});
+            EXPECT_EQ(decision.look({3, 10, onset}), more ? exact : 5 * frame) << frame;
+        }
+}
+
+// An earlier peak within the path doubts it, soon when it stands taller than the path and
+// before the filter; then the onset has to stand taller, too.
+TEST(DelayDecision, LooksAgainWhenAnEarlierPeakStaysWithinASettledPath)
+{
+    const struct {
+        float followed;
+        int32_t frames;
+        float height;
+        bool moved;
+    } CASES[] = {
+        {8, 4, 6.4f, true}, {8, 4, 6.5f, false}, {9.5f, 24, 4.4f, true}, {9.5f, 24, 4.5f, false}};
+    for (const auto &[followed, frames, height, moved] : CASES) {
+        SCOPED_TRACE(testing::Message() << followed << ", " << height);
+        Decision decision = settled();
+        const Seen earlier = {.lag = 480, .height = 9, .followed = followed};
+        decision.see(earlier, frames - 1);
+        EXPECT_FALSE(nax::is_urgent(decision.record));
+        EXPECT_EQ(decision.see(earlier), 1964);
+        EXPECT_TRUE(nax::is_urgent(decision.record));
+        decision.look({3, height, 2000});
+        EXPECT_EQ(decision.see(earlier, 2), moved ? 1792 : 1964);
+    }
+    Decision decision = settled();
+    decision.see({.lag = 492, .height = 9, .followed = 8}, 50); // hardly earlier
+    EXPECT_FALSE(nax::is_urgent(decision.record));
+}
+
+TEST(DelayDecision, MovesForTailAloneWhenItIsSureThatNoOnsetIsEarlier)
+{
+    Decision rough;
+    EXPECT_EQ(rough.see({.lag = 490, .height = 9}), 1792);
+    const Seen later = {.lag = 530, .height = 9, .followed = 8};
+    EXPECT_EQ(rough.see(later, 11), 1792);
+    EXPECT_EQ(rough.see(later, 2), 2048);
+
+    Decision placed = settled();
+    for (int32_t updates = 4; updates < 4 + 23; updates++)
+        EXPECT_EQ(placed.look({updates, 8, 2208}), 1964);
+    placed.look({27, 8, 2208});
+    EXPECT_EQ(placed.see({}), 2192);
+
+    Decision misled = settled(); // by the coarse search, away from an onset that comes back
+    misled.see({.lag = 480, .height = 9, .followed = 8}, 4);
+    misled.look({3, 4, 2000});
+    EXPECT_EQ(misled.see({.lag = 480, .height = 9, .followed = 8}, 2), 1792);
+    for (int32_t updates = 4; updates < 4 + 5; updates++)
+        EXPECT_EQ(misled.look({updates, 8, 2000}), 1792);
+    misled.look({9, 8, 2000});
+    EXPECT_EQ(misled.see({}), 1984);
 }
 
 TEST(DelayDecision, IsInAHurryUntilItHasSettled)

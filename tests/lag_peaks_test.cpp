@@ -85,18 +85,33 @@ TEST_F(LagPeaks, HeightAtALagIsThatOfItsPeakWithoutATransform)
     }
 }
 
-TEST_F(LagPeaks, LooksAtTheMostPromisingPartitionFirst)
+TEST_F(LagPeaks, LooksAtTheMostPromisingPartitionFirstAndThenAtOthers)
 {
-    add_echo(4 * HOP, 1);
-    add_echo(8 * HOP, 2);
-    add_echo(12 * HOP, 1);
+    add_echo(5 * HOP, 1);
+    add_echo(9 * HOP, 2);
+    add_echo(14 * HOP, 1);
+    search(4, 0);
     search(1, 1);
-    EXPECT_EQ(tallest_lag(), 8 * HOP);
-    EXPECT_EQ(nax::tallest_within(peaks, 4 * HOP, 10), 0);
-    search(1, 1);
-    search(1, 1);
-    EXPECT_GT(nax::tallest_within(peaks, 4 * HOP, 10), 0);
-    EXPECT_GT(nax::tallest_within(peaks, 12 * HOP, 10), 0);
+    EXPECT_EQ(tallest_lag(), 9 * HOP);
+    EXPECT_EQ(nax::tallest_within(peaks, 5 * HOP, 10), 0);
+    for (int32_t n = 0; n < 2; n++) {
+        add_echo(9 * HOP, 0.1f); // again the most promising
+        search(1, 1);
+    }
+    EXPECT_GT(nax::tallest_within(peaks, 5 * HOP, 10), 0);
+    EXPECT_GT(nax::tallest_within(peaks, 14 * HOP, 10), 0);
+}
+
+TEST_F(LagPeaks, FindsNoEchoThatComesBeforeItsSound)
+{
+    add_echo(-20, 3);
+    add_echo(640, 2);
+    search(4);
+    EXPECT_EQ(tallest_lag(), 640);
+    add_echo(3, 8);
+    add_echo(-3, 6);
+    search(4);
+    EXPECT_EQ(tallest_lag(), 3);
 }
 
 TEST_F(LagPeaks, TakesTheFirstLagThatIsNearlyAsTallForTheArrival)
