@@ -120,8 +120,11 @@ TEST_F(LagPeaks, TakesTheFirstLagThatIsNearlyAsTallForTheArrival)
     add_echo(640 - 5, 0.75f);
     add_echo(1280 + 15, 2);
     add_echo(1280 - 5, 1);
+    add_echo(25, 1);
+    add_echo(5, 0.75f);
     search(4);
     EXPECT_EQ(peaks.peaks[10].lag, 640 - 5);
+    EXPECT_EQ(peaks.peaks[0].lag, 5);
     EXPECT_EQ(peaks.peaks[20].lag, 1280 + 15);
 }
 
