@@ -116,6 +116,8 @@ Instance *wrap_make_canceller(int32_t frame, int32_t filter, int32_t mics, int32
                        [=] { return real_make_canceller(frame, filter, mics, refs, rate); });
 }
 
+static bool making_estimator;
+
 #define MAKE_ESTIMATOR "_ZN3nax13AEC_DelayInitEiiiiiiPi"
 int32_t real_make_estimator(int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t *)
     REAL(MAKE_ESTIMATOR);
@@ -124,18 +126,21 @@ int32_t wrap_make_estimator(int32_t, int32_t, int32_t, int32_t, int32_t, int32_t
 int32_t wrap_make_estimator(int32_t enable, int32_t rate, int32_t half_frame, int32_t mics,
                             int32_t base, int32_t refs, int32_t *state)
 {
-    return noting_heap(heap_parts.estimator, [=] {
+    making_estimator = true;
+    const int32_t result = noting_heap(heap_parts.estimator, [=] {
         return real_make_estimator(enable, rate, half_frame, mics, base, refs, state);
     });
+    making_estimator = false;
+    return result;
 }
 
-// The delay lines are the only buffers of their size.
+// The delay lines are the only buffers of their size but for the estimator's own.
 #define CALLOC "calloc"
 void *real_calloc(size_t, size_t) REAL(CALLOC);
 void *wrap_calloc(size_t, size_t) WRAP(CALLOC);
 void *wrap_calloc(size_t count, size_t size)
 {
     size_t other = 0;
-    const bool line = size == sizeof(int16_t) && count >= 12288;
+    const bool line = size == sizeof(int16_t) && count >= 12288 && !making_estimator;
     return noting_heap(line ? heap_parts.lines : other, [=] { return real_calloc(count, size); });
 }
