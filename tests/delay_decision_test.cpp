@@ -263,8 +263,10 @@ TEST(DelayDecision, LeavesAPathThatHasFallenForOneThatIsMuchTaller)
         int32_t frames;
         bool left;
     } CASES[] = {
-        {1250, 9, 5.0f, 5, 1, true},   {1250, 9, 6.1f, 5, 1, false}, // it has not fallen
-        {1250, 8, 5.8f, 5, 1, false},  {1250, 7, 3.9f, 0, 1, true},  // it is lost
+        {1250, 9, 5.0f, 5, 1, true},   {1250, 9, 6.1f, 5, 1, true},
+        {1250, 12, 7.5f, 5, 1, false}, // it has not fallen
+        {1250, 19, 7.5f, 5, 1, true},  {1250, 8, 5.8f, 5, 1, false},
+        {1250, 7, 3.9f, 0, 1, true}, // it is lost
         {1250, 7, 4.0f, 0, 14, false}, {600, 9, 4.0f, 4, 3, false},
         {600, 9, 4.0f, 4, 4, true}, // later: a reflection
         {600, 9, 5.0f, 4, 9, false},   {600, 9, 4.0f, 5, 9, false},

@@ -17,7 +17,7 @@ enum { MAX_FILES = 16 };
 
 int16_t *allocate(size_t samples)
 {
-    int16_t *memory = calloc(samples, sizeof *memory);
+    int16_t *memory = calloc(samples > 0 ? samples : 1, sizeof *memory);
     if (!memory) fail(STATUS_FAILED, "memory", "cannot get room for %zu samples", samples);
     return memory;
 }
@@ -128,7 +128,7 @@ void open_source(struct source *source, const struct options *options)
     *source = (struct source){.files = options->in_count};
     const int all = open_files(source, options);
     const int picked = options->picked.mics + options->picked.refs;
-    source->map = calloc((size_t)(all > picked ? all : picked), sizeof *source->map);
+    source->map = calloc(1 + (size_t)(all > picked ? all : picked), sizeof *source->map);
     if (!source->map) fail(STATUS_FAILED, "memory", "cannot get room for %d channels", all);
     (picked > 0 ? pick_channels : take_all_channels)(source, options, all);
     check_words(source, options);

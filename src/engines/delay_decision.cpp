@@ -22,7 +22,8 @@ static constexpr float RIVAL_SHARE = 0.7f;
 // A path that was found gives way only to one so much taller; to one that may be its
 // reflection only when that is seen several times.
 static constexpr float BEAT = 1.4f;
-static constexpr float FALLEN_SHARE = 0.6f; // of its strongest; a tone's ghosts leave it standing
+static constexpr float TALL_BEAT = 2.5f;    // where it stands as tall as ever: tones have ghosts
+static constexpr float FALLEN_SHARE = 0.6f; // of its strongest
 static constexpr float STRONGEST_DECAY = 0.995f; // per sight
 static constexpr float REFLECTION_BEAT = 2;
 static constexpr int32_t REFLECTION_SIGHTINGS = 4;
@@ -117,6 +118,7 @@ static void doubt(DelayDecision &decision, bool feared_late)
     if (decision.doubted || decision.calm > 0) return;
     decision.doubted = true;
     decision.stale = true;
+    decision.stood_at = decision.look.lag;
     decision.feared_late = feared_late;
 }
 
@@ -235,8 +237,9 @@ static bool beats_path_followed(const DelayDecision &decision, const Sight &sigh
         return sight.height >
                (later > 0 ? REFLECTION_BEAT : 1) * std::max(sight.followed, sight.path);
     if (later > 0 && later <= REFLECTION_LAGS) return false;
-    return sight.height > BEAT * sight.followed &&
-           sight.followed < FALLEN_SHARE * decision.strongest;
+    const bool fallen =
+        sight.followed < SURE_HEIGHT || sight.followed < FALLEN_SHARE * decision.strongest;
+    return sight.height > (fallen ? BEAT : TALL_BEAT) * sight.followed;
 }
 
 // Takes up an echo path, or a better place within the one that is followed, from the
@@ -308,19 +311,21 @@ static int32_t verify(DelayDecision &decision, const Onset &onset, float coarse_
 static int32_t settle(DelayDecision &decision, const Onset &onset, int32_t before)
 {
     const int32_t quarter_ms = decision.frame / 64;
-    const bool same = is_near(onset.lag, before, quarter_ms);
     if (decision.doubted) {
         if (onset.updates < DOUBT_UPDATES) return decision.applied;
         decision.doubted = false;
         decision.calm = CALM_FRAMES;
         const float least = decision.feared_late ? SETTLED_HEIGHT : DOUBT_HEIGHT;
-        if (!same || onset.height < least) decision.agreements = 0;
+        const bool stands =
+            onset.height >= least && is_near(onset.lag, decision.stood_at, quarter_ms);
+        if (!stands) decision.agreements = 0;
         return decision.applied;
     }
     if (onset.height < SETTLED_HEIGHT) {
         if (onset.height < SETTLED_HEIGHT / 2) decision.agreements = 0;
         return decision.applied;
     }
+    const bool same = is_near(onset.lag, before, quarter_ms);
     decision.agreements = decision.agreements > 0 && same ? decision.agreements + 1 : 1;
     if (!is_settled(decision)) return decision.applied;
 

@@ -48,6 +48,7 @@ struct DelayDecision {
     bool placed;               // the fine look has settled since that path was taken up
     bool doubted;              // the coarse search would leave that path
     bool stale;                // the fine evidence is to be gathered anew
+    int32_t stood_at;          // onset that it was settled at then
     bool feared_late;          // the doubt says that the echo lies before the filter
     int32_t calm;              // frames until it may be doubted again
     int32_t refused[REFUSALS]; // candidates that the fine look turned down, a ring

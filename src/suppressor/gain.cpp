@@ -25,10 +25,11 @@ static constexpr float KEEP_POWER = 0.97f; // 0.94 to 0.97 do alike
 static constexpr float OVER_ALONE = 30;                        // 20 to 60 do alike
 static constexpr float FLOOR_ALONE = 0.01f, FLOOR_NEAR = 0.1f; // to 0.03; from 0.03
 static constexpr int32_t STEPS = 32;
+static constexpr size_t POINTS = STEPS + 1;
 
 // a^(1 - i / STEPS), by repeated multiplication, for want of a power function that gives
 // the same bits on every processor.
-static constexpr std::array<float, STEPS + 1> powers(double a)
+static constexpr std::array<float, POINTS> powers(double a)
 {
     double root = 1 + (a - 1) / STEPS; // the STEPS-th root of a, by Newton's method
     for (int32_t n = 0; n < 100; n++) {
@@ -37,16 +38,16 @@ static constexpr std::array<float, STEPS + 1> powers(double a)
             power *= root;
         root -= (root * power - a) / (STEPS * power);
     }
-    std::array<float, STEPS + 1> table = {};
+    std::array<float, POINTS> table = {};
     double power = 1;
     for (int32_t i = STEPS; i >= 0; i--, power *= root)
         table[static_cast<size_t>(i)] = static_cast<float>(power);
     return table;
 }
-static constexpr std::array<float, STEPS + 1> OVER = powers(OVER_ALONE);
-static constexpr std::array<float, STEPS + 1> FLOOR = powers(FLOOR_ALONE / FLOOR_NEAR);
+static constexpr std::array<float, POINTS> OVER = powers(OVER_ALONE);
+static constexpr std::array<float, POINTS> FLOOR = powers(FLOOR_ALONE / FLOOR_NEAR);
 
-static float between(const std::array<float, STEPS + 1> &table, float near)
+static float between(const std::array<float, POINTS> &table, float near)
 {
     const float at = near * STEPS;
     const size_t i = std::min(static_cast<size_t>(at), size_t{STEPS - 1});
