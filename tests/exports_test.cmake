@@ -25,7 +25,7 @@ endforeach()
 list(JOIN NEEDED "|" needed)
 # On ARM the stack protector's word is kept by the loader.
 foreach(line IN LISTS lines)
-    if(NOT line MATCHES "\\[(lib(${needed}|m|c)|ld-linux-armhf)\\.so\\.[0-9]+\\]")
+    if(NOT line MATCHES "\\[(lib(${needed}|m|c)|ld-linux-(armhf|aarch64))\\.so\\.[0-9]+\\]")
         message(SEND_ERROR "needed, but should not be: ${line}")
     endif()
 endforeach()
