@@ -33,7 +33,7 @@ struct Decision {
     {
         for (int32_t n = 0; n < frames; n++)
             nax::decide(record, seen, nullptr);
-        return record.applied;
+        return record.applied.now;
     }
 
     // A fine look, in a frame without news.
@@ -61,7 +61,7 @@ Decision settled()
     EXPECT_TRUE(decision.aim(NONE, 0, 10));
     decision.look({1, 8, 2000});
     decision.look({3, 8, 2000});
-    EXPECT_EQ(decision.record.applied, 1964);
+    EXPECT_EQ(decision.record.applied.now, 1964);
     return decision;
 }
 
@@ -137,7 +137,7 @@ TEST(DelayDecision, StaysWithinTheLineWhateverTheBaseDelayOrTheOnset)
             EXPECT_GE(applied, 0);
             EXPECT_LE(applied, DELAY_REACH);
         };
-        expect_within(decision.record.applied);
+        expect_within(decision.record.applied.now);
         expect_within(decision.see({}));
         expect_within(decision.see({.lag = 6143, .height = 9}));
         expect_within(decision.see({.lag = 6100, .height = 9}, 30));
@@ -150,7 +150,7 @@ TEST(DelayDecision, StaysWithinTheLineWhateverTheBaseDelayOrTheOnset)
     above.aim(6140, 5);
     for (const int32_t updates : {1, 3})
         above.look({updates, updates == 1 ? 9.0f : 11.0f, DELAY_REACH + 111});
-    EXPECT_EQ(above.record.applied, DELAY_REACH);
+    EXPECT_EQ(above.record.applied.now, DELAY_REACH);
 }
 
 TEST(DelayDecision, KeepsABaseDelayThatServes)

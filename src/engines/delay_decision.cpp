@@ -1,8 +1,6 @@
 // docs/experiments.md has the comparisons behind the numbers.
 #include "engines/delay_decision.h"
 
-#include "engines/delay_estimator.h"
-
 #include <algorithm>
 #include <cstdlib>
 
@@ -72,18 +70,14 @@ static constexpr float IN_HAND = 1.6f;
 // The reference is held back by so much less than the arrival. Held back too much by a
 // hair the canceller loses half of what it removes, too little by 2 ms next to nothing,
 // and the coarse search may take a reflection for the arrival.
-static constexpr int32_t COARSE_MARGIN_LAGS = 9; // 2.25 ms
-static constexpr int32_t FINE_MARGIN_LAGS = 4;   // 1 ms
-static constexpr int32_t LATE_EIGHTHS_MS = 3;    // nearer to the delay than this is late
+static constexpr int32_t COARSE_MARGIN = 9; // 2.25 ms
+static constexpr int32_t FINE_MARGIN = 4;   // 1 ms
 
 void delay_decision_init(DelayDecision &decision, int32_t decimation, int32_t frame, int32_t base)
 {
     decision = {};
+    applied_delay_init(decision.applied, decimation, frame, base);
     decision.decimation = decimation;
-    decision.frame = frame;
-    decision.base = base;
-    decision.applied = std::clamp(base, 0, DELAY_REACH);
-    decision.pending = NONE;
     decision.found = NONE;
     decision.suspect = NONE;
     decision.target = NONE;
@@ -176,40 +170,14 @@ bool choose_target(DelayDecision &decision, const Peak *peaks, int32_t count, fl
     return target != NONE;
 }
 
-// Delay to apply for an echo that arrives after so many samples. The filter loses tail
-// by as much as the delay falls short of the arrival; a delay that is not a whole number
-// of frames is read with a silent end once per lap of the line, shorter the nearer the
-// delay comes to the next whole frame, and the more often the fewer frames the line
-// holds. Below a share of a frame past a whole one the tail costs less than the silence:
-// a third at 8 kHz, half at 16, four fifths at 48.
-static int32_t delay_for(const DelayDecision &decision, int32_t arrival, int32_t margin_lags)
-{
-    const int32_t exact = std::clamp(arrival - margin_lags * decision.decimation, 0, DELAY_REACH);
-    const int32_t past_whole_frame = exact % decision.frame;
-    const int32_t percent = decision.decimation <= 2   ? 33
-                            : decision.decimation <= 4 ? 53
-                            : decision.decimation <= 8 ? 67
-                                                       : 80;
-    return 100 * past_whole_frame < percent * decision.frame ? exact - past_whole_frame : exact;
-}
-
-// Whether the echo lies before the filter, or in its first hair's breadth.
-static bool is_late(const DelayDecision &decision, int32_t arrival)
-{
-    const int32_t eighth_ms = decision.frame / 128;
-    return arrival - decision.applied < LATE_EIGHTHS_MS * eighth_ms;
-}
-
-// Follows a path from now on; returns the delay wanted for it. A base delay that serves
-// is the caller's wish and stays.
-static int32_t follow(DelayDecision &decision, int32_t lag, int32_t arrival, int32_t margin_lags)
+// Follows a path from now on; returns the delay wanted for it.
+static int32_t follow(DelayDecision &decision, int32_t lag, int32_t arrival, int32_t margin)
 {
     decision.found = lag;
     decision.placed = false;
     decision.strongest = 0;
-    const bool base_serves = !decision.moved && decision.base > 0 && !is_late(decision, arrival) &&
-                             arrival - decision.applied <= decision.frame;
-    return base_serves ? decision.applied : delay_for(decision, arrival, margin_lags);
+    const AppliedDelay &applied = decision.applied;
+    return does_base_serve(applied, arrival) ? applied.now : delay_for(applied, arrival, margin);
 }
 
 // Whether the coarse search may be believed about a new path.
@@ -254,15 +222,15 @@ static int32_t decide_coarsely(DelayDecision &decision, const Sight &sight)
     const bool same_path = decision.found != NONE && is_near(sight.lag, decision.found, PATH_LAGS);
     if (!same_path && is_settled(decision)) {
         if (sight.height >= LIKELY_HEIGHT && sight.height > sight.followed) doubt(decision, false);
-        return decision.applied;
+        return decision.applied.now;
     }
-    if (sight.rival >= RIVAL_SHARE * sight.height) return decision.applied;
+    if (sight.rival >= RIVAL_SHARE * sight.height) return decision.applied.now;
 
     const int32_t arrival = sight.lag * decision.decimation;
     if (!same_path) {
         if (!is_believable(decision, sight) || !beats_path_followed(decision, sight))
-            return decision.applied;
-        return follow(decision, sight.lag, arrival, COARSE_MARGIN_LAGS);
+            return decision.applied.now;
+        return follow(decision, sight.lag, arrival, COARSE_MARGIN);
     }
 
     // Within the path that is followed the fine look knows better. While the lag followed
@@ -271,18 +239,19 @@ static int32_t decide_coarsely(DelayDecision &decision, const Sight &sight)
     const bool took_over = sight.height >= sight.followed;
     if (sight.height < SURE_HEIGHT ||
         decision.sightings < (took_over ? LOST_SIGHTINGS : TALLER_SIGHTINGS))
-        return decision.applied;
+        return decision.applied.now;
     if (is_settled(decision)) {
         if (sight.lag < decision.found - SAME_AIM_LAGS)
-            doubt(decision, took_over && is_late(decision, arrival));
-        return decision.applied;
+            doubt(decision, took_over && is_late(decision.applied, arrival));
+        return decision.applied.now;
     }
     decision.found = sight.lag;
-    const int32_t wanted = delay_for(decision, arrival, COARSE_MARGIN_LAGS);
-    if (arrival < decision.applied) return wanted;
-    const bool much_tail = wanted - decision.applied > decision.frame / 2;
-    const bool rough = decision.moved && !decision.placed; // nobody knows better
-    return rough && much_tail && decision.sightings >= TAIL_SIGHTINGS ? wanted : decision.applied;
+    const int32_t wanted = delay_for(decision.applied, arrival, COARSE_MARGIN);
+    if (arrival < decision.applied.now) return wanted;
+    const bool much_tail = is_much_tail(decision.applied, wanted);
+    const bool rough = decision.applied.has_left_base && !decision.placed; // nobody knows better
+    return rough && much_tail && decision.sightings >= TAIL_SIGHTINGS ? wanted
+                                                                      : decision.applied.now;
 }
 
 // A look at a candidate: follow it, turn it down, or look on.
@@ -296,7 +265,7 @@ static int32_t verify(DelayDecision &decision, const Onset &onset, float coarse_
         sum >= VERIFIED_SUM) {
         const int32_t lag = decision.target;
         take_aim(decision, lag, false);
-        return follow(decision, lag, onset.lag, FINE_MARGIN_LAGS);
+        return follow(decision, lag, onset.lag, FINE_MARGIN);
     }
     const float refusal =
         REFUSAL_HEIGHT + REFUSAL_SLOPE * static_cast<float>(onset.updates - REFUSAL_UPDATES);
@@ -304,35 +273,35 @@ static int32_t verify(DelayDecision &decision, const Onset &onset, float coarse_
         decision.refused[decision.next_refusal] = decision.target;
         decision.next_refusal = (decision.next_refusal + 1) % DelayDecision::REFUSALS;
     }
-    return decision.applied;
+    return decision.applied.now;
 }
 
 // A look at the path that is followed: put the delay right by it.
 static int32_t settle(DelayDecision &decision, const Onset &onset, int32_t before)
 {
-    const int32_t quarter_ms = decision.frame / 64;
+    const int32_t quarter_ms = decision.applied.frame / 64;
     if (decision.doubted) {
-        if (onset.updates < DOUBT_UPDATES) return decision.applied;
+        if (onset.updates < DOUBT_UPDATES) return decision.applied.now;
         decision.doubted = false;
         decision.calm = CALM_FRAMES;
         const float least = decision.feared_late ? SETTLED_HEIGHT : DOUBT_HEIGHT;
         const bool stands =
             onset.height >= least && is_near(onset.lag, decision.stood_at, quarter_ms);
         if (!stands) decision.agreements = 0;
-        return decision.applied;
+        return decision.applied.now;
     }
     if (onset.height < SETTLED_HEIGHT) {
         if (onset.height < SETTLED_HEIGHT / 2) decision.agreements = 0;
-        return decision.applied;
+        return decision.applied.now;
     }
     const bool same = is_near(onset.lag, before, quarter_ms);
     decision.agreements = decision.agreements > 0 && same ? decision.agreements + 1 : 1;
-    if (!is_settled(decision)) return decision.applied;
+    if (!is_settled(decision)) return decision.applied.now;
 
-    const int32_t wanted = delay_for(decision, onset.lag, FINE_MARGIN_LAGS);
+    const int32_t wanted = delay_for(decision.applied, onset.lag, FINE_MARGIN);
     const int32_t lag = onset.lag / decision.decimation;
-    const bool late = is_late(decision, onset.lag);
-    const bool much_tail = wanted - decision.applied > decision.frame / 2;
+    const bool late = is_late(decision.applied, onset.lag);
+    const bool much_tail = is_much_tail(decision.applied, wanted);
     // At first there is no adaptation to lose. Later an onset that comes and goes must not
     // move the delay to and fro.
     const bool first = !decision.placed;
@@ -340,47 +309,27 @@ static int32_t settle(DelayDecision &decision, const Onset &onset, int32_t befor
     decision.placed = true;
     const bool reappeared = onset.lag <= decision.earliest + 4 * quarter_ms;
     const bool tail =
-        decision.moved && much_tail &&
+        decision.applied.has_left_base && much_tail &&
         (first || decision.agreements >= (reappeared ? TAIL_AGREEMENTS : LATER_AGREEMENTS));
     if (tail) decision.earliest = onset.lag;
     if (!is_near(lag, decision.found, OFF_CENTRE_LAGS)) decision.found = lag;
-    return late || tail ? wanted : decision.applied;
-}
-
-// Asks for a delay. One that is too near to be taken up needs a detour by more than a
-// frame from both, for a single frame.
-static void move_to(DelayDecision &decision, int32_t wanted)
-{
-    const int32_t applied = decision.applied;
-    if (wanted == applied) return;
-    decision.moved = true;
-    decision.applied = wanted;
-    if (is_taken_up(wanted, applied, decision.frame)) return;
-    const int32_t detour = decision.frame + 1;
-    const int32_t above = std::max(wanted, applied) + detour;
-    const int32_t below = std::min(wanted, applied) - detour;
-    decision.pending = wanted;
-    decision.applied = above <= DELAY_REACH ? above : below;
+    return late || tail ? wanted : decision.applied.now;
 }
 
 int32_t decide(DelayDecision &decision, const Sight &sight, const Onset *onset)
 {
     decision.calm = std::max(decision.calm - 1, 0);
-    if (decision.pending != NONE) {
-        decision.applied = decision.pending;
-        decision.pending = NONE;
-        return decision.applied;
-    }
-    int32_t wanted = decision.applied;
+    if (finish_move(decision.applied)) return decision.applied.now;
+    int32_t wanted = decision.applied.now;
     if (onset) { // first, because it may clear the way for the coarse search
         const int32_t before = decision.look.lag;
         decision.look = *onset;
         wanted = decision.verifying ? verify(decision, *onset, sight.target)
                                     : settle(decision, *onset, before);
     }
-    if (sight.news && wanted == decision.applied) wanted = decide_coarsely(decision, sight);
-    move_to(decision, wanted);
-    return decision.applied;
+    if (sight.news && wanted == decision.applied.now) wanted = decide_coarsely(decision, sight);
+    move_to(decision.applied, wanted);
+    return decision.applied.now;
 }
 
 } // namespace nax

@@ -3,6 +3,7 @@
 // no signal comes in here.
 #pragma once
 
+#include "engines/applied_delay.h"
 #include "engines/arrival.h"
 #include "engines/lag_peaks.h"
 
@@ -10,7 +11,7 @@
 
 namespace nax {
 
-inline constexpr int32_t NONE = -1; // no lag, no delay
+inline constexpr int32_t NONE = -1; // no lag
 // Candidates that lie so near are looked at as one: 8 ms.
 inline constexpr int32_t CANDIDATE_LAGS = 32;
 
@@ -28,12 +29,8 @@ struct Sight {
 struct DelayDecision {
     static constexpr int32_t REFUSALS = 8;
 
+    AppliedDelay applied;
     int32_t decimation; // samples per lag
-    int32_t frame;      // samples
-    int32_t base;       // delay that the front end starts at, samples
-    int32_t applied;    // delay that the front end applies, samples
-    int32_t pending;    // second of two moves, samples, or NONE
-    bool moved;         // whether the delay has left the base
     int32_t found;      // lag of the echo path that is followed, or NONE
     float strongest;    // decaying peak of its height
     int32_t suspect;    // lag of the latest tallest peak

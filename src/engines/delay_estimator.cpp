@@ -182,7 +182,7 @@ int32_t AEC_DelayProcess(const int16_t *mic_frame, const int16_t *ref_frame, int
     memcpy(&estimator, state, sizeof estimator);
     if (Work *work = estimator.work) {
         take_in(*work, mic_frame, ref_frame);
-        estimator.applied = work->decision.applied;
+        estimator.applied = work->decision.applied.now;
     }
     memcpy(state, &estimator, sizeof estimator);
     return saturate_int32(int64_t{estimator.applied} - estimator.base);

@@ -1,0 +1,43 @@
+// The delay that the front end applies: which one serves an echo that arrives then, and
+// how to get there. Pure functions of a small record.
+#pragma once
+
+#include <cstdint>
+
+namespace nax {
+
+struct AppliedDelay {
+    static constexpr int32_t NO_MOVE = -1;
+
+    int32_t frame;      // samples
+    int32_t percent;    // share of a frame past a whole one below which the whole one serves
+    int32_t base;       // that the front end starts at, samples
+    int32_t now;        // samples
+    int32_t second;     // of two moves, samples, or NO_MOVE
+    bool has_left_base; // since the start
+};
+
+// decimation: of the coarse search, samples per lag.
+void applied_delay_init(AppliedDelay &applied, int32_t decimation, int32_t frame, int32_t base);
+
+// Delay to apply for an echo that arrives after so many samples, 0 to DELAY_REACH. The
+// filter loses tail by as much as the delay falls short of the arrival: at least by the
+// margin, in quarters of a millisecond.
+int32_t delay_for(const AppliedDelay &applied, int32_t arrival, int32_t margin);
+
+// Whether the echo lies before the filter, or in its first hair's breadth.
+bool is_late(const AppliedDelay &applied, int32_t arrival);
+
+// Whether the base delay, not left so far, serves an echo: it is the caller's wish and stays.
+bool does_base_serve(const AppliedDelay &applied, int32_t arrival);
+
+// Whether so much of the filter's tail would be won that a move is worth its adaptation.
+bool is_much_tail(const AppliedDelay &applied, int32_t wanted);
+
+// Applies a delay, at once or, where that is too near to be taken up, by a detour of a frame.
+void move_to(AppliedDelay &applied, int32_t wanted);
+
+// Makes the second of two moves. Returns false where there is none to make.
+bool finish_move(AppliedDelay &applied);
+
+} // namespace nax
