@@ -4,6 +4,7 @@
 NAX_AEC_LIBRARY names the library. Ends with status 77, which CTest counts as skipped,
 when NumPy is missing.
 """
+import copy
 import doctest
 import importlib.util
 import os
@@ -139,6 +140,19 @@ class Samples(unittest.TestCase):
         flat = cancel(noise(512)[:, 0], noise(512, 2), 16000)
         self.assertEqual([x.shape for x in flat], [(512,), (512, 2), (512,), (2,)])
 
+    def test_arrays_as_files_and_programs_hold_them(self):
+        reference = noise(16000)
+        microphone = echo_of(reference, 700)
+        wanted = cancel(microphone, reference, 16000).cleaned
+        for name, layout in (("big-endian", lambda x: x.astype(">i2")),
+                             ("every other row", lambda x: np.repeat(x, 2, axis=0)[::2]),
+                             ("by columns", lambda x: np.asfortranarray(np.hstack([x, x]))[:, :1])):
+            with self.subTest(name):
+                audio = cancel(layout(microphone), layout(reference), np.int64(16000)).cleaned
+                np.testing.assert_array_equal(audio, wanted)
+                self.assertEqual(audio.dtype, layout(microphone).dtype)
+                self.assertTrue(audio.flags.c_contiguous)
+
     def test_a_recording_of_nothing_gives_nothing(self):
         self.assertEqual([len(x) for x in cancel(noise(0), noise(0), 16000)], [0, 0, 0, 0])
 
@@ -191,6 +205,9 @@ class Errors(unittest.TestCase):
                  (TypeError, "int64", noise(256).astype(np.int64), noise(256)),
                  (ValueError, "finite", noise(256) * np.nan, noise(256)),
                  (ValueError, "512 samples of microphones, 511", noise(512), noise(511)))
+        for channels in (noise(512, 2).T, np.zeros(()), None):
+            with self.assertRaisesRegex(ValueError, "references have shape .* a row is a sample"):
+                cancel(noise(512), channels, 16000)
         with Canceller(16000) as canceller:
             for kind, message, *arrays in wrong:
                 with self.subTest(message=message), self.assertRaisesRegex(kind, message):
@@ -201,6 +218,12 @@ class Errors(unittest.TestCase):
     def test_a_channel_order_that_processes_nothing(self):
         with Canceller(16000, pos=2) as canceller, self.assertRaisesRegex(ValueError, "pos is 2"):
             canceller.process_bytes(bytes(1024))
+
+    def test_a_stream_is_not_copied(self):
+        with Canceller(16000) as canceller, Suppressor(16000) as suppressor:
+            for stream in (canceller, suppressor):
+                with self.assertRaisesRegex(TypeError, "cannot be copied"):
+                    copy.copy(stream)
 
     def test_a_closed_canceller(self):
         with Canceller(16000) as canceller:
@@ -230,10 +253,10 @@ class Package(unittest.TestCase):
                          "python3-pip, -setuptools or -wheel is not installed")
     def test_pip_installs_it_from_the_tree(self):
         with tempfile.TemporaryDirectory() as folder:
-            copy = pathlib.Path(folder, "python")       # setuptools leaves files in the tree
-            shutil.copytree(ROOT / "python", copy)
+            tree = pathlib.Path(folder, "python")       # setuptools leaves files there
+            shutil.copytree(ROOT / "python", tree)
             subprocess.run([sys.executable, "-m", "pip", "--quiet", "install", "--no-index",
-                            "--no-build-isolation", "--no-deps", "--target", f"{folder}/site", copy],
+                            "--no-build-isolation", "--no-deps", "--target", f"{folder}/site", tree],
                            check=True)
             self.assertTrue(pathlib.Path(folder, "site/nax_aec/py.typed").exists())
             code = "import nax_aec, importlib.metadata as m; nax_aec.Canceller(8000); " \

@@ -2,7 +2,8 @@
 from __future__ import annotations
 
 import ctypes
-from typing import Any, NamedTuple, Optional, Sequence
+import operator
+from typing import Any, NamedTuple, NoReturn, Optional, Sequence
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -10,6 +11,7 @@ from numpy.typing import ArrayLike, NDArray
 from ._library import DELAY_ESTIMATION, HOST_ENDIAN, LONGEST_DELAY, REMAP, Param, library
 
 FULL_SCALE = 32768.0            # of 16 bits, for floats of full scale 1
+MOST_CHANNELS = 256             # in an array: more are the samples of one that lies on its side
 
 
 class Result(NamedTuple):
@@ -55,6 +57,8 @@ class Canceller:
         Raises ValueError where the library would refuse or could not check.
         """
         self._state = None
+        sample_rate, microphones, references = map(
+            operator.index, (sample_rate, microphones, references))
         if not 0 <= drop_channel <= references:
             raise ValueError(f"drop_channel is {drop_channel}, not 0 to {references}")
         if not 0 <= delay_len <= LONGEST_DELAY:
@@ -63,12 +67,13 @@ class Canceller:
             raise ValueError(f"look_ahead is {look_ahead}, not 0 or more")
         table = None
         if array_list is not None:
-            table = np.ascontiguousarray(array_list, np.int16)
-            if table.shape != (microphones,):
-                raise ValueError(f"array_list has shape {table.shape}, not ({microphones},)")
-            if np.any((table < 0) | (table >= microphones + references)):
+            channels = [operator.index(c) for c in array_list]
+            if len(channels) != microphones:
+                raise ValueError(f"array_list names {len(channels)} channels, not {microphones}")
+            if not all(0 <= c < microphones + references for c in channels):
                 raise ValueError("array_list names a channel outside 0 to "
                                  f"{microphones + references - 1}")
+            table = np.array(channels, np.int16)
         self._table = table         # borrowed by the state as long as it lives
         self.param = Param(pos, drop_channel,
                            DELAY_ESTIMATION * bool(delay_estimation) + REMAP * (table is not None),
@@ -80,7 +85,8 @@ class Canceller:
                                                    ctypes.byref(self.param))
         if not self._state:
             raise ValueError(f"not supported: {sample_rate} Hz, {microphones} microphones, "
-                             f"{references} references")
+                             f"{references} references; 8000, 16000, 32000 or 48000 Hz are, "
+                             "1 or 2 microphones, 1 reference or more")
 
     def close(self) -> None:
         """Releases the state (nax_aec_state_destroy). A second call does nothing."""
@@ -95,6 +101,9 @@ class Canceller:
 
     def __exit__(self, *unused: object) -> None:
         self.close()
+
+    def __reduce__(self) -> NoReturn:
+        raise TypeError("a canceller cannot be copied or pickled: it has one stream")
 
     def print_param(self) -> None:
         """Writes the parameter block to standard error (nax_aec_param_printf)."""
@@ -114,7 +123,8 @@ class Canceller:
         ref_samples = samples_of(ref, self.references, "references")
         n, m, frame = len(mic_samples), self.microphones, self.frame_size
         if len(ref_samples) != n:
-            raise ValueError(f"{n} samples of microphones, {len(ref_samples)} of references")
+            raise ValueError(f"{n} samples of microphones, {len(ref_samples)} of references; "
+                             "a row is a sample instant")
         frames = -(-n // frame)
         stream = np.zeros((frames * frame, m + self.kept), np.int16)
         stream[:n, :m], stream[:n, m:] = mic_samples, ref_samples[:, :self.kept]
@@ -142,10 +152,10 @@ class Canceller:
             raise ValueError(f"pos is {self.param.pos}: nothing is processed unless it is 0 or 1")
         m, frame = self.microphones, self.frame_size
         out = np.zeros((frame, m + self.references), np.int16)
-        echo, data = np.zeros((frame, m), np.int16), bytes(data)
+        echo, data = np.zeros((frame, m), np.int16), memoryview(data).tobytes()
         if len(data) != out.nbytes:
             raise ValueError(f"data has {len(data)} bytes, not {out.nbytes}")
-        audio = ctypes.c_void_p(ctypes.cast(data, ctypes.c_void_p).value)
+        audio = ctypes.cast(ctypes.c_char_p(data), ctypes.c_void_p)
         delays = np.zeros(1, np.int32)
         delays[0] = library().nax_aec_byte(self._state, ctypes.byref(audio), out.ctypes.data,
                                            echo.ctypes.data, len(data), byte_order)
@@ -165,30 +175,41 @@ def cancel(microphones: ArrayLike, references: ArrayLike, sample_rate: int,
 
     options  those of Canceller
     """
-    counts = [1 if np.ndim(a) == 1 else np.shape(a)[-1] for a in (microphones, references)]
+    mic, ref = np.asarray(microphones), np.asarray(references)
+    counts = [columns(audio, name).shape[1]
+              for audio, name in ((mic, "microphones"), (ref, "references"))]
     with Canceller(sample_rate, *counts, **options) as canceller:
-        return canceller.process(microphones, references)
+        return canceller.process(mic, ref)
+
+
+def columns(audio: NDArray[Any], name: str) -> NDArray[Any]:
+    """Audio with a column per channel, of one channel, too."""
+    table = audio[:, np.newaxis] if audio.ndim == 1 else audio
+    if table.ndim != 2 or table.shape[1] > MOST_CHANNELS:
+        raise ValueError(f"{name} have shape {audio.shape}: a row is a sample instant, "
+                         "a column a channel")
+    return table
 
 
 def samples_of(audio: NDArray[Any], channels: int, name: str) -> NDArray[np.int16]:
     """Audio as n x channels of 16 bits; floats are rounded and clipped."""
-    table = audio[:, np.newaxis] if audio.ndim == 1 else audio
-    if table.ndim != 2 or table.shape[1] != channels:
+    table = columns(audio, name)
+    if table.shape[1] != channels:
         raise ValueError(f"{name} have shape {audio.shape}, not (n, {channels})")
-    if audio.dtype == np.int16:
-        return table
+    if audio.dtype.kind == "i" and audio.dtype.itemsize == 2:       # of either byte order
+        return table.astype(np.int16, copy=False)
     if not np.issubdtype(audio.dtype, np.floating):
         raise TypeError(f"{name} are {audio.dtype}, neither int16 nor floats of full scale 1")
     if not np.isfinite(table).all():
         raise ValueError(f"{name} hold samples that are not finite")
-    return np.clip(np.rint(table * FULL_SCALE), -32768, 32767).astype(np.int16)
+    scaled = np.rint(table * FULL_SCALE)
+    return np.clip(scaled, -32768, 32767).astype(np.int16)  # type: ignore[no-any-return]
 
 
 def like(audio: NDArray[Any], samples: NDArray[np.int16]) -> NDArray[Any]:
     """Samples (n x channels) in the type and the dimensions of audio."""
-    if audio.dtype != np.int16:
-        samples = (samples / FULL_SCALE).astype(audio.dtype)
-    return samples[:, 0] if audio.ndim == 1 else samples
+    same_type = (samples if audio.dtype.kind == "i" else samples / FULL_SCALE).astype(audio.dtype)
+    return np.ascontiguousarray(same_type[:, 0] if audio.ndim == 1 else same_type)
 
 
 def check_delays(delays: NDArray[np.int32]) -> None:

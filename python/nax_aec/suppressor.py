@@ -3,8 +3,9 @@ from __future__ import annotations
 
 import ctypes
 import functools
+import operator
 import pathlib
-from typing import Any
+from typing import Any, NoReturn
 
 import numpy as np
 from numpy.typing import NDArray
@@ -44,6 +45,8 @@ class Suppressor:
     def __init__(self, sample_rate: int, microphones: int = 1, references: int = 1) -> None:
         """Creates the state, for the canceller's format."""
         self._state = None
+        sample_rate, microphones, references = map(
+            operator.index, (sample_rate, microphones, references))
         self.sample_rate, self.microphones, self.references = sample_rate, microphones, references
         self.frame_size = frame_size(sample_rate)
         self._state = suppressor_library().nax_res_state_init(sample_rate, microphones, references)
@@ -64,6 +67,9 @@ class Suppressor:
 
     def __exit__(self, *unused: object) -> None:
         self.close()
+
+    def __reduce__(self) -> NoReturn:
+        raise TypeError("a suppressor cannot be copied or pickled: it has one stream")
 
     def process(self, result: Result) -> NDArray[Any]:
         """The next piece of the stream (nax_res_short), as the canceller gave it: whole frames.
