@@ -28,7 +28,7 @@ except ImportError:
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 PROGRAM = ROOT / "tools" / "diagnose_wav"
-SECONDS, DELAY = 6, 640
+SECONDS, DELAY = 4, 640
 
 
 def load_program():
@@ -40,7 +40,7 @@ def load_program():
 
 
 program = load_program()
-from diagnosis import channel, files, findings, measure                          # noqa: E402
+from diagnosis import channel, files, findings, linear, measure                      # noqa: E402
 
 
 @functools.lru_cache(maxsize=None)
@@ -218,10 +218,10 @@ class Channels(unittest.TestCase):
     def test_drop_outs_are_told_from_digital_silence(self):
         y, x = map(to_int16, call())
         cut = y.copy()
-        for at in (8000, 56000, 80000):         # 30 ms
+        for at in (8000, 24000, 56000):         # 30 ms
             cut[at:at + 480] = 0
         self.assertEqual([(round(t, 2), round(s, 2)) for t, s in channel.drop_outs(cut, 16000)],
-                         [(0.5, 0.03), (3.5, 0.03), (5.0, 0.03)])
+                         [(0.5, 0.03), (1.5, 0.03), (3.5, 0.03)])
         self.assertEqual(codes([cut, x]), ["drop-outs"])
         faded = to_int16(talk(16000, SECONDS, 1, gap=0.6))
         self.assertEqual(channel.drop_outs(faded, 16000), [])
@@ -336,7 +336,7 @@ class Spectra(unittest.TestCase):
                 self.assertEqual((one.code, f"made at {made} Hz" in one.text), ("rate", True), one.text)
 
     def test_a_reference_of_half_the_band_where_more_is_played(self):
-        x = talk(16000, SECONDS, 1) * np.repeat(np.arange(12) % 4 > 0, SECONDS * 16000 // 12)
+        x = talk(16000, SECONDS, 1) * np.repeat(np.arange(8) % 4 > 0, SECONDS * 2000)
         y = echo_of(x, 16000, DELAY) + noise(len(x), 4)
         self.assertEqual(codes([y, self.band_limited(x, 16000, 3800)]), ["band"])
         alone = echo_of(self.band_limited(x, 16000, 3800), 16000, DELAY) + noise(len(x), 4, -45)
@@ -347,6 +347,13 @@ class Linear(unittest.TestCase):
     def test_how_much_a_filter_could_remove(self):
         # An echo of -26 dB in noise, some of it in the tail.
         self.assertAlmostEqual(measured(call(floor=-56)).echoes[0].long[0], 30, delta=3)
+
+    def test_the_best_filter_is_found_of_a_loudspeaker_without_bass(self):
+        spectrum = np.fft.rfft(talk(16000, 2, 1))
+        x = np.fft.irfft(spectrum / np.maximum(np.fft.rfftfreq(32000, 1 / 16000), 200), 32000)
+        y = np.diff(echo_of(x, 16000, 20), 2, prepend=[0, 0])
+        for _, left in linear.best_filters([x], y, [512, 2048]):
+            self.assertGreater(channel.decibels(np.sum(y * y) / np.sum(left * left)), 15)
 
     def test_drift_and_steps_take_nothing_from_it(self):
         standing = measured(call(seconds=8, floor=-46)).echoes[0].short[0]

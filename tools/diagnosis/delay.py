@@ -25,6 +25,7 @@ APART_S = 0.003                 # a second peak nearer than that is the first on
 STEP_S = 0.002                  # a smaller move is another reflection, not another delay
 LASTING = 4                     # points of the track; a delay that holds for less is passed over
 RETURNING = 8                   # the same where the delay is back at where it was then
+FADE = np.linspace(0, 1, RATE // 20)    # of the ends of a window
 WRONG_RATES = (1 / 3, 1 / 2, 2 / 3, 44.1 / 48, 48 / 44.1, 3 / 2, 2, 3)   # reference over microphone
 NEAR_RATES = 1 + np.arange(-30, 31) * 1e-3      # what differs less than half a step is found as it is
 
@@ -53,10 +54,9 @@ def low_rate(x, rate, to=RATE):
 
 def _faded(x):
     """x with its ends drawn to 0, since two cut ends would look alike."""
-    edge = RATE // 20
     x = x.copy()
-    x[:edge] *= np.linspace(0, 1, edge)
-    x[-edge:] *= np.linspace(1, 0, edge)
+    x[:len(FADE)] *= FADE
+    x[-len(FADE):] *= FADE[::-1]
     return x
 
 

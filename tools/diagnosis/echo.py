@@ -69,11 +69,11 @@ def measure_echo(audio, m, mic):
     unique = [r for r in m.sounding if not any(twice == r for twice, _ in m.twice)]
     unique.sort(key=lambda r: r != ref)                     # the one that tells most first
 
-    def fitted(points, lead, seconds):
+    def fitted(points, lead, *lengths_s):
         held = [linear.hold_back(audio.mid[r], points, echo.drift_ppm, rate, lead) for r in unique]
-        return held[0], linear.fit(held, y, rate, int(seconds * rate), bounds)
+        return held[0], linear.fit(held, y, rate, lengths_s, bounds)
 
-    x, wide = fitted(parts, linear.EARLY_S, 2 * linear.FILTER_S)
+    x, (wide,) = fitted(parts, linear.EARLY_S, 2 * linear.FILTER_S)
     all_of = [section_of(part, i, wide, rate) for i, part in enumerate(parts)]
     for i in range(1, len(parts)):
         all_of[i].unlike = linear.unlikeness(wide, i, rate)
@@ -81,8 +81,7 @@ def measure_echo(audio, m, mic):
         echo.swing_db = linear.swing_db(linear.gains(x, y, rate, wide))
     first = [(times, delays - one.strongest + one.arrival) for (times, delays), one in zip(parts, all_of)]
     echo.sections = joined(all_of)
-    echo.short, echo.long = (linear.removable(fitted(first, linear.LEAD_S, seconds)[1])
-                             for seconds in (linear.FILTER_S, 4 * linear.FILTER_S))
+    echo.short, echo.long = map(linear.removable, fitted(first, linear.LEAD_S, linear.FILTER_S, linear.LONGEST_S)[1])
     return echo
 
 

@@ -3,6 +3,7 @@
 x is a reference, y a microphone: float (n) at a rate in Hz of at most RATE, above which
 an echo holds next to nothing. Times and delays are in s.
 """
+import functools
 from dataclasses import dataclass
 
 import numpy as np
@@ -11,6 +12,7 @@ from .channel import ACTIVE_POWER, decibels, frame_powers, frame_size
 
 RATE = 16000                    # Hz
 FILTER_S = 0.032                # length of the library's filter
+LONGEST_S = 4 * FILTER_S        # of those that are fitted
 LEAD_S = 0.002                  # the first arrival may come that much before the strongest
 EARLY_S = 0.030                 # a reflection that much later may be louder than the first arrival
 SETTLE_S = 0.5                  # around a step: the track places it no better
@@ -55,52 +57,73 @@ def settled(parts, seconds):
     return list(zip([0.0, *(s + SETTLE_S for s in steps)], [*(s - SETTLE_S for s in steps), seconds]))
 
 
-def best_filter(references, y, taps):
-    """The filter (references x taps) that leaves least of y, by conjugate gradients on the
-    normal equations, whose Toeplitz blocks multiply by way of the Fourier transform."""
-    count = len(references)
-    size = _smooth(len(y) + taps)
+def best_filters(references, y, lengths):
+    """The filters (references x taps), one for each number of taps, that leave least of y, and
+    what they leave (n). The normal equations are solved by conjugate gradients; their Toeplitz
+    blocks multiply by way of the Fourier transform."""
+    longest = max(lengths)
+    size = _smooth(len(y) + longest)
     spectra = np.array([np.fft.rfft(x, size) for x in references])
-    small = 1 << int(np.ceil(np.log2(2 * taps)))
-    blocks = np.zeros((count, count, small // 2 + 1), complex)
-    for i in range(count):
-        for j in range(count):
-            lags = np.fft.irfft(spectra[i].conj() * spectra[j], size)
-            around = np.zeros(small)
-            around[:taps], around[-taps + 1:] = lags[:taps], lags[-taps + 1:]
-            blocks[i, j] = np.fft.rfft(around)
-    load = 1e-5 * max(np.dot(x, x) for x in references)
-    wanted = np.fft.irfft(spectra.conj() * np.fft.rfft(y, size), size)[:, :taps]
+    lags = np.fft.irfft(spectra[:, np.newaxis].conj() * spectra, size)
+    wanted = np.fft.irfft(spectra.conj() * np.fft.rfft(y, size), size)[:, :longest]
+    filters = [_solution(lags, wanted[:, :taps]) for taps in lengths]
+    return [(h, y - np.fft.irfft((spectra * np.fft.rfft(h, size)).sum(0), size)[:len(y)]) for h in filters]
+
+
+def _solution(lags, wanted):
+    """The filters (references x taps) whose normal equations have these correlations (references
+    x references x lags) and right side (references x taps), by conjugate gradients; each
+    reference is whitened by a circulant near to its block: T. Chan, An optimal circulant
+    preconditioner for Toeplitz systems, 1988."""
+    taps = wanted.shape[1]
+    size, one = _smooth(2 * taps), np.arange(len(lags))
+    own, tap = lags[one, one, :taps], np.arange(taps)
+    around = np.concatenate([lags[..., :taps], np.zeros((*lags.shape[:2], size - 2 * taps + 1)),
+                             lags[..., 1 - taps:]], axis=-1)
+    blocks = np.fft.rfft(around)
+    load = 1e-5 * own[:, 0].max()
+    near = np.fft.rfft(((taps - tap) * own + tap * np.roll(own[:, ::-1], 1, axis=1)) / taps).real
+    near = np.maximum(near, 0) + load + 1e-30
 
     def product(filters):
-        transformed = np.fft.rfft(filters, small)
-        moved = blocks[0] * transformed if count == 1 else np.einsum("ijf,jf->if", blocks, transformed)
-        return np.fft.irfft(moved, small)[:, :taps] + load * filters
+        transformed = np.fft.rfft(filters, size)
+        moved = blocks[0] * transformed if len(lags) == 1 else np.einsum("ijf,jf->if", blocks, transformed)
+        return np.fft.irfft(moved, size)[:, :taps] + load * filters
 
-    filters = np.zeros((count, taps))
-    left = wanted.copy()
-    direction, power = left.copy(), np.sum(left * left)
+    def whitened(left):
+        return np.fft.irfft(np.fft.rfft(left) / near, taps)
+
+    filters, left, enough = np.zeros(wanted.shape), wanted.copy(), 1e-6 * np.sum(wanted * wanted)
+    direction = whitened(left)
+    power = np.sum(left * direction)
     for _ in range(60):
         moved = product(direction)
         step = power / (np.sum(direction * moved) + 1e-30)
         filters += step * direction
         left -= step * moved
-        power, before = np.sum(left * left), power
-        if power < 1e-8 * np.sum(wanted * wanted):
+        if np.sum(left * left) <= enough:
             break
-        direction = left + power / (before + 1e-30) * direction
+        white = whitened(left)
+        power, before = np.sum(left * white), power
+        direction = white + power / (before + 1e-30) * direction
     return filters
 
 
+@functools.lru_cache(maxsize=None)
 def _smooth(length):
-    """A length of at least so much that transforms fast."""
-    return -(-length // 2048) * 2048
+    """The next even length that transforms fast: of factors of 2, 3 and 5 alone."""
+    def rest(n):
+        for factor in (2, 3, 5):
+            while n % factor == 0:
+                n //= factor
+        return n
+    return next(n for n in range(length + length % 2, 2 * length + 2, 2) if rest(n) == 1)
 
 
-def filtered(x, response, size):
-    """x through a response, the first size samples of it."""
-    whole = _smooth(len(x) + len(response))
-    return np.fft.irfft(np.fft.rfft(x, whole) * np.fft.rfft(response, whole), whole)[:size]
+def filtered(x, response):
+    """x through a response, as long as x."""
+    size = _smooth(len(x) + len(response))
+    return np.fft.irfft(np.fft.rfft(x, size) * np.fft.rfft(response, size), size)[:len(x)]
 
 
 @dataclass
@@ -117,7 +140,7 @@ class Fit:
         return max(0.0, 1 - self.after / max(self.before, 1e-12))
 
 
-def blocks_of(references, rate, taps, bounds):
+def blocks_of(references, rate, bounds):
     """Blocks of sections within bounds, in which a reference (held back) is active, and which
     frames of each are: [(section, start, end, mask)]. A block's start lacks the echo of
     before it."""
@@ -127,20 +150,21 @@ def blocks_of(references, rate, taps, bounds):
         size = int((BLOCK_S if lasts >= 2 * BLOCK_S else lasts / 2 if lasts > 2.4 else lasts) * rate)
         for start in range(int(first * rate), int(last * rate) - size + 1, size) if size >= rate else []:
             active = np.max([frame_powers(x[start:start + size], rate) for x in references], axis=0) > ACTIVE_POWER
-            active[:taps // frame + 1] = False
-            if active.mean() >= 0.2:
+            active[:int(LONGEST_S * rate) // frame + 1] = False
+            if active.mean() >= 0.15:
                 found.append((section, start, start + size, active))
     return found[::max(1, -(-len(found) // MOST_BLOCKS))]
 
 
-def fit(references, y, rate, taps, bounds):
-    """The Fit of each block that tells."""
-    fitted = []
-    for section, start, end, active in blocks_of(references, rate, taps, bounds):
+def fit(references, y, rate, lengths_s, bounds):
+    """For each length of a filter in s the Fits of the blocks that tell, which are the same."""
+    fitted = [[] for _ in lengths_s]
+    for section, start, end, active in blocks_of(references, rate, bounds):
         parts, y_part = [x[start:end] for x in references], y[start:end]
-        filters = best_filter(parts, y_part, taps)
-        left = y_part - sum(filtered(x, h, end - start) for x, h in zip(parts, filters))
-        fitted.append(Fit(section, filters, *(float(frame_powers(c, rate)[active].sum()) for c in (y_part, left))))
+        solved = best_filters(parts, y_part, [int(seconds * rate) for seconds in lengths_s])
+        for fits, (filters, left) in zip(fitted, solved):
+            powers = (float(frame_powers(c, rate)[active].sum()) for c in (y_part, left))
+            fits.append(Fit(section, filters, *powers))
     return fitted
 
 
@@ -201,7 +225,7 @@ def gains(x, y, rate, fitted):
     good = [f.filters[0] for f in fitted if f.share >= 0.7 * best and best > 0]
     if not good:
         return np.zeros(0)
-    echo, size = filtered(x, np.mean(good, axis=0), len(y)), rate // 4
+    echo, size = filtered(x, np.mean(good, axis=0)), rate // 4
     echo, part = (c[:len(y) // size * size].reshape(-1, size) for c in (echo, y))
     cross, own, all_of = (echo * part).sum(1), (echo * echo).sum(1) + 1e-30, (part * part).sum(1) + 1e-30
     clear = (cross > 0) & (cross ** 2 / own / all_of > 0.7) & (own / size > 0.01 * ACTIVE_POWER)
