@@ -78,6 +78,19 @@ protected:
         write_wav(folder + "ref.wav", call.rate, 1, call.ref);
     }
 
+    // One channel; encoding 3 is 16 bits, 6 is floats.
+    void write_au(const std::string &name, uint8_t encoding, int rate,
+                  const std::vector<uint8_t> &data) const
+    {
+        const auto size = static_cast<uint8_t>(data.size());
+        const auto high = static_cast<uint8_t>(rate >> 8), low = static_cast<uint8_t>(rate);
+        std::vector<uint8_t> file = {'.', 's', 'n', 'd',      0, 0, 0,    24,  0, 0, 0, size,
+                                     0,   0,   0,   encoding, 0, 0, high, low, 0, 0, 0, 1};
+        file.insert(file.end(), data.begin(), data.end());
+        std::ofstream(folder + name)
+            .write(reinterpret_cast<const char *>(file.data()), static_cast<long>(file.size()));
+    }
+
     Samples cleaned(const std::string &arguments) const
     {
         const Result result = run("--quiet " + arguments + " out.wav");
@@ -319,13 +332,17 @@ TEST_F(CancelWav, RefusesUnusableFilesInOneLineWithStatus1)
     std::ofstream(folder + "text.wav") << "not audio\n";
     std::ofstream(folder + "empty.wav").flush();
 
+    write_au("rateless.au", 3, 0, {0, 0});
+
     const std::string format =
-        "Format not recognised; convert it to WAV, for instance by ffmpeg -i";
+        "Format not recognised; convert it, for instance by ffmpeg -i text.wav OTHER.wav";
     const std::pair<const char *, std::string> cases[] = {
         {"missing.wav mic.wav out.wav", "missing.wav: No such file or directory"},
         {"mic.wav missing.wav out.wav", "missing.wav: No such file or directory"},
         {"mic.wav text.wav out.wav", "text.wav: " + format},
-        {"mic.wav empty.wav out.wav", "empty.wav: " + format},
+        {"mic.wav empty.wav out.wav", "empty.wav: is empty"},
+        {"mic.wav . out.wav", ".: Is a directory"},
+        {"mic.wav rateless.au out.wav", "rateless.au: says no rate; mend its header"},
         {"none.wav mic.wav out.wav", "none.wav: holds no samples"},
         {"mic.wav slow.wav out.wav",
          "slow.wav: says 7 Hz, which no recording has; mend its header"},
@@ -338,6 +355,20 @@ TEST_F(CancelWav, RefusesUnusableFilesInOneLineWithStatus1)
     };
     for (const auto &[arguments, message] : cases)
         expect_failure(arguments, 1, message);
+}
+
+TEST_F(CancelWav, TellsOfFloatsThatAre16BitSamplesOrNoNumbers)
+{
+    write_wav(folder + "mic.wav", 16000, 1, Samples(2, 100));
+    write_au("loud.au", 6, 16000, {0x43, 0, 0, 0, 0, 0, 0, 0}); // 128, 0
+    const std::string loud = run("mic.wav loud.au out.wav").err;
+    EXPECT_NE(loud.find("loud.au: 50.0 % of its samples are above full scale and were cut off"),
+              std::string::npos)
+        << loud;
+    write_au("nan.au", 6, 16000, {0x7f, 0xc0, 0, 0});
+    const Result nan = run("mic.wav nan.au out.wav");
+    EXPECT_EQ(nan.status, 1);
+    EXPECT_NE(nan.err.find("nan.au: holds samples that are not numbers"), std::string::npos);
 }
 
 TEST_F(CancelWav, RefusesToWriteToAFullDisk)

@@ -495,12 +495,18 @@ class Files(unittest.TestCase):
         self.write("mic.wav", [self.y])
         self.write("short.wav", [self.y[:8000]])
         self.write("empty.wav", [self.y[:0]])
+        self.write("nan.wav", [np.nan * self.y], format=self.WAV | self.FLOAT)
+        (self.folder / "nothing.wav").touch()
+        (self.folder / "folder.wav").mkdir()
         (self.folder / "text.m4a").write_text("no audio")
         whole = (self.folder / "mic.wav").read_bytes()
-        (self.folder / "rate.wav").write_bytes(whole[:24] + (7).to_bytes(4, "little") + whole[28:])
+        for rate in (0, 7):
+            (self.folder / f"rate{rate}.wav").write_bytes(whole[:24] + rate.to_bytes(4, "little") + whole[28:])
         for name, reason in (("none.wav", "No such file or directory"), ("short.wav", "is 0.5 s long"),
                              ("text.m4a", "Format not recognised; convert it, for instance by ffmpeg -i "),
-                             ("empty.wav", "holds no samples"), ("rate.wav", "says 7 Hz")):
+                             ("empty.wav", "holds no samples"), ("nothing.wav", "is empty"), ("folder.wav", "Is a dir"),
+                             ("nan.wav", "holds samples that are not numbers"), ("rate0.wav", "says no rate"),
+                             ("rate7.wav", "says 7 Hz")):
             status, _, err = self.run_program("mic.wav", name)
             self.assertEqual(status, 1, name)
             self.assertRegex(err, f"^diagnose_wav: .*{re.escape(name)}: {re.escape(reason)}")

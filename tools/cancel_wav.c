@@ -26,7 +26,6 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { HOST_ORDER = 2 }; /* for nax_aec_byte: libsndfile gives samples in the host's order */
 enum { MAX_LISTED_CHANGES = 32, PATH_ROOM = 4096 };
 
 /* A reference frame above -60 dB of full scale (mean square, samples squared)
@@ -297,8 +296,8 @@ static void cancel(const struct options *options, struct source *source, struct 
         write_wav(sinks->input, options->input, sinks->scratch, in, channels, channels, count);
         uint8_t *audio = (uint8_t *)in;
         const double start_s = now_s();
-        const int delay =
-            nax_aec_byte(state, &audio, out, echo, (int32_t)(samples * sizeof *in), HOST_ORDER);
+        const int delay = nax_aec_byte(state, &audio, out, echo, (int32_t)(samples * sizeof *in),
+                                       NAX_AEC_HOST_ENDIAN);
         report->library_s += now_s() - start_s;
 
         if (suppressor.state)
@@ -336,7 +335,7 @@ int main(int argc, char **argv)
     open_sinks(&sinks, &options, &source);
     cancel(&options, &source, &sinks, &report);
     close_sinks(&sinks, &options);
-    close_source(&source);
+    close_source(&source, options.quiet);
     if (!options.quiet) print_report(&report, &source, &options);
     return EXIT_SUCCESS;
 }

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 enum { MAX_FILES = 16 };
+static const double LOUD_SHARE = 0.001; /* of the samples: more is no converter's overshoot */
 
 int16_t *allocate(size_t samples)
 {
@@ -159,10 +160,16 @@ int read_frame(struct source *source, int16_t *audio)
     return count;
 }
 
-void close_source(struct source *source)
+void close_source(struct source *source, bool quiet)
 {
-    for (int i = 0; i < source->files; i++)
-        sound_close(&source->file[i]);
+    for (int i = 0; i < source->files; i++) {
+        struct sound_file *file = &source->file[i];
+        const double share = (double)file->cut_off / (double)file->length / file->channels;
+        if (share > LOUD_SHARE && !quiet)
+            complain(file->path, "%.1f %% of its samples are above full scale and were cut off",
+                     100 * share);
+        sound_close(file);
+    }
     free(source->scratch);
     free(source->map);
 }

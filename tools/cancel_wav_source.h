@@ -29,7 +29,7 @@ void open_source(struct source *source, const struct options *options);
  * the end. */
 int read_frame(struct source *source, int16_t *audio);
 
-void close_source(struct source *source);
+void close_source(struct source *source, bool quiet);
 
 /* Refuses a regular file that is already in use, so that no output overwrites an input or
  * another output, and notes it as in use. */

@@ -4,6 +4,8 @@
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
+#define _POSIX_C_SOURCE 200809L /* stat */
+
 #include "sound_file.h"
 
 #include "options.h"
@@ -11,6 +13,7 @@
 #include <math.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 enum { PIECE = 4096 };                          /* sample instants */
 enum { LOWEST_HZ = 1000, HIGHEST_HZ = 768000 }; /* a rate beyond is a header's fault */
@@ -22,9 +25,10 @@ void fail_sndfile(const char *path, SNDFILE *file)
     const char *colon = strstr(reason, " : "); /* behind "System error" */
     reason = colon ? colon + 3 : reason;
     const int length = (int)strcspn(reason, ".\n");
+    if (strstr(reason, "SF_INFO")) fail(STATUS_FAILED, path, "says no rate; mend its header");
     if (strstr(reason, "ormat"))
-        fail(STATUS_FAILED, path, "%.*s; convert it to WAV, for instance by ffmpeg -i", length,
-             reason);
+        fail(STATUS_FAILED, path, "%.*s; convert it, for instance by ffmpeg -i %s OTHER.wav",
+             length, reason, path);
     fail(STATUS_FAILED, path, "%.*s", length, reason);
 }
 
@@ -36,6 +40,11 @@ int library_rate(int rate)
 void sound_open(struct sound_file *sound, const char *path)
 {
     SF_INFO info = {0};
+    struct stat found;
+    if (stat(path, &found) == 0) { /* libsndfile would only miss its format */
+        if (S_ISDIR(found.st_mode)) fail(STATUS_FAILED, path, "Is a directory");
+        if (S_ISREG(found.st_mode) && found.st_size == 0) fail(STATUS_FAILED, path, "is empty");
+    }
     *sound = (struct sound_file){.path = path, .file = sf_open(path, SFM_READ, &info)};
     if (!sound->file) fail_sndfile(path, NULL);
     if (info.samplerate < LOWEST_HZ || info.samplerate > HIGHEST_HZ)
@@ -80,8 +89,10 @@ void sound_convert(struct sound_file *sound, int rate)
     if (sound->length == 0) fail(STATUS_FAILED, sound->path, "holds no samples");
 }
 
-static int16_t to_int16(float sample)
+static int16_t to_int16(struct sound_file *sound, float sample)
 {
+    if (isnan(sample)) fail(STATUS_FAILED, sound->path, "holds samples that are not numbers");
+    if (fabsf(sample) > 1) sound->cut_off++;
     return (int16_t)lrintf(fmaxf(-32768, fminf(32767, sample * 32768)));
 }
 
@@ -103,7 +114,7 @@ void sound_read(struct sound_file *sound, int16_t *to, int count)
         }
         if (got <= 0) break;
         for (size_t i = 0; i < (size_t)got * width; i++)
-            *to++ = to_int16(from[i]);
+            *to++ = to_int16(sound, from[i]);
         count -= (int)got;
     }
     memset(to, 0, (size_t)count * width * sizeof *to);

@@ -18,6 +18,7 @@ struct sound_file {
     int channels, file_rate, rate; /* Hz: of the file; of what is read */
     sf_count_t length;             /* sample instants at the rate that is read */
     sf_count_t left;               /* sample instants of the file that were not taken yet */
+    long cut_off;                  /* samples that were above full scale */
     float *taken;                  /* room for a piece of the file */
 };
 

@@ -51,12 +51,18 @@ def read(path, longest_s):
     lib.sf_strerror.argtypes = lib.sf_close.argtypes = [ctypes.c_void_p]
     lib.sf_readf_float.restype = ctypes.c_int64
     lib.sf_readf_float.argtypes = [ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int64]
+    if os.path.isdir(path):
+        raise Unusable(f"{path}: Is a directory")
+    if os.path.isfile(path) and os.path.getsize(path) == 0:
+        raise Unusable(f"{path}: is empty")
     info = _Info()
     file = lib.sf_open(os.fsencode(path), _READ, ctypes.byref(info))
     if not file:
         reason = lib.sf_strerror(None).decode(errors="replace").split(" : ")[-1].strip(" .\n")
-        if "ormat" in reason:
-            reason += f"; convert it, for instance by ffmpeg -i {path} {os.path.splitext(path)[0]}.wav"
+        if "SF_INFO" in reason:
+            reason = "says no rate; mend its header"
+        elif "ormat" in reason:
+            reason += f"; convert it, for instance by ffmpeg -i {path} OTHER.wav"
         raise Unusable(f"{path}: {reason}")
     try:
         if not LOWEST_HZ <= info.samplerate <= HIGHEST_HZ:
@@ -65,6 +71,8 @@ def read(path, longest_s):
         held = lib.sf_readf_float(file, floats.ctypes.data, len(floats))
     finally:
         lib.sf_close(file)
+    if np.isnan(floats[:held]).any():
+        raise Unusable(f"{path}: holds samples that are not numbers")
     samples = np.clip(np.rint(floats[:held] * 32768), -32768, 32767).astype(np.int16)
     if len(samples) == 0:
         raise Unusable(f"{path}: holds no samples")
