@@ -1,5 +1,5 @@
 /*
- * One frame: taken in, cancelled, measured.
+ * One frame: taken in, cancelled, measured, cut to what the microphones have of it.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -10,17 +10,19 @@
 #include <math.h>
 #include <string.h>
 
-void frame_begin(NaxAec *self, guint instants)
+static void silence(struct framer *framer)
 {
-    struct framer *framer = self->framer;
-    self->mic_instants = 0;
-    if (!framer) return;
     memset(framer->in, 0, framer->size * framer->selected * sizeof *framer->in);
-    if (instants != framer->size && !self->failed) {
-        GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS, ("The echo canceller cannot run."),
-                          ("output-buffer-duration is not 16 ms"));
-        self->failed = TRUE;
-    }
+}
+
+void frame_begin(NaxAec *self, GstBuffer *buffer, guint instants)
+{
+    self->begun = buffer;
+    self->instants = instants;
+    self->mic_instants = 0;
+    if (!self->framer) return;
+    silence(self->framer);
+    self->failed |= instants != self->framer->size;
 }
 
 /* Copies the channels of a pad that the canceller uses; the pad's first is number first. */
@@ -52,16 +54,28 @@ gboolean frame_take_in(GstAudioAggregator *aggregator, GstAudioAggregatorPad *pa
         gst_buffer_fill(out, out_at * channels * sizeof *from, from,
                         instants * channels * sizeof *from);
     gst_buffer_unmap(in, &map);
-    return TRUE;
+    return is_mic || self->framer;
+}
+
+void frame_note_gap(NaxAec *self, const GstSegment *segment, const GstBuffer *gap)
+{
+    const GstClockTime from =
+        gst_segment_to_running_time(segment, GST_FORMAT_TIME, GST_BUFFER_PTS(gap));
+    if (GST_CLOCK_TIME_IS_VALID(from) && GST_BUFFER_DURATION_IS_VALID(gap))
+        self->gap_to = from + GST_BUFFER_DURATION(gap);
+}
+
+static GstClockTime running_time_of(NaxAec *self, const GstBuffer *buffer)
+{
+    const GstSegment *segment = &GST_AGGREGATOR_PAD(GST_AGGREGATOR_SRC_PAD(self))->segment;
+    return gst_segment_to_running_time(segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
 }
 
 /* The lead that the probe keeps is given up as far as playback is not that early. */
-static void take_in_probe(NaxAec *self, GstBuffer *buffer)
+static void take_in_probe(NaxAec *self, const GstBuffer *buffer)
 {
     const struct framer *framer = self->framer;
-    GstSegment *segment = &GST_AGGREGATOR_PAD(GST_AGGREGATOR_SRC_PAD(self))->segment;
-    const GstClockTime running =
-        gst_segment_to_running_time(segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
+    const GstClockTime running = running_time_of(self, buffer);
     if (!GST_CLOCK_TIME_IS_VALID(running)) return;
     const GstClockTime now = gst_element_get_base_time(GST_ELEMENT(self)) + running;
     gsize missing;
@@ -96,39 +110,88 @@ static void tell(NaxAec *self)
 {
     const gdouble removed =
         self->heard > 0 && self->left > 0 ? 10 * log10(self->heard / self->left) : 0;
-    GST_OBJECT_LOCK(self);
-    const gboolean moved = self->applied_delay != self->framer->delay;
-    self->applied_delay = self->framer->delay;
-    self->echo_removed = removed;
-    GST_OBJECT_UNLOCK(self);
-    if (moved) properties_notify_applied_delay(self);
+    properties_tell(self, self->framer->delay, removed);
 }
 
-void frame_cancel(NaxAec *self, GstBuffer *buffer)
+static void write_frame(const struct framer *framer, GstBuffer *buffer)
 {
-    struct framer *framer = self->framer;
     GstMapInfo map;
-    if (self->probe && !self->reference && self->used.refs > 0) take_in_probe(self, buffer);
-    framer_advance(framer, framer->size);
+    gst_buffer_set_size(buffer, (gssize)(framer->size * framer->mics * sizeof(gint16)));
+    gst_buffer_unset_flags(buffer, GST_BUFFER_FLAG_GAP);
     if (!gst_buffer_map(buffer, &map, GST_MAP_WRITE)) return;
     gint16 *to = (gint16 *)(gpointer)map.data;
     const gint16 *from = framer_out(framer);
-    const gsize instants = MIN(map.size / sizeof *to / framer->mics, framer->size);
-    for (gsize t = 0; t < instants; t++)
+    for (gsize t = 0; t < framer->size; t++)
         for (gsize m = 0; m < framer->mics; m++)
             to[t * framer->mics + m] = from[t * framer->stride + m];
     gst_buffer_unmap(buffer, &map);
+}
+
+/* Up to their end the microphones have all of every frame. */
+static struct part part_of(NaxAec *self, const GstBuffer *buffer, gboolean ends)
+{
+    const GstClockTime begins = running_time_of(self, buffer);
+    guint64 instants = ends ? self->mic_instants : self->instants;
+    if (ends && GST_CLOCK_TIME_IS_VALID(begins) && self->gap_to > begins) {
+        const guint64 gap =
+            gst_util_uint64_scale_round(self->gap_to - begins, (guint64)self->rate, GST_SECOND);
+        instants = MIN(MAX(instants, gap), self->instants);
+    }
+    return (struct part){GST_BUFFER_PTS(buffer), GST_BUFFER_OFFSET(buffer), (guint)instants};
+}
+
+static gboolean cut(NaxAec *self, GstBuffer *buffer, const struct part *part)
+{
+    const gint bytes = format_of(GST_AGGREGATOR_SRC_PAD(self)).bpf;
+    gst_buffer_set_size(buffer, (gssize)part->instants * bytes);
+    GST_BUFFER_PTS(buffer) = part->pts;
+    GST_BUFFER_DURATION(buffer) =
+        gst_util_uint64_scale(part->instants, GST_SECOND, (guint64)self->rate);
+    GST_BUFFER_OFFSET(buffer) = part->offset;
+    GST_BUFFER_OFFSET_END(buffer) = part->offset + part->instants;
+    return part->instants > 0;
+}
+
+static void run(NaxAec *self)
+{
+    framer_advance(self->framer, self->framer->size);
     measure(self);
     tell(self);
 }
 
-void frame_trim(NaxAec *self, GstBuffer *buffer)
+gboolean frame_finish(NaxAec *self, GstBuffer *buffer, gboolean ends)
 {
-    const gint channels = format_of(GST_AGGREGATOR_SRC_PAD(self)).channels;
-    const gsize bytes = self->mic_instants * (gsize)channels * sizeof(gint16);
-    if (gst_buffer_get_size(buffer) > bytes) {
-        gst_buffer_set_size(buffer, (gssize)bytes);
-        GST_BUFFER_DURATION(buffer) =
-            gst_util_uint64_scale(self->mic_instants, GST_SECOND, (guint64)self->rate);
+    struct part part = part_of(self, buffer, ends);
+    self->ended = ends && part.instants == 0;
+    if (self->framer) {
+        if (self->probe && self->from_probe) take_in_probe(self, buffer);
+        run(self);
+        write_frame(self->framer, buffer);
+        if (self->framer->suppressor) {
+            const struct part next = part;
+            part = self->held;
+            self->held = next;
+        }
     }
+    return cut(self, buffer, &part);
+}
+
+gboolean frame_holds(const NaxAec *self) { return self->held.instants > 0; }
+
+gboolean frame_drain(NaxAec *self, GstBuffer *buffer)
+{
+    const struct part part = self->held;
+    self->held = (struct part){0};
+    silence(self->framer);
+    framer_advance(self->framer, self->framer->size);
+    write_frame(self->framer, buffer);
+    return cut(self, buffer, &part);
+}
+
+/* Silence as long as the delay lines. */
+void frame_forget(NaxAec *self)
+{
+    silence(self->framer);
+    for (gsize t = 0; t <= MAX_DELAY + self->framer->size; t += self->framer->size)
+        framer_advance(self->framer, self->framer->size);
 }

@@ -1,5 +1,8 @@
 /*
- * One frame: taken in, cancelled, measured.
+ * One frame: taken in, cancelled, measured, cut to what the microphones have of it.
+ *
+ * The suppressor hands out the frame before, so that is what a buffer is filled with, under
+ * its own timestamp.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -9,16 +12,25 @@
 #include "naxaec.h"
 
 /* Begins one of a number of sample instants with silence. */
-void frame_begin(NaxAec *self, guint instants);
+void frame_begin(NaxAec *self, GstBuffer *buffer, guint instants);
 
 /* Takes in what a pad has of it. */
 gboolean frame_take_in(GstAudioAggregator *aggregator, GstAudioAggregatorPad *pad, GstBuffer *in,
                        guint in_at, GstBuffer *out, guint out_at, guint instants);
 
-/* Runs the canceller and writes the frame. */
-void frame_cancel(NaxAec *self, GstBuffer *buffer);
+/* A gap of the microphones, by its buffer: it counts as audio, though the base class has
+ * nothing to take in. */
+void frame_note_gap(NaxAec *self, const GstSegment *segment, const GstBuffer *gap);
 
-/* The microphones' end is the end, also when the reference goes on. */
-void frame_trim(NaxAec *self, GstBuffer *buffer);
+/* Fills the buffer, which holds the place of the frame begun. Returns whether there is
+ * something to hand out. With `ends` the microphones' end is the frame's. */
+gboolean frame_finish(NaxAec *self, GstBuffer *buffer, gboolean ends);
+
+/* The same for the frame that is held, at the end of the audio or of the canceller. */
+gboolean frame_holds(const NaxAec *self);
+gboolean frame_drain(NaxAec *self, GstBuffer *buffer);
+
+/* Forgets all that was heard but not what was learnt about the room. */
+void frame_forget(NaxAec *self);
 
 #endif

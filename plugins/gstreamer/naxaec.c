@@ -14,7 +14,9 @@
 #include "naxaec.h"
 #include "format.h"
 #include "frame.h"
+#include "pads.h"
 #include "properties.h"
+#include "stream.h"
 
 GST_DEBUG_CATEGORY(nax_aec_debug);
 
@@ -31,15 +33,13 @@ static GstStaticPadTemplate reference_template = GST_STATIC_PAD_TEMPLATE(
 static GstStaticPadTemplate src_template =
     GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(CAPS("[ 1, 32 ]")));
 
-#define PARENT(kind) (GST_##kind##_CLASS(nax_aec_element_parent_class))
-
 static gboolean sink_query(GstAggregator *aggregator, GstAggregatorPad *pad, GstQuery *query)
 {
     if (GST_QUERY_TYPE(query) != GST_QUERY_CAPS)
         return PARENT(AGGREGATOR)->sink_query(aggregator, pad, query);
     GstCaps *filter;
     gst_query_parse_caps(query, &filter);
-    GstCaps *caps = format_accepted(NAX_AEC_ELEMENT(aggregator), GST_PAD(pad), filter);
+    GstCaps *caps = format_wish(NAX_AEC_ELEMENT(aggregator), GST_PAD(pad), filter);
     gst_query_set_caps_result(query, caps);
     gst_caps_unref(caps);
     return TRUE;
@@ -51,41 +51,58 @@ static gboolean sink_event(GstAggregator *aggregator, GstAggregatorPad *pad, Gst
         return PARENT(AGGREGATOR)->sink_event(aggregator, pad, event);
     GstCaps *caps;
     gst_event_parse_caps(event, &caps);
-    const gboolean fits = format_set(NAX_AEC_ELEMENT(aggregator), GST_PAD(pad), caps);
+    const gboolean fits = stream_set_caps(NAX_AEC_ELEMENT(aggregator), pad, caps);
     gst_event_unref(event);
     return fits;
 }
 
-static GstBuffer *create_output_buffer(GstAudioAggregator *aggregator, guint instants)
-{
-    format_adapt(NAX_AEC_ELEMENT(aggregator));
-    frame_begin(NAX_AEC_ELEMENT(aggregator), instants);
-    return PARENT(AUDIO_AGGREGATOR)->create_output_buffer(aggregator, instants);
-}
-
-static GstFlowReturn finish_buffer(GstAggregator *aggregator, GstBuffer *buffer)
+static gboolean start(GstAggregator *aggregator)
 {
     NaxAec *self = NAX_AEC_ELEMENT(aggregator);
-    const gboolean ends = gst_aggregator_pad_is_eos(GST_AGGREGATOR_PAD(self->mic));
-    if (self->failed || (ends && self->mic_instants == 0)) {
-        gst_buffer_unref(buffer);
-        return self->failed ? GST_FLOW_ERROR : GST_FLOW_EOS;
-    }
-    if (self->framer) frame_cancel(self, buffer);
-    if (ends) frame_trim(self, buffer);
-    return PARENT(AGGREGATOR)->finish_buffer(aggregator, buffer);
+    self->flushed = self->failed = FALSE;
+    stream_begin_anew(self);
+    return PARENT(AGGREGATOR)->start(aggregator);
+}
+
+/* Else the rate of the last time would be asked for the next time. */
+static gboolean forget_format(GstElement *element, GstPad *pad, gpointer data)
+{
+    (void)element, (void)data;
+    GST_OBJECT_LOCK(pad);
+    gst_audio_info_init(&GST_AUDIO_AGGREGATOR_PAD(pad)->info);
+    GST_OBJECT_UNLOCK(pad);
+    return TRUE;
 }
 
 static gboolean stop(GstAggregator *aggregator)
 {
     NaxAec *self = NAX_AEC_ELEMENT(aggregator);
+    gst_element_foreach_sink_pad(GST_ELEMENT(self), forget_format, NULL);
     framer_destroy(self->framer);
     self->framer = NULL;
     gst_clear_object(&self->probe);
     g_clear_pointer(&self->played, g_free);
+    self->probe_channels = 0;
     self->frames_without_probe = 0;
-    self->failed = FALSE;
+    properties_tell(self, 0, 0);
     return PARENT(AGGREGATOR)->stop(aggregator);
+}
+
+static GstFlowReturn flush(GstAggregator *aggregator)
+{
+    NaxAec *self = NAX_AEC_ELEMENT(aggregator);
+    stream_begin_anew(self);
+    self->flushed = TRUE;
+    return PARENT(AGGREGATOR)->flush(aggregator);
+}
+
+static GstStateChangeReturn change_state(GstElement *element, GstStateChange change)
+{
+    const GstStateChangeReturn result = PARENT(ELEMENT)->change_state(element, change);
+    GstPad *reference = pads_reference(NAX_AEC_ELEMENT(element));
+    if (change == GST_STATE_CHANGE_READY_TO_PAUSED && reference) pads_end_unlinked(reference);
+    gst_clear_object(&reference);
+    return result;
 }
 
 static GstPad *request_new_pad(GstElement *element, GstPadTemplate *template, const gchar *name,
@@ -93,28 +110,36 @@ static GstPad *request_new_pad(GstElement *element, GstPadTemplate *template, co
 {
     NaxAec *self = NAX_AEC_ELEMENT(element);
     (void)name;
-    if (self->reference) return NULL;
-    return self->reference = PARENT(ELEMENT)->request_new_pad(element, template, "reference", caps);
+    GST_OBJECT_LOCK(self);
+    const gboolean first = !self->has_reference;
+    self->has_reference = TRUE;
+    GST_OBJECT_UNLOCK(self);
+    if (!first) return NULL;
+    GstPad *pad = PARENT(ELEMENT)->request_new_pad(element, template, "reference", caps);
+    g_signal_connect(pad, "unlinked", G_CALLBACK(pads_end_unlinked), NULL);
+    pads_end_unlinked(pad);
+    return pad;
 }
 
 static GstAggregatorPad *create_new_pad(GstAggregator *aggregator, GstPadTemplate *template,
                                         const gchar *name, const GstCaps *caps)
 {
-    (void)aggregator, (void)name, (void)caps;
-    return g_object_new(GST_TYPE_AUDIO_AGGREGATOR_PAD, "name", "reference", "direction",
-                        GST_PAD_SINK, "template", template, NULL);
+    (void)aggregator, (void)caps;
+    return pads_create(template, name);
 }
 
 static void release_pad(GstElement *element, GstPad *pad)
 {
-    NaxAec *self = NAX_AEC_ELEMENT(element);
-    if (pad == self->reference) self->reference = NULL;
+    g_signal_handlers_disconnect_by_func(pad, pads_end_unlinked, NULL);
+    pads_before_release(NAX_AEC_ELEMENT(element));
     PARENT(ELEMENT)->release_pad(element, pad);
+    pads_after_release(NAX_AEC_ELEMENT(element));
 }
 
 static void finalize(GObject *object)
 {
     g_free(NAX_AEC_ELEMENT(object)->probe_name);
+    g_cond_clear(&NAX_AEC_ELEMENT(object)->gathered);
     G_OBJECT_CLASS(nax_aec_element_parent_class)->finalize(object);
 }
 
@@ -123,8 +148,8 @@ static void nax_aec_element_init(NaxAec *self)
     GstPadTemplate *template =
         gst_element_class_get_pad_template(GST_ELEMENT_GET_CLASS(self), "sink");
     self->settings = DEFAULT_SETTINGS;
-    self->mic = g_object_new(GST_TYPE_AUDIO_AGGREGATOR_PAD, "name", "sink", "direction",
-                             GST_PAD_SINK, "template", template, NULL);
+    g_cond_init(&self->gathered);
+    self->mic = GST_PAD(pads_create(template, "sink"));
     gst_element_add_pad(GST_ELEMENT(self), self->mic);
     gst_util_set_object_arg(G_OBJECT(self), "output-buffer-duration-fraction", "2/125");
     gst_util_set_object_arg(G_OBJECT(self), "start-time-selection", "first");
@@ -154,15 +179,21 @@ static void nax_aec_element_class_init(NaxAecClass *class)
         element, "Acoustic echo canceller", "Filter/Effect/Audio",
         "Removes what a loudspeaker plays from what microphones beside it hear",
         "the nax_aec authors");
+    element->change_state = change_state;
     element->request_new_pad = request_new_pad;
     element->release_pad = release_pad;
 
+    aggregator->start = start;
+    aggregator->stop = stop;
+    aggregator->flush = flush;
     aggregator->create_new_pad = create_new_pad;
     aggregator->sink_event = sink_event;
     aggregator->sink_query = sink_query;
     aggregator->update_src_caps = format_update_src_caps;
-    aggregator->finish_buffer = finish_buffer;
-    aggregator->stop = stop;
-    audio->create_output_buffer = create_output_buffer;
+    aggregator->get_next_time = stream_get_next_time;
+    aggregator->clip = stream_clip;
+    aggregator->aggregate = stream_aggregate;
+    aggregator->finish_buffer = stream_finish_buffer;
+    audio->create_output_buffer = stream_create_output_buffer;
     audio->aggregate_one_buffer = frame_take_in;
 }

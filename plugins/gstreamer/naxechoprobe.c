@@ -41,15 +41,20 @@ static GstStaticPadTemplate src_template =
 static GMutex probes_lock;
 static GList *probes;
 
-NaxEchoProbe *nax_echo_probe_find(const gchar *name)
+NaxEchoProbe *nax_echo_probe_find(const gchar *name, gint rate)
 {
     NaxEchoProbe *found = NULL;
     g_mutex_lock(&probes_lock);
-    for (GList *at = probes; at && !found; at = at->next) {
-        GST_OBJECT_LOCK(at->data);
-        if (!g_strcmp0(GST_OBJECT_NAME(at->data), name)) found = gst_object_ref(at->data);
-        GST_OBJECT_UNLOCK(at->data);
+    for (GList *at = probes; at; at = at->next) {
+        NaxEchoProbe *probe = at->data;
+        GST_OBJECT_LOCK(probe);
+        const gboolean named = !g_strcmp0(GST_OBJECT_NAME(probe), name);
+        const gboolean plays = probe->rate == rate;
+        GST_OBJECT_UNLOCK(probe);
+        if (named && (plays || !found)) found = probe;
+        if (named && plays) break;
     }
+    if (found) gst_object_ref(found);
     g_mutex_unlock(&probes_lock);
     return found;
 }

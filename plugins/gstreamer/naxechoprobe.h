@@ -12,8 +12,9 @@
 
 G_DECLARE_FINAL_TYPE(NaxEchoProbe, nax_echo_probe, NAX, ECHO_PROBE, GstBaseTransform)
 
-/* The probe of a name, with a reference that the caller drops, or null. */
-NaxEchoProbe *nax_echo_probe_find(const gchar *name);
+/* The probe of a name, with a reference that the caller drops, or null. Of several the one
+ * that plays at the rate, of several of those the newest. */
+NaxEchoProbe *nax_echo_probe_find(const gchar *name, gint rate);
 
 /* Channels played at a rate; 0 when nothing plays yet or at another rate. */
 gint nax_echo_probe_channels(NaxEchoProbe *probe, gint rate);

@@ -5,6 +5,8 @@
  */
 #include "properties.h"
 
+#include <string.h>
+
 enum {
     PROPERTY_PROBE = 1,
     PROPERTY_REFS,
@@ -20,78 +22,124 @@ enum {
 };
 static GParamSpec *properties[PROPERTIES];
 
+enum { MICS_FIRST, REFS_FIRST };
+
+static GType order_type(void)
+{
+    static gsize type;
+    static const GEnumValue values[] = {{MICS_FIRST, "Microphones first", "mics-first"},
+                                        {REFS_FIRST, "References first", "refs-first"},
+                                        {0, NULL, NULL}};
+    if (g_once_init_enter(&type))
+        g_once_init_leave(&type, g_enum_register_static("NaxAecOrder", values));
+    return type;
+}
+
 void properties_install(GObjectClass *object)
 {
     const GParamFlags read = G_PARAM_READABLE | G_PARAM_STATIC_STRINGS;
-    const GParamFlags both = read | G_PARAM_WRITABLE;
+    const GParamFlags ready = read | G_PARAM_WRITABLE | GST_PARAM_MUTABLE_READY;
+    const GParamFlags playing = read | G_PARAM_WRITABLE | GST_PARAM_MUTABLE_PLAYING;
     properties[PROPERTY_PROBE] = g_param_spec_string(
-        "probe", "Probe", "Name of the naxechoprobe in the playback pipeline", NULL, both);
+        "probe", "Probe",
+        "Name of the naxechoprobe in the playback pipeline, where neither the reference pad nor "
+        "refs is used",
+        NULL, playing);
     properties[PROPERTY_REFS] =
-        g_param_spec_int("refs", "References", "References among the channels of the sink pad", 0,
-                         MAX_REFS, 0, both);
-    properties[PROPERTY_ORDER] = g_param_spec_string(
-        "order", "Order", "Of these channels: mics-first or refs-first", "mics-first", both);
+        g_param_spec_int("refs", "References",
+                         "Channels of the sink pad that are references; 0: all are microphones", 0,
+                         MAX_REFS, 0, ready);
+    properties[PROPERTY_ORDER] =
+        g_param_spec_enum("order", "Order", "Which come first at the sink pad, if refs says any",
+                          order_type(), MICS_FIRST, playing);
     properties[PROPERTY_DROP] = g_param_spec_int(
-        "drop", "Drop", "Keep the last references from the canceller", 0, MAX_REFS, 0, both);
-    properties[PROPERTY_DELAY] =
-        g_param_spec_int("delay", "Delay", "Where the search for the echo starts, in samples", 0,
-                         MAX_DELAY, 0, both);
+        "drop", "Drop", "Number of references, the last ones, that are kept from the canceller", 0,
+        MAX_REFS, 0, playing);
+    properties[PROPERTY_DELAY] = g_param_spec_int(
+        "delay", "Delay", "Where the search for the echo starts, in samples after the reference", 0,
+        MAX_DELAY, 0, playing);
     properties[PROPERTY_DELAY_ESTIMATION] = g_param_spec_boolean(
         "delay-estimation", "Delay estimation",
-        "Find the echo's delay; else the reference stays where it is", TRUE, both);
+        "Find the echo's delay and follow it; else the reference is held back by delay", TRUE,
+        playing);
     properties[PROPERTY_REMAP] = g_param_spec_string(
         "remap", "Remap",
-        "Channels, from 0, that are the microphones, as in 1,0; the reference's follow the sink's",
-        "", both);
+        "Channels, from 0, that are the microphones, as in \"1,0\"; the reference's follow the "
+        "sink pad's; empty: in their order",
+        "", playing);
     properties[PROPERTY_SUPPRESS] = g_param_spec_boolean(
         "suppress", "Suppress",
-        "Suppress the echo that the canceller leaves; sound comes out 16 ms later than its "
-        "timestamps",
-        FALSE, both);
+        "Suppress the echo that the canceller leaves, for 16 ms more of latency", FALSE, playing);
     properties[PROPERTY_APPLIED_DELAY] = g_param_spec_int(
         "applied-delay", "Applied delay",
-        "Samples that the reference is held back; changes are notified", 0, MAX_DELAY, 0, read);
+        "Samples that the reference is held back, notified when it changes", 0, MAX_DELAY, 0, read);
     properties[PROPERTY_ECHO_REMOVED] = g_param_spec_double(
         "echo-removed", "Echo removed",
         "Level of the microphones less that of the output, in dB, over the last two seconds in "
-        "which something was played",
+        "which something was played; not notified",
         -100, 100, 0, read);
     g_object_class_install_properties(object, PROPERTIES, properties);
+    gst_type_mark_as_plugin_api(order_type(), 0);
 }
 
-static void set_text(NaxAec *self, const gchar *name, const gchar *text)
+/* Returns null, or what is wrong with the value. */
+static const char *set_setting(struct settings *settings, guint id, const GValue *value)
 {
+    switch (id) {
+    case PROPERTY_ORDER: settings->mics_first = g_value_get_enum(value) == MICS_FIRST; break;
+    case PROPERTY_DROP: settings->drop = g_value_get_int(value); break;
+    case PROPERTY_DELAY: settings->delay = g_value_get_int(value); break;
+    case PROPERTY_DELAY_ESTIMATION: settings->delay_estimation = g_value_get_boolean(value); break;
+    case PROPERTY_SUPPRESS: settings->suppress = g_value_get_boolean(value); break;
+    default: {
+        const gchar *text = g_value_get_string(value);
+        return settings_set(settings, "remap", text ? text : "");
+    }
+    }
+    return NULL;
+}
+
+static void set_settings(NaxAec *self, guint id, const GValue *value)
+{
+    GST_OBJECT_LOCK(self);
     struct settings settings = self->settings;
-    const char *fault = settings_set(&settings, name, text ? text : "");
-    if (fault)
-        g_warning("naxaec: %s: '%s' %s", name, text ? text : "", fault);
-    else
+    const char *fault = set_setting(&settings, id, value);
+    if (!fault) {
+        self->settings_changed |= memcmp(&settings, &self->settings, sizeof settings) != 0;
         self->settings = settings;
+    }
+    GST_OBJECT_UNLOCK(self);
+    if (fault) g_warning("naxaec: remap: '%s' %s", g_value_get_string(value), fault);
+    if (id == PROPERTY_SUPPRESS) {
+        const GstClockTime latency = (settings.suppress ? 2 : 1) * NAX_AEC_FRAME_TIME;
+        gst_aggregator_set_latency(GST_AGGREGATOR(self), latency, latency);
+    }
 }
 
 void properties_set(GObject *object, guint id, const GValue *value, GParamSpec *spec)
 {
     NaxAec *self = NAX_AEC_ELEMENT(object);
-    GST_OBJECT_LOCK(self);
     switch (id) {
     case PROPERTY_PROBE:
+        GST_OBJECT_LOCK(self);
         g_free(self->probe_name);
         self->probe_name = g_value_dup_string(value);
         self->probe_changed = TRUE;
+        GST_OBJECT_UNLOCK(self);
         break;
-    case PROPERTY_REFS: self->captured_refs = g_value_get_int(value); break;
-    case PROPERTY_DROP: self->settings.drop = g_value_get_int(value); break;
-    case PROPERTY_DELAY: self->settings.delay = g_value_get_int(value); break;
-    case PROPERTY_DELAY_ESTIMATION:
-        self->settings.delay_estimation = g_value_get_boolean(value);
+    case PROPERTY_REFS:
+        GST_OBJECT_LOCK(self);
+        self->captured_refs = g_value_get_int(value);
+        GST_OBJECT_UNLOCK(self);
         break;
-    case PROPERTY_SUPPRESS: self->settings.suppress = g_value_get_boolean(value); break;
     case PROPERTY_ORDER:
-    case PROPERTY_REMAP: set_text(self, spec->name, g_value_get_string(value)); break;
+    case PROPERTY_DROP:
+    case PROPERTY_DELAY:
+    case PROPERTY_DELAY_ESTIMATION:
+    case PROPERTY_REMAP:
+    case PROPERTY_SUPPRESS: set_settings(self, id, value); break;
     default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
     }
-    self->settings_changed |= id != PROPERTY_PROBE;
-    GST_OBJECT_UNLOCK(self);
 }
 
 static void get_remap(const struct settings *settings, GValue *value)
@@ -111,7 +159,7 @@ void properties_get(GObject *object, guint id, GValue *value, GParamSpec *spec)
     case PROPERTY_PROBE: g_value_set_string(value, self->probe_name); break;
     case PROPERTY_REFS: g_value_set_int(value, self->captured_refs); break;
     case PROPERTY_ORDER:
-        g_value_set_static_string(value, self->settings.mics_first ? "mics-first" : "refs-first");
+        g_value_set_enum(value, self->settings.mics_first ? MICS_FIRST : REFS_FIRST);
         break;
     case PROPERTY_DROP: g_value_set_int(value, self->settings.drop); break;
     case PROPERTY_DELAY: g_value_set_int(value, self->settings.delay); break;
@@ -127,7 +175,12 @@ void properties_get(GObject *object, guint id, GValue *value, GParamSpec *spec)
     GST_OBJECT_UNLOCK(self);
 }
 
-void properties_notify_applied_delay(NaxAec *self)
+void properties_tell(NaxAec *self, gint applied_delay, gdouble echo_removed)
 {
-    g_object_notify_by_pspec(G_OBJECT(self), properties[PROPERTY_APPLIED_DELAY]);
+    GST_OBJECT_LOCK(self);
+    const gboolean moved = self->applied_delay != applied_delay;
+    self->applied_delay = applied_delay;
+    self->echo_removed = echo_removed;
+    GST_OBJECT_UNLOCK(self);
+    if (moved) g_object_notify_by_pspec(G_OBJECT(self), properties[PROPERTY_APPLIED_DELAY]);
 }

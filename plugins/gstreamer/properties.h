@@ -11,6 +11,7 @@
 void properties_install(GObjectClass *object);
 void properties_set(GObject *object, guint id, const GValue *value, GParamSpec *spec);
 void properties_get(GObject *object, guint id, GValue *value, GParamSpec *spec);
-void properties_notify_applied_delay(NaxAec *self);
+/* Takes what the read-only ones say now; notifies of a delay that moved. */
+void properties_tell(NaxAec *self, gint applied_delay, gdouble echo_removed);
 
 #endif
