@@ -36,7 +36,8 @@ def frame_powers(x, rate):
 
 
 def smoothed(powers, frames):
-    """Running mean of powers (frames) over so many."""
+    """Running mean of powers (frames) over so many, or over all."""
+    frames = min(frames, len(powers))
     return np.convolve(powers, np.ones(frames) / frames, "same")
 
 
@@ -109,12 +110,16 @@ def draw_signals(wave, level, signals, near, rate):
     level.set(title="Levels", ylabel="level (dBFS)")
 
 
-def draw_removed(axis, removed):
-    """Echo removed over time."""
-    axis.plot(FRAME_S * np.arange(len(removed)), removed, color="tab:blue", linewidth=1)
+def draw_removed(axis, curves):
+    """Removed over time, curves [(name, frames, colour)]."""
+    for name, removed, colour in curves:
+        axis.plot(FRAME_S * np.arange(len(removed)), removed, color=colour, linewidth=1, label=name)
     axis.axhline(0, color="0.5", linewidth=0.8)
     axis.set(title="Removed from the microphone over a second while a reference plays "
                    "(a near-end talker stays in)", ylabel="removed (dB)")
+    if all(np.isnan(removed).all() for _, removed, _ in curves):
+        axis.set(ylim=(-1, 1))
+        axis.annotate("no reference plays", (0.5, 0.6), xycoords="axes fraction", ha="center")
 
 
 def draw_delay(axis, times, delays, knots, rate):
@@ -122,7 +127,9 @@ def draw_delay(axis, times, delays, knots, rate):
     if knots:
         axis.plot(times, 1e3 * true_delays(knots, times) / rate, color="tab:green", linestyle=":", label="true")
     axis.step(times, 1e3 * delays / rate, where="post", color="tab:blue", label="applied")
-    axis.set(title=f"Delay found: {delays[-1]:.0f} samples, {1e3 * delays[-1] / rate:.1f} ms at the end",
+    found = f"{delays[-1]:.0f} samples, {1e3 * delays[-1] / rate:.1f} ms"
+    moved = np.any(delays != delays[0])
+    axis.set(title=f"Delay found: {found} at the end" if moved else f"Delay: {found}, where the search starts",
              ylabel="delay (ms)", xlabel="time (s)")
     top = 1e3 * max(delays.max(), *(delay for _, delay in knots or [(0, 0)])) / rate
     axis.set_ylim(-5, max(10, 1.15 * top))
@@ -143,6 +150,8 @@ def main():
     rate, all_cleaned = read(options.cleaned)
     channels = read(options.input)[1]
     mic, refs, cleaned = channels[0], channels[len(all_cleaned):], all_cleaned[0]
+    if len(mic) < round(FRAME_S * rate):
+        sys.exit(f"chart.py: {options.input}: is shorter than a frame, there is nothing to chart")
     near = read(options.near)[1][0][:len(cleaned)] if options.near else None
     times, delays = np.loadtxt(options.delays, delimiter=",", skiprows=1, ndmin=2).T
     knots = None
@@ -163,21 +172,21 @@ def main():
             print_echo(mic, suppressed, scene["far_only"], rate)
             print_near_end(mic, suppressed, near, rate)
 
-    removed = removed_db(mic, cleaned, refs, rate)
+    curves = [(name, removed_db(mic, x, refs, rate), colour) for name, x, colour in signals[1:]]
     figure, (wave, level, over_time, delay) = plt.subplots(
         4, 1, sharex=True, figsize=(11, 10), height_ratios=(2, 2, 1.3, 1.3), layout="constrained")
     figure.suptitle(options.title)
     draw_signals(wave, level, signals, near, rate)
-    draw_removed(over_time, removed)
+    draw_removed(over_time, curves)
     draw_delay(delay, times, delays, knots, rate)
     for panel in (wave, level, over_time, delay):
         panel.grid(alpha=0.3)
         panel.title.set(fontsize="medium", ha="left", x=0)
         if panel.get_legend_handles_labels()[0]:            # beside the title, clear of the curves
-            panel.legend(loc="lower right", bbox_to_anchor=(1, 0.98), ncols=3, fontsize="small", frameon=False)
+            panel.legend(loc="lower right", bbox_to_anchor=(1, 0.98), ncols=4, fontsize="small", frameon=False)
     delay.set_xlim(0, len(mic) / rate)
     figure.savefig(options.chart, dpi=110)
-    return 3 if not np.nanmax(removed, initial=0) >= LITTLE_DB else 0
+    return 3 if not np.nanmax(curves[0][1], initial=0) >= LITTLE_DB else 0
 
 
 if __name__ == "__main__":

@@ -1,5 +1,7 @@
 """What was measured as a chart: delay, spectra, coherence. A channel has one colour
 throughout."""
+import os
+
 import matplotlib
 import numpy as np
 
@@ -61,7 +63,7 @@ def draw(m, audio, path):
                                 "axes.spines.top": False, "axes.spines.right": False})
     colours = pyplot.get_cmap("tab10").colors
     figure, (upper, middle, lower) = pyplot.subplots(3, 1, figsize=(7.5, 7.8))
-    figure.suptitle(f"Diagnosis of {m.name}", x=0.01, ha="left", fontsize=11)
+    figure.suptitle(f"Diagnosis of {os.path.basename(m.name)}", x=0.01, ha="left", fontsize=11)
     _draw_delay(upper, m, colours)
     _draw_spectra(middle, m, audio, colours)
     _draw_coherence(lower, m, audio, colours)
