@@ -533,7 +533,7 @@ class Files(unittest.TestCase):
     def test_it_starts_as_a_program(self):
         result = subprocess.run([sys.executable, "-B", str(PROGRAM), "--help"], capture_output=True, text=True)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
-        self.assertTrue(result.stdout.startswith("usage: diagnose_wav"))
+        self.assertTrue(result.stdout.startswith("Usage: diagnose_wav [OPTION]"))
 
 
 if __name__ == "__main__":

@@ -40,7 +40,11 @@ def binding():
     in_tree = pathlib.Path(__file__).resolve().parents[2] / "python"
     if (in_tree / "nax_aec").is_dir() and str(in_tree) not in sys.path:
         sys.path.insert(0, str(in_tree))
-    import nax_aec
+    try:
+        import nax_aec
+    except ImportError as error:
+        raise ImportError("the Python package nax_aec is missing for this Python (pip install ./python, or "
+                          "python3-nax-aec)" if error.name == "nax_aec" else str(error)) from None
     return nax_aec
 
 
