@@ -21,7 +21,7 @@ enum { NOT_GIVEN = -1 };
 extern const char PROGRAM[], USAGE[];
 
 #define USAGE_DELAY                                                                                \
-    "Delay:\n"                                                                                      \
+    "Delay:\n"                                                                                     \
     "  --delay SAMPLES        where the search starts, 0 to 12288 (default 0): delay_len\n"        \
     "  --look-ahead SAMPLES   0 to 12288 (default 0), changes no audio: look_ahead\n"              \
     "  --no-delay-estimation  leave the reference where it is\n"
