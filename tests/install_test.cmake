@@ -86,20 +86,27 @@ unset(ENV{PKG_CONFIG_LIBDIR})
 unset(ENV{LD_LIBRARY_PATH})
 
 # As part of another project, which installs its own program alone.
-build(part -D HOW=add_subdirectory -D SOURCE=${SOURCE} -D BUILD_SHARED_LIBS=ON -D STATIC=OFF)
+build(part -D HOW=add_subdirectory -D SOURCE=${SOURCE} -D BUILD_SHARED_LIBS=ON -D STATIC=OFF
+    -D NAX_AEC_KISSFFT_SOURCE=${KISSFFT_SOURCE})
 run(${CMAKE_COMMAND} --install ${SCRATCH}/part --prefix ${SCRATCH}/part_installed)
 file(GLOB_RECURSE installed RELATIVE ${SCRATCH}/part_installed ${SCRATCH}/part_installed/*)
 expect("what is installed" "${installed}" bin/consumer)
 file(GLOB_RECURSE built RELATIVE ${SCRATCH}/part ${SCRATCH}/part/*.so ${SCRATCH}/part/*.a
     ${SCRATCH}/part/*_test)
+list(FILTER built EXCLUDE REGEX kissfft_source)
 expect("what is built" "${built}" "nax_aec/libnax_aec.so;nax_aec/libnax_res.so")
 
 # Fetched and installed, into folders that are not below the prefix; static, and with
 # kissfft compiled in: one that never has memory.
 set(kissfft ${SCRATCH}/kissfft)
-run(${PKG_CONFIG} --variable=includedir kissfft-float)
-string(STRIP "${output}" output)
-file(COPY ${output}/kissfft/ DESTINATION ${kissfft})
+set(headers ${KISSFFT_SOURCE})
+if(NOT headers)
+    run(${PKG_CONFIG} --variable=includedir kissfft-float)
+    string(STRIP "${output}" headers)
+    string(APPEND headers /kissfft)
+endif()
+file(GLOB headers ${headers}/*.h)
+file(COPY ${headers} DESTINATION ${kissfft})
 file(WRITE ${kissfft}/kiss_fft.c "")
 file(WRITE ${kissfft}/kiss_fftr.c "#include <kiss_fftr.h>
     kiss_fftr_cfg kiss_fftr_alloc(int n, int inverse, void *at, size_t *size) { return NULL; }
