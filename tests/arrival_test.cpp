@@ -4,6 +4,8 @@
 
 #include "signals.h"
 
+#include <algorithm>
+
 static constexpr float KEEP = 0.97f;
 
 // A record that hears noise and its echo through a response.

@@ -7,6 +7,8 @@
 #include "engines/lag_peaks.h"
 #include "engines/logtab.h"
 
+#include <algorithm>
+
 using nax::HOP;
 using nax::Memory;
 

@@ -7,6 +7,7 @@
 
 #include "state/state.h"
 
+#include <algorithm>
 #include <optional>
 
 static constexpr int32_t LINE = 12288; // the largest delay that can be applied

@@ -5,6 +5,8 @@
 
 #include "state/state.h"
 
+#include <algorithm>
+
 using scripted::cleaned_sample;
 using scripted::echo_sample;
 using scripted::record;

@@ -4,6 +4,7 @@
 // commands of the programs.
 #include "programs.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>

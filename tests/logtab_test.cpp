@@ -3,6 +3,7 @@
 
 #include "support.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <thread>
 

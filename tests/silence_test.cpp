@@ -5,6 +5,7 @@
 #include "extremes.h"
 #include "signals.h"
 
+#include <algorithm>
 #include <cfenv>
 
 #if defined(__SSE2__)

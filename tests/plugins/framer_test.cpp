@@ -5,6 +5,8 @@ extern "C" {
 #include "framer.h"
 }
 
+#include <algorithm>
+
 namespace {
 
 struct Destroy {

@@ -1,6 +1,7 @@
 // The inner loops where the blocks' own tests do not show them.
 #include "powers.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace nax::res {

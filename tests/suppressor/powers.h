@@ -5,6 +5,8 @@
 
 #include "signals.h"
 
+#include <algorithm>
+
 namespace nax::res {
 
 inline constexpr int32_t FRAME_SIZES[] = {128, 256, 512, 768};

@@ -2,6 +2,7 @@
 
 #include "powers.h"
 
+#include <algorithm>
 #include <memory>
 
 namespace nax::res {

@@ -5,6 +5,8 @@
 
 #include "signals.h"
 
+#include <algorithm>
+
 struct ReleaseSuppressor {
     void operator()(nax_res_state *state) const { nax_res_state_destroy(state); }
 };
