@@ -83,6 +83,19 @@ static int start(snd_pcm_extplug_t *ext)
     return 0;
 }
 
+/* Where the slave's channels sit in a room says nothing of the cleaned microphones. */
+static snd_pcm_chmap_query_t **no_maps(snd_pcm_extplug_t *ext)
+{
+    (void)ext;
+    return NULL;
+}
+
+static snd_pcm_chmap_t *no_map(snd_pcm_extplug_t *ext)
+{
+    (void)ext;
+    return NULL;
+}
+
 static int close_plugin(snd_pcm_extplug_t *ext)
 {
     struct plugin *plugin = ext->private_data;
@@ -139,18 +152,30 @@ static int constrain(snd_pcm_extplug_t *ext, const struct settings *settings)
     if (status >= 0)
         status =
             snd_pcm_extplug_set_slave_param(ext, SND_PCM_EXTPLUG_HW_FORMAT, SND_PCM_FORMAT_S16);
+    if (status < 0) return status;
+    /* A program would only be told that no configuration is available. */
+    snd_pcm_hw_params_t *possible;
+    snd_pcm_hw_params_alloca(&possible);
+    status = snd_pcm_hw_params_any(ext->pcm, possible);
+    if (status < 0)
+        SNDERR("nax_aec: slave.pcm cannot capture %u channels (mics and refs) of 16 bits",
+               channels);
     return status;
 }
 
-static const snd_pcm_extplug_callback_t CALLBACKS = {
-    .transfer = transfer, .hw_params = set_up, .init = start, .close = close_plugin};
+static const snd_pcm_extplug_callback_t CALLBACKS = {.transfer = transfer,
+                                                     .hw_params = set_up,
+                                                     .init = start,
+                                                     .query_chmaps = no_maps,
+                                                     .get_chmap = no_map,
+                                                     .close = close_plugin};
 
 SND_PCM_PLUGIN_DEFINE_FUNC(nax_aec)
 {
     struct settings settings = DEFAULT_SETTINGS;
     snd_config_t *slave = NULL;
     if (stream != SND_PCM_STREAM_CAPTURE) {
-        SNDERR("nax_aec: captures only");
+        SNDERR("nax_aec: captures only, for playback name another device");
         return -EINVAL;
     }
     int status = read_settings(&settings, conf, &slave);

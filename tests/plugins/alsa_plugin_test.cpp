@@ -1,9 +1,25 @@
 // The ALSA plugin as a program sees it: a device from a stanza of a configuration. It
 // captures from a device of the test's own, see alsa_source.c. PLUGIN and SOURCE are the
 // two plugins' files.
+#include "audio_thread.h"
+#include "memory.h"
 #include "recording.h"
 
 #include <alsa/asoundlib.h>
+#include <alsa/pcm_external.h>
+#include <alsa/pcm_extplug.h>
+#include <dlfcn.h>
+
+// The plugin as ALSA knows it; it makes itself known by this call.
+static snd_pcm_extplug_t *made;
+
+extern "C" int snd_pcm_extplug_create(snd_pcm_extplug_t *ext, const char *name, snd_config_t *root,
+                                      snd_config_t *slave, snd_pcm_stream_t stream, int mode)
+{
+    made = ext;
+    return reinterpret_cast<decltype(&snd_pcm_extplug_create)>(
+        dlsym(RTLD_NEXT, "snd_pcm_extplug_create"))(ext, name, root, slave, stream, mode);
+}
 
 namespace {
 
@@ -17,51 +33,83 @@ protected:
         if (!HasFailure()) std::filesystem::remove_all(folder);
     }
 
-    // The device "cleaned" over a recording; settings as in a stanza.
-    void configure(const Recording &recording, const std::string &settings)
+    // The device "cleaned" over a recording, and "mic" over that; settings as in a stanza.
+    void configure(const Recording &recording, const std::string &settings,
+                   const std::string &slave = "board", const std::string &source = "")
     {
         write_raw(folder + "/all.raw", recording.samples);
-        const std::string path = folder + "/asound.conf";
+        const std::string path = folder + "/asound.conf", rate = std::to_string(recording.rate);
         std::ofstream(path) << "pcm_type.nax_aec.lib \"" PLUGIN "\"\n"
                             << "pcm_type.nax_test_source.lib \"" SOURCE "\"\n"
                             << "pcm.board { type nax_test_source file \"" << folder
-                            << "/all.raw\" channels " << recording.channels() << " rate "
-                            << recording.rate << " }\n"
-                            << "pcm.cleaned { type nax_aec slave.pcm board mics " << recording.mics
-                            << " refs " << recording.refs << " " << settings << " }\n";
+                            << "/all.raw\" channels " << recording.channels() << " rate " << rate
+                            << " " << source << " }\n"
+                            << "pcm.plugged { type plug slave.pcm board }\n"
+                            << "pcm.cleaned { type nax_aec slave.pcm " << slave << " mics "
+                            << recording.mics << " refs " << recording.refs << " " << settings
+                            << " }\n"
+                            << "pcm.mic { type plug slave { pcm cleaned rate " << rate << " } }\n";
         setenv("ALSA_CONFIG_PATH", path.c_str(), 1);
         snd_config_update_free_global(); // what was read before
     }
 
-    snd_pcm_t *open()
+    snd_pcm_t *open(const char *device = "cleaned", int mode = 0,
+                    snd_pcm_stream_t direction = SND_PCM_STREAM_CAPTURE)
     {
         snd_pcm_t *pcm = nullptr;
-        messages = standard_error_of(
-            [&] { status = snd_pcm_open(&pcm, "cleaned", SND_PCM_STREAM_CAPTURE, 0); });
+        messages = standard_error_of([&] { status = snd_pcm_open(&pcm, device, direction, mode); });
         return pcm;
+    }
+
+    // Opens and starts a device for a recording; periods as long as asked for, more or less.
+    snd_pcm_t *start(const Recording &recording, const char *device = "cleaned",
+                     snd_pcm_access_t access = SND_PCM_ACCESS_RW_INTERLEAVED, int mode = 0,
+                     snd_pcm_uframes_t period = 480)
+    {
+        snd_pcm_t *pcm = open(device, mode);
+        EXPECT_EQ(status, 0) << messages;
+        if (!pcm) return nullptr;
+        snd_pcm_hw_params_t *params;
+        snd_pcm_hw_params_alloca(&params);
+        snd_pcm_hw_params_any(pcm, params);
+        snd_pcm_hw_params_set_access(pcm, params, access);
+        snd_pcm_hw_params_set_format(pcm, params, SND_PCM_FORMAT_S16);
+        snd_pcm_hw_params_set_channels(pcm, params, static_cast<unsigned>(recording.mics));
+        snd_pcm_hw_params_set_rate(pcm, params, static_cast<unsigned>(recording.rate), 0);
+        snd_pcm_uframes_t buffer = 4 * period;
+        snd_pcm_hw_params_set_period_size_near(pcm, params, &period, nullptr);
+        snd_pcm_hw_params_set_buffer_size_near(pcm, params, &buffer);
+        messages = standard_error_of([&] { status = snd_pcm_hw_params(pcm, params); });
+        EXPECT_EQ(status, 0) << messages;
+        EXPECT_EQ(snd_pcm_start(pcm), 0);
+        return pcm;
+    }
+
+    // Reads so many sample instants; waits for them where the device does not.
+    static Samples read(snd_pcm_t *pcm, const Recording &recording, size_t instants,
+                        const std::vector<snd_pcm_uframes_t> &pieces, bool mapped = false)
+    {
+        Samples captured(instants * recording.mics);
+        for (size_t done = 0, piece = 0; done < instants; piece++) {
+            const auto wanted =
+                std::min<snd_pcm_uframes_t>(pieces[piece % pieces.size()], instants - done);
+            int16_t *to = &captured[done * recording.mics];
+            const auto got =
+                mapped ? snd_pcm_mmap_readi(pcm, to, wanted) : snd_pcm_readi(pcm, to, wanted);
+            if (got == -EAGAIN && snd_pcm_wait(pcm, 10000) == 1) continue;
+            EXPECT_GT(got, 0) << snd_strerror(static_cast<int>(got));
+            if (got <= 0) break;
+            done += static_cast<size_t>(got);
+        }
+        return captured;
     }
 
     // Everything that the device gives of a recording, read in pieces of changing size.
     Samples capture(const Recording &recording, const std::vector<snd_pcm_uframes_t> &pieces)
     {
-        snd_pcm_t *pcm = open();
-        EXPECT_EQ(status, 0) << messages;
+        snd_pcm_t *pcm = start(recording);
         if (!pcm) return {};
-        standard_error_of([&] {
-            status = snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16, SND_PCM_ACCESS_RW_INTERLEAVED,
-                                        static_cast<unsigned>(recording.mics),
-                                        static_cast<unsigned>(recording.rate), 0, 20000);
-        });
-        EXPECT_EQ(status, 0) << snd_strerror(status);
-        Samples captured(recording.instants() * recording.mics);
-        for (size_t done = 0, piece = 0; done < recording.instants() && status == 0; piece++) {
-            const auto wanted = std::min<snd_pcm_uframes_t>(pieces[piece % pieces.size()],
-                                                            recording.instants() - done);
-            const auto got = snd_pcm_readi(pcm, &captured[done * recording.mics], wanted);
-            EXPECT_GT(got, 0) << snd_strerror(static_cast<int>(got));
-            if (got <= 0) break;
-            done += static_cast<size_t>(got);
-        }
+        const Samples captured = read(pcm, recording, recording.instants(), pieces);
         snd_pcm_close(pcm);
         return captured;
     }
@@ -80,6 +128,53 @@ TEST_F(AlsaPlugin, GivesTheBytesOfCancelWavAFrameLaterWhateverTheSizeOfTheReads)
             capture(recording, {160, 1, 767, 1000, 333}) ==
             later(cancelled(folder, recording), static_cast<size_t>(rate * 2 / 125), channels))
             << rate;
+    }
+}
+
+TEST_F(AlsaPlugin, GivesTheSameToEveryKindOfReaderAndWithConversionOnEitherSide)
+{
+    struct Way {
+        const char *device, *slave;
+        snd_pcm_access_t access;
+        int mode;
+        snd_pcm_uframes_t period;
+    };
+    const Way ways[] = {
+        {"cleaned", "board", SND_PCM_ACCESS_MMAP_INTERLEAVED, 0, 768},
+        {"cleaned", "board", SND_PCM_ACCESS_RW_INTERLEAVED, SND_PCM_NONBLOCK, 333},
+        {"cleaned", "board", SND_PCM_ACCESS_MMAP_INTERLEAVED, SND_PCM_NONBLOCK, 37},
+        {"mic", "board", SND_PCM_ACCESS_RW_INTERLEAVED, 0, 500},
+        {"cleaned", "plugged", SND_PCM_ACCESS_RW_INTERLEAVED, 0, 500},
+    };
+    const Recording recording = make_recording(16000, 2, 1, 1.0);
+    const Samples expected = later(cancelled(folder, recording), 256, 2);
+    for (const Way &way : ways) {
+        configure(recording, "", way.slave);
+        snd_pcm_t *pcm = start(recording, way.device, way.access, way.mode, way.period);
+        ASSERT_TRUE(pcm);
+        EXPECT_TRUE(read(pcm, recording, recording.instants(), {160, 1, 767},
+                         way.access == SND_PCM_ACCESS_MMAP_INTERLEAVED) == expected)
+            << way.device << " over " << way.slave << ", period " << way.period;
+        snd_pcm_close(pcm);
+    }
+}
+
+TEST_F(AlsaPlugin, ServesTwoReadersAtOnceEachAsIfAlone)
+{
+    const Recording recording = make_recording(16000, 1, 1, 1.0);
+    const Samples expected = later(cancelled(folder, recording), 256, 1);
+    configure(recording, "");
+    snd_pcm_t *pcm[] = {start(recording), start(recording)};
+    Samples captured[2];
+    for (size_t done = 0; done < recording.instants(); done += 1000)
+        for (size_t i = 0; i < 2; i++) {
+            const Samples piece =
+                read(pcm[i], recording, std::min<size_t>(1000, recording.instants() - done), {333});
+            captured[i].insert(captured[i].end(), piece.begin(), piece.end());
+        }
+    for (size_t i = 0; i < 2; i++) {
+        EXPECT_TRUE(captured[i] == expected) << i;
+        snd_pcm_close(pcm[i]);
     }
 }
 
@@ -108,7 +203,8 @@ TEST_F(AlsaPlugin, RefusesAStanzaThatItCannotServeAndNamesTheSetting)
     const char *const faults[][2] = {{"delay 20000", "delay: '20000' is not"},
                                      {"drop 2", "drop is more than refs"},
                                      {"echoes no", "echoes: 'no' is no setting"},
-                                     {"remap \"0,1\"", "remap does not name"}};
+                                     {"remap \"0,1\"", "remap does not name"},
+                                     {"refs 2", "slave.pcm cannot capture 3 channels"}};
     for (const auto &[settings, reason] : faults) {
         configure(recording, settings);
         open();
@@ -132,24 +228,99 @@ TEST_F(AlsaPlugin, RefusesARateOfAnotherKindAndNamesThoseThatItTakes)
     snd_pcm_close(pcm);
 }
 
+TEST_F(AlsaPlugin, RefusesToPlayAndSaysSo)
+{
+    configure(make_recording(16000, 1, 1, 0.0), "");
+    open("cleaned", 0, SND_PCM_STREAM_PLAYBACK);
+    EXPECT_EQ(status, -EINVAL);
+    EXPECT_NE(messages.find("captures only"), std::string::npos) << messages;
+}
+
+TEST_F(AlsaPlugin, DoesNotPassOnTheMapOfTheSlavesChannels)
+{
+    const Recording recording = make_recording(16000, 1, 1, 0.1);
+    configure(recording, "");
+    for (const auto &[device, mapped] : {std::pair{"board", true}, {"cleaned", false}}) {
+        snd_pcm_t *pcm = start({16000, mapped ? 2u : 1u, 1, {}}, device);
+        snd_pcm_chmap_t *map = snd_pcm_get_chmap(pcm);
+        EXPECT_EQ(map != nullptr, mapped);
+        free(map);
+        snd_pcm_close(pcm);
+    }
+}
+
 TEST_F(AlsaPlugin, StartsAgainWithoutTheSoundOfBefore)
 {
     const Recording recording = make_recording(16000, 1, 1);
     configure(recording, "");
-    snd_pcm_t *pcm = open();
-    ASSERT_EQ(status, 0) << messages;
-    standard_error_of([&] {
-        status = snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16, SND_PCM_ACCESS_RW_INTERLEAVED, 1,
-                                    16000, 0, 20000);
-    });
-    Samples captured(10000);
-    EXPECT_EQ(snd_pcm_readi(pcm, captured.data(), captured.size()), 10000);
+    snd_pcm_t *pcm = start(recording);
+    read(pcm, recording, 10000, {1000});
     EXPECT_EQ(snd_pcm_drop(pcm), 0);
     EXPECT_EQ(snd_pcm_prepare(pcm), 0);
-    EXPECT_EQ(snd_pcm_readi(pcm, captured.data(), 256), 256);
-    captured.resize(256);
-    EXPECT_EQ(captured, Samples(256));
+    EXPECT_EQ(read(pcm, recording, 256, {256}), Samples(256));
     snd_pcm_close(pcm);
 }
+
+// Each channel in memory of its own, pieces of every size.
+TEST_F(AlsaPlugin, TransfersWithoutASystemCallALockOrTheHeap)
+{
+    if (no_ban_here()) GTEST_SKIP() << no_ban_here();
+    const Recording recording = make_recording(48000, 2, 2);
+    const size_t instants = recording.instants();
+    std::vector<Samples> apart(4);
+    for (size_t i = 0; i < recording.samples.size(); i++)
+        apart[i % 4].push_back(recording.samples[i]);
+    Samples out(instants * 2);
+    std::vector<snd_pcm_channel_area_t> from, to;
+    for (Samples &channel : apart)
+        from.push_back({channel.data(), 0, 16});
+    for (unsigned m = 0; m < 2; m++)
+        to.push_back({out.data(), m * 16, 32});
+    const auto transfer_all = [&] {
+        const size_t pieces[] = {1, 0, 480, 20000, 767};
+        for (size_t done = 0, piece = 0; done < instants; piece++) {
+            const size_t size = std::min(pieces[piece % std::size(pieces)], instants - done);
+            if (made->callback->transfer(made, to.data(), done, from.data(), done, size) !=
+                static_cast<snd_pcm_sframes_t>(size))
+                return 1;
+            done += size;
+        }
+        return 0;
+    };
+    for (const bool suppress : {false, true}) {
+        const Samples expected =
+            later(suppress ? suppressed(recording) : cancelled(folder, recording), 768, 2);
+        configure(recording, suppress ? "suppress yes" : "");
+        snd_pcm_t *pcm = start(recording);
+        EXPECT_EQ(ends_with([&] {
+                      return [&] { return transfer_all() == 0 && out == expected ? 0 : 1; };
+                  }),
+                  0)
+            << (suppress ? "suppressed" : "cancelled");
+        snd_pcm_close(pcm);
+    }
+}
+
+class AlsaPluginMemory : public AlsaPlugin,
+                         public testing::WithParamInterface<std::pair<int32_t, size_t>> {};
+
+TEST_P(AlsaPluginMemory, StaysAsItIsThroughALongCall)
+{
+    const auto &[rate, channels] = GetParam();
+    const Recording recording = make_recording(rate, channels, channels);
+    configure(recording, "suppress yes", "board", "looped yes");
+    snd_pcm_t *pcm = start(recording);
+    expect_flat_memory([&, rate = static_cast<size_t>(rate)](int second) {
+        if (second % 60 == 0) {
+            ASSERT_EQ(snd_pcm_drop(pcm) | snd_pcm_prepare(pcm), 0);
+        }
+        read(pcm, recording, rate, {160, 1, 767, 1000, 333});
+    });
+    snd_pcm_close(pcm);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rates, AlsaPluginMemory,
+                         testing::Values(std::pair{8000, 1}, std::pair{48000, 2}),
+                         [](const auto &rate) { return std::to_string(rate.param.first); });
 
 } // namespace

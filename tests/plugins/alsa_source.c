@@ -6,7 +6,7 @@
  *     pcm.NAME { type nax_test_source  file "all.raw"  channels 4  rate 48000  paced yes }
  *
  * It delivers as fast as it is read or, paced, by the clock, and then it overruns like a
- * sound card when nobody reads.
+ * sound card when nobody reads. "looped yes" begins the file again instead of the silence.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -26,7 +26,7 @@ struct source {
     int16_t *samples;
     size_t instants; /* in the file */
     long channels, rate;
-    int paced;
+    int paced, looped;
     snd_pcm_uframes_t captured; /* sample instants since the start */
     struct timespec started;
 };
@@ -77,7 +77,8 @@ static snd_pcm_sframes_t transfer(snd_pcm_ioplug_t *io, const snd_pcm_channel_ar
     const struct source *source = io->private_data;
     for (snd_pcm_uframes_t t = 0; t < size; t++)
         for (size_t c = 0; c < io->channels; c++) {
-            const size_t instant = io->appl_ptr + t;
+            const size_t since_start = io->appl_ptr + t;
+            const size_t instant = source->looped ? since_start % source->instants : since_start;
             char *to = (char *)areas[c].addr + (areas[c].first + areas[c].step * (offset + t)) / 8;
             const int16_t sample = instant < source->instants
                                        ? source->samples[instant * io->channels + c]
@@ -85,6 +86,14 @@ static snd_pcm_sframes_t transfer(snd_pcm_ioplug_t *io, const snd_pcm_channel_ar
             memcpy(to, &sample, sizeof sample);
         }
     return (snd_pcm_sframes_t)size;
+}
+
+/* Of all channels, in places that nobody knows. */
+static snd_pcm_chmap_t *map(snd_pcm_ioplug_t *io)
+{
+    snd_pcm_chmap_t *map = calloc(1, sizeof *map + io->channels * sizeof map->pos[0]);
+    if (map) map->channels = io->channels;
+    return map;
 }
 
 static int close_source(snd_pcm_ioplug_t *io)
@@ -151,6 +160,7 @@ static const snd_pcm_ioplug_callback_t CALLBACKS = {.start = start,
                                                     .pointer = pointer,
                                                     .transfer = transfer,
                                                     .poll_revents = wake,
+                                                    .get_chmap = map,
                                                     .close = close_source};
 
 SND_PCM_PLUGIN_DEFINE_FUNC(nax_test_source)
@@ -168,6 +178,7 @@ SND_PCM_PLUGIN_DEFINE_FUNC(nax_test_source)
         if (!strcmp(id, "channels")) snd_config_get_integer(node, &source->channels);
         if (!strcmp(id, "rate")) snd_config_get_integer(node, &source->rate);
         if (!strcmp(id, "paced")) source->paced = snd_config_get_bool(node) == 1;
+        if (!strcmp(id, "looped")) source->looped = snd_config_get_bool(node) == 1;
     }
     int status = load(source, file);
     if (status < 0) return status;

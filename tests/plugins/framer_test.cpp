@@ -1,6 +1,8 @@
 // The part that all plugins share: frames out of buffers of any size, and settings.
 #include "support.h"
 
+#include <algorithm>
+
 extern "C" {
 #include "framer.h"
 }

@@ -7,6 +7,7 @@
 
 #include "nax_res.h"
 
+#include <algorithm>
 #include <filesystem>
 
 struct Recording {
