@@ -35,8 +35,8 @@ struct plugin {
 static int16_t to_sample(float value)
 {
     const float scaled = value * 32768.0f;
-    if (!(scaled > -32768.0f)) return -32768; /* and whatever is no number */
     if (scaled >= 32767.0f) return 32767;
+    if (!(scaled > -32768.0f)) return scaled <= -32768.0f ? -32768 : 0; /* 0: no number */
     return (int16_t)(scaled < 0 ? scaled - 0.5f : scaled + 0.5f);
 }
 
@@ -125,7 +125,8 @@ static int init(void *object, const struct spa_dict *args, const struct spa_audi
 }
 
 #if SPA_VERSION_AUDIO_AEC_METHODS >= 3
-/* The module hands over captured, cleaned and played channels, in this order. */
+/* The module hands over captured, cleaned and played channels in this order, whatever the
+ * header calls them. */
 static int init2(void *object, const struct spa_dict *args, struct spa_audio_info_raw *rec,
                  struct spa_audio_info_raw *out, struct spa_audio_info_raw *play)
 {
