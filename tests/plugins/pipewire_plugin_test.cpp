@@ -236,7 +236,7 @@ INSTANTIATE_TEST_SUITE_P(Rates, PipeWirePluginMemory,
                          testing::Values(std::pair{8000, 1}, std::pair{48000, 2}),
                          [](const auto &rate) { return std::to_string(rate.param.first); });
 
-#if SPA_VERSION_AUDIO_AEC_METHODS >= 3 // see scripts/newer-debian
+#if SPA_VERSION_AUDIO_AEC_METHODS >= 3 // see scripts/other-debian
 TEST_F(PipeWirePlugin, TakesAsManyReferencesAsArePlayedBesideOneMicrophone)
 {
     const std::string folder = fresh_folder();
