@@ -5,6 +5,7 @@
  */
 #include "format.h"
 #include "pads.h"
+#include "properties.h"
 
 /* Frames until a probe that is named and not there is worth a warning: a second. */
 enum { PATIENCE_FRAMES = 62 };
@@ -137,7 +138,7 @@ void format_set_up(NaxAec *self, const struct settings *wanted)
     self->used = *wanted;
     self->heard = self->left = 0;
     self->lag = 0;
-    if (wanted->refs == 0) return;
+    if (wanted->refs == 0) return properties_tell(self, 0, 0);
     const char *fault = wanted->mics < 1 || wanted->mics > MAX_MICS
                             ? "there must be 1 or 2 microphones beside the references"
                             : settings_check(wanted);
