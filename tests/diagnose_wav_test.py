@@ -131,7 +131,7 @@ class Healthy(unittest.TestCase):
     def test_at_every_rate(self):
         for rate in (8000, 48000):
             with self.subTest(rate=rate):
-                self.expect_healthy(call(rate, 5, rate // 20), rate // 20, rate=rate)
+                self.expect_healthy(call(rate, SECONDS, rate // 20), rate // 20, rate=rate)
 
     def test_at_any_delay_of_the_delay_lines(self):
         for late in (0, 100, 12000):
@@ -150,9 +150,9 @@ class Healthy(unittest.TestCase):
         self.assertEqual(len(m.echoes), 2)
 
     def test_with_a_level_change_and_a_pause(self):
-        x = talk(16000, 12, 1)
+        x = talk(16000, 8, 1)
         gain = np.ones(len(x))
-        gain[5 * 16000:7 * 16000], gain[7 * 16000:] = 0, 0.3
+        gain[3 * 16000:5 * 16000], gain[5 * 16000:] = 0, 0.3
         self.expect_healthy([echo_of(x * gain, 16000, DELAY) + noise(len(x), 4), x * gain])
 
     def test_with_a_reflection_that_is_louder_than_the_first_arrival(self):
@@ -239,14 +239,14 @@ class Channels(unittest.TestCase):
         self.assertEqual(codes([y, x, x], expected=[*MIC_REF, "reference"]), ["reference-twice"])
 
     def test_near_end_in_the_reference(self):
-        y, x = call(seconds=10)
-        near = 0.7 * talk(16000, 10, 101, gap=0.5) * (np.arange(len(x)) > 3 * 16000)
+        y, x = call(seconds=8)
+        near = 0.7 * talk(16000, 8, 101, gap=0.5) * (np.arange(len(x)) > 3 * 16000)
         m = measured([y + near, x + 0.5 * near])
         self.assertEqual([one.code for one in findings.judged(m)], ["side-tone"])
         self.assertAlmostEqual(m.echoes[0].sections[0].strongest * 16000, DELAY, delta=2)
 
     def test_a_reference_that_leaks_into_the_microphone_is_no_side_tone(self):
-        y, x = call(seconds=10)
+        y, x = call(seconds=8)
         self.assertNotIn("side-tone", codes([y + 0.3 * x, x]))
 
     def test_a_reference_that_is_not_heard(self):
@@ -290,26 +290,26 @@ class Delay(unittest.TestCase):
     def test_steps(self):
         for samples in (320, -80):
             with self.subTest(samples=samples):
-                late = np.where(np.arange(8 * 16000) < 4 * 16000, DELAY, DELAY + samples)
-                self.expect(call(seconds=8, late=late), "delay-steps",
-                            r"[34]\.\d s \(" + re.escape(f"{samples / 16:+.1f} ms)"))
+                late = np.where(np.arange(6 * 16000) < 3 * 16000, DELAY, DELAY + samples)
+                self.expect(call(seconds=6, late=late), "delay-steps",
+                            r"[23]\.\d s \(" + re.escape(f"{samples / 16:+.1f} ms)"))
 
     def test_a_step_in_silence_is_between_two_times(self):
-        x = talk(16000, 14, 1) * np.repeat([1, 0, 1], [4 * 16000, 6 * 16000, 4 * 16000])
-        late = np.where(np.arange(len(x)) < 6 * 16000, DELAY, DELAY + 320)
+        x = talk(16000, 10, 1) * np.repeat([1, 0, 1], [3 * 16000, 4 * 16000, 3 * 16000])
+        late = np.where(np.arange(len(x)) < 5 * 16000, DELAY, DELAY + 320)
         self.expect([echo_of(x, 16000, late) + noise(len(x), 4), x], "delay-steps",
-                    r"between 4 and 10 s \(\+20\.0 ms\)")
+                    r"between 3 and 7 s \(\+20\.0 ms\)")
 
     def test_another_path_is_no_step(self):
-        (y, x), half = call(seconds=8), 4 * 16000
+        (y, x), half = call(seconds=6), 3 * 16000
         other = echo_of(x, 16000, DELAY + 43, seed=8) + noise(len(x), 3)
         self.expect([np.r_[y[:half], other[half:]], x], "path-changed", r"\(\+2\.7 ms\)")
 
     def test_drift(self):
         for ppm in (-60, 200):
             with self.subTest(ppm=ppm):
-                late = DELAY + np.arange(11 * 16000) * ppm * 1e-6
-                m = self.expect(call(seconds=11, late=late), "drift", "two clocks")
+                late = DELAY + np.arange(8 * 16000) * ppm * 1e-6
+                m = self.expect(call(seconds=8, late=late), "drift", "two clocks")
                 self.assertAlmostEqual(m.echoes[0].drift_ppm, ppm, delta=5)
 
     def test_a_microphone_of_another_rate(self):
@@ -331,7 +331,7 @@ class Spectra(unittest.TestCase):
     def test_a_file_that_claims_more_than_its_spectra_show(self):
         for rate, made in ((48000, 16000), (16000, 8000)):
             with self.subTest(rate=rate):
-                channels = [self.band_limited(c, rate, 0.47 * made) for c in call(rate, 5, rate // 20)]
+                channels = [self.band_limited(c, rate, 0.47 * made) for c in call(rate, SECONDS, rate // 20)]
                 (one,) = found(channels, rate)
                 self.assertEqual((one.code, f"made at {made} Hz" in one.text), ("rate", True), one.text)
 
@@ -450,7 +450,7 @@ class Files(unittest.TestCase):
     def test_every_rate_becomes_one_that_the_library_takes(self):
         self.assertEqual([files.rate_for(r) for r in (7350, 11025, 16000, 22050, 44100, 96000)],
                          [8000, 16000, 16000, 32000, 48000, 48000])
-        y, x = call(44100, 5, 2205)
+        y, x = call(44100, SECONDS, 2205)
         self.write("mic.flac", [y], 44100, self.FLAC | self.PCM_16)
         self.write("ref.wav", [x], 44100)
         status, out, err = self.run_program("mic.flac", "ref.wav")

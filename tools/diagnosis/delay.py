@@ -244,9 +244,12 @@ def rate_ratio(x, y, found):
     the delay stands still for longer than it does in found, the Track as it is."""
     best, surest = 1.0, 1.5 * SURE
     for ratio in (*WRONG_RATES, *(r for r in NEAR_RATES if r != 1)):
-        slow = stretched(x, ratio)
-        starts = spread_out(active_starts(slow, y, 0.5), 5)
-        sure = _confirmed([peaks_of(correlation(spectrum_around(slow, s), y, s))[0] for s in starts])[1]
+        slow, peaks = stretched(x, ratio), []
+        for start in spread_out(active_starts(slow, y, 0.5), 5):
+            peaks.append(peaks_of(correlation(spectrum_around(slow, start), y, start))[0])
+            if len(peaks) == 3 and max(sure for _, sure in peaks) < SURE:
+                break                           # most ratios are none, and this is seen soon
+        sure = _confirmed(peaks)[1]
         if sure > surest:
             best, surest = ratio, sure
     if best == 1:
