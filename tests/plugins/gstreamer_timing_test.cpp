@@ -264,7 +264,8 @@ TEST_F(GStreamerTiming, TheSuppressorMayBeTurnedOnAndOff)
     standard_error_of([&] {
         for (int turn = 0; turn < 4; turn++) {
             g_object_set(aec.mic->element, "suppress", turn % 2 == 1, nullptr);
-            Harnessed::push(aec.mic, noise(2 * 4000, 1), turn * GST_SECOND / 4);
+            Harnessed::push(aec.mic, noise(2 * 4000, 1),
+                            static_cast<GstClockTime>(turn) * GST_SECOND / 4);
             // Of 15 frames the first may be left from before, the last be held.
             for (int frame = 0; frame < 14; frame++)
                 out.push_back(aec.pull());
