@@ -78,10 +78,10 @@ static void take_in_probe(NaxAec *self, const GstBuffer *buffer)
     const GstClockTime running = running_time_of(self, buffer);
     if (!GST_CLOCK_TIME_IS_VALID(running)) return;
     const GstClockTime now = gst_element_get_base_time(GST_ELEMENT(self)) + running;
-    gsize missing;
-    while ((missing = nax_echo_probe_read(self->probe, now > self->lag ? now - self->lag : 0,
-                                          self->used.refs, self->played, framer->size)) > 0 &&
-           missing < framer->size && self->lag < NAX_ECHO_PROBE_LEAD)
+    gsize late;
+    while ((late = nax_echo_probe_read(self->probe, now > self->lag ? now - self->lag : 0,
+                                       self->used.refs, self->played, framer->size)) > 0 &&
+           late < framer->size && self->lag < NAX_ECHO_PROBE_LEAD)
         self->lag = MIN(self->lag + 5 * GST_MSECOND, NAX_ECHO_PROBE_LEAD);
     take_in(self->framer, self->used.mics, self->used.refs, self->played, 0, (guint)framer->size);
 }

@@ -1,9 +1,10 @@
 /*
- * The playback's last two seconds, by the clock.
+ * The playback's last two seconds.
  *
- * A sample's place in the ring is the time at which it is heard: its running time, the
- * pipeline's base time and latency. Small jitter of timestamps is not followed, which would
- * tear the reference; a jump is.
+ * A sample's place in the ring is its running time. When that is heard, which depends on the
+ * pipeline's base time and latency, is asked when it is read: both may change between, at the
+ * start and after a pause. Small jitter of timestamps is not followed, which would tear the
+ * reference; a jump is.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -21,8 +22,9 @@ struct _NaxEchoProbe {
     /* Under the object lock. */
     gint16 *ring;
     gint rate, channels;
-    guint64 next; /* place of the next sample, counted from clock time 0 */
-    gboolean running;
+    gint64 next;       /* place of the next sample */
+    gboolean begun;    /* there are samples */
+    gboolean complete; /* none follow for now: what is missing is not late */
     GstClockTime latency;
 };
 
@@ -67,29 +69,44 @@ gint nax_echo_probe_channels(NaxEchoProbe *probe, gint rate)
     return channels;
 }
 
-static guint64 place_of(const NaxEchoProbe *probe, GstClockTime time)
+static gint64 place_of(const NaxEchoProbe *probe, GstClockTime time)
 {
-    return gst_util_uint64_scale_round(time, (guint64)probe->rate, GST_SECOND);
+    return (gint64)gst_util_uint64_scale_round(time, (guint64)probe->rate, GST_SECOND);
+}
+
+static gint64 ring_size(const NaxEchoProbe *probe) { return (gint64)probe->rate * RING_SECONDS; }
+
+static gint16 *sample_at(const NaxEchoProbe *probe, gint64 place)
+{
+    return probe->ring + place % ring_size(probe) * probe->channels;
+}
+
+static gboolean is_playing(NaxEchoProbe *probe)
+{
+    return GST_STATE(probe) == GST_STATE_PLAYING &&
+           GST_STATE_PENDING(probe) == GST_STATE_VOID_PENDING && !probe->complete;
 }
 
 gsize nax_echo_probe_read(NaxEchoProbe *probe, GstClockTime from, gint channels, gint16 *to,
                           gsize instants)
 {
-    gsize missing = instants;
-    memset(to, 0, instants * (gsize)channels * sizeof *to);
+    const gsize bytes = (gsize)channels * sizeof *to;
+    gsize late = 0;
+    memset(to, 0, instants * bytes);
     GST_OBJECT_LOCK(probe);
-    if (probe->channels == channels && probe->running) {
-        const guint64 size = (guint64)probe->rate * RING_SECONDS;
-        const guint64 first = place_of(probe, from);
-        const guint64 there = probe->next > first ? probe->next - first : 0;
-        missing = there < instants ? instants - (gsize)there : 0;
-        for (gsize t = 0; t < instants - missing; t++)
-            if (first + t + size >= probe->next)
-                memcpy(to + t * (gsize)channels, probe->ring + (first + t) % size * (gsize)channels,
-                       (gsize)channels * sizeof *to);
+    if (probe->channels == channels && probe->begun) {
+        const GstClockTime begins = (GstClockTime)GST_ELEMENT(probe)->base_time + probe->latency;
+        const GstClockTime wanted = from + NAX_ECHO_PROBE_LEAD;
+        const gint64 first =
+            wanted >= begins ? place_of(probe, wanted - begins) : -place_of(probe, begins - wanted);
+        const gint64 oldest = MAX(probe->next - ring_size(probe), 0);
+        const gint64 end = first + (gint64)instants;
+        for (gint64 at = MAX(first, oldest); at < MIN(end, probe->next); at++)
+            memcpy(to + (at - first) * channels, sample_at(probe, at), bytes);
+        if (is_playing(probe) && end > probe->next) late = (gsize)(end - probe->next);
     }
     GST_OBJECT_UNLOCK(probe);
-    return missing;
+    return MIN(late, instants);
 }
 
 static gboolean set_caps(GstBaseTransform *base, GstCaps *in, GstCaps *out)
@@ -98,55 +115,70 @@ static gboolean set_caps(GstBaseTransform *base, GstCaps *in, GstCaps *out)
     GstAudioInfo info;
     (void)out;
     if (!gst_audio_info_from_caps(&info, in)) return FALSE;
+    gint16 *ring = g_new0(gint16, (gsize)info.rate * RING_SECONDS * (gsize)info.channels);
     GST_OBJECT_LOCK(probe);
-    probe->rate = GST_AUDIO_INFO_RATE(&info);
-    probe->channels = GST_AUDIO_INFO_CHANNELS(&info);
-    g_free(probe->ring);
-    probe->ring = g_new0(gint16, (gsize)probe->rate * RING_SECONDS * (gsize)probe->channels);
-    probe->running = FALSE;
+    gint16 *before = probe->ring;
+    probe->ring = ring;
+    probe->rate = info.rate;
+    probe->channels = info.channels;
+    probe->begun = FALSE;
     GST_OBJECT_UNLOCK(probe);
+    g_free(before);
     return TRUE;
 }
 
-/* Where a buffer belongs; what was left out before it is silence. */
-static void make_place(NaxEchoProbe *probe, GstClockTime heard)
+/* Where audio of a running time belongs; what was left out before it is silence. */
+static void make_place(NaxEchoProbe *probe, GstClockTime running)
 {
-    const guint64 place = place_of(probe, heard);
-    const guint64 size = (guint64)probe->rate * RING_SECONDS;
-    const guint64 jitter = place_of(probe, JITTER);
-    if (probe->running && place < probe->next + jitter && place + jitter > probe->next) return;
-    GST_DEBUG_OBJECT(probe, "playback goes on at sample %" G_GUINT64_FORMAT, place);
-    if (!probe->running || place < probe->next || place > probe->next + size)
-        memset(probe->ring, 0, size * (gsize)probe->channels * sizeof *probe->ring);
+    const gint64 place = place_of(probe, running), jitter = place_of(probe, JITTER);
+    probe->complete = FALSE;
+    if (probe->begun && ABS(place - probe->next) < jitter) return;
+    GST_DEBUG_OBJECT(probe, "playback goes on at sample %" G_GINT64_FORMAT, place);
+    const gint64 size = ring_size(probe);
+    const gsize bytes = (gsize)probe->channels * sizeof *probe->ring;
+    if (!probe->begun || place < probe->next || place > probe->next + size)
+        memset(probe->ring, 0, (gsize)size * bytes);
     else
-        for (guint64 at = probe->next; at < place; at++)
-            memset(probe->ring + at % size * (gsize)probe->channels, 0,
-                   (gsize)probe->channels * sizeof *probe->ring);
+        for (gint64 at = probe->next; at < place; at++)
+            memset(sample_at(probe, at), 0, bytes);
     probe->next = place;
-    probe->running = TRUE;
+    probe->begun = TRUE;
+}
+
+static GstClockTime running_time(GstBaseTransform *base, GstClockTime time)
+{
+    if (base->segment.format != GST_FORMAT_TIME) return GST_CLOCK_TIME_NONE;
+    return gst_segment_to_running_time(&base->segment, GST_FORMAT_TIME, time);
 }
 
 static GstFlowReturn keep(GstBaseTransform *base, GstBuffer *buffer)
 {
     NaxEchoProbe *probe = NAX_ECHO_PROBE(base);
-    const GstClockTime running =
-        gst_segment_to_running_time(&base->segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
+    const GstClockTime running = running_time(base, GST_BUFFER_PTS(buffer));
     GstMapInfo map;
     if (!GST_CLOCK_TIME_IS_VALID(running) || !gst_buffer_map(buffer, &map, GST_MAP_READ))
         return GST_FLOW_OK;
-    const GstClockTime base_time = gst_element_get_base_time(GST_ELEMENT(probe));
     GST_OBJECT_LOCK(probe);
-    const GstClockTime heard = base_time + running + probe->latency;
-    make_place(probe, heard > NAX_ECHO_PROBE_LEAD ? heard - NAX_ECHO_PROBE_LEAD : 0);
-    const gsize size = (gsize)probe->rate * RING_SECONDS, channels = (gsize)probe->channels;
-    const gsize instants = map.size / sizeof(gint16) / channels;
+    make_place(probe, running);
+    const gsize channels = (gsize)probe->channels, bytes = channels * sizeof *probe->ring;
     const gint16 *from = (const gint16 *)(gconstpointer)map.data;
-    for (gsize t = 0; t < instants; t++, probe->next++)
-        memcpy(probe->ring + probe->next % size * channels, from + t * channels,
-               channels * sizeof *from);
+    for (const gint16 *end = from + map.size / bytes * channels; from < end; from += channels)
+        memcpy(sample_at(probe, probe->next++), from, bytes);
     GST_OBJECT_UNLOCK(probe);
     gst_buffer_unmap(buffer, &map);
     return GST_FLOW_OK;
+}
+
+/* What is not there at a gap and at the end does not come late. */
+static gboolean sink_event(GstBaseTransform *base, GstEvent *event)
+{
+    NaxEchoProbe *probe = NAX_ECHO_PROBE(base);
+    if (GST_EVENT_TYPE(event) == GST_EVENT_EOS || GST_EVENT_TYPE(event) == GST_EVENT_GAP) {
+        GST_OBJECT_LOCK(probe);
+        probe->complete = TRUE;
+        GST_OBJECT_UNLOCK(probe);
+    }
+    return GST_BASE_TRANSFORM_CLASS(nax_echo_probe_parent_class)->sink_event(base, event);
 }
 
 static gboolean src_event(GstBaseTransform *base, GstEvent *event)
@@ -155,7 +187,6 @@ static gboolean src_event(GstBaseTransform *base, GstEvent *event)
     if (GST_EVENT_TYPE(event) == GST_EVENT_LATENCY) {
         GST_OBJECT_LOCK(probe);
         gst_event_parse_latency(event, &probe->latency);
-        probe->running = FALSE;
         GST_OBJECT_UNLOCK(probe);
     }
     return GST_BASE_TRANSFORM_CLASS(nax_echo_probe_parent_class)->src_event(base, event);
@@ -166,7 +197,7 @@ static gboolean stop(GstBaseTransform *base)
     NaxEchoProbe *probe = NAX_ECHO_PROBE(base);
     GST_OBJECT_LOCK(probe);
     probe->rate = probe->channels = 0;
-    probe->running = FALSE;
+    probe->begun = FALSE;
     GST_OBJECT_UNLOCK(probe);
     return TRUE;
 }
@@ -208,6 +239,7 @@ static void nax_echo_probe_class_init(NaxEchoProbeClass *class)
     base->set_caps = set_caps;
     base->transform_ip = keep;
     base->transform_ip_on_passthrough = TRUE;
+    base->sink_event = sink_event;
     base->src_event = src_event;
     base->stop = stop;
 }

@@ -24,7 +24,7 @@ gint nax_echo_probe_channels(NaxEchoProbe *probe, gint rate);
 #define NAX_ECHO_PROBE_LEAD (20 * GST_MSECOND)
 
 /* Copies interleaved samples that are heard from a clock time on, less the lead; silence
- * where there are none. Returns how many of the last instants were not played yet. */
+ * where there are none. Returns how many of the last instants playback is late with. */
 gsize nax_echo_probe_read(NaxEchoProbe *probe, GstClockTime from, gint channels, gint16 *to,
                           gsize instants);
 

@@ -8,6 +8,9 @@
 #include "frame.h"
 #include "pads.h"
 
+/* Longer than hiccups, shorter than what queues beside it hold. */
+#define MIC_PATIENCE (GST_SECOND / 2)
+
 static GstFlowReturn push(NaxAec *self, GstBuffer *buffer, gboolean any)
 {
     if (any) return PARENT(AGGREGATOR)->finish_buffer(GST_AGGREGATOR(self), buffer);
@@ -149,13 +152,19 @@ GstFlowReturn stream_finish_buffer(GstAggregator *aggregator, GstBuffer *buffer)
     return flow == GST_FLOW_OK && self->ended ? GST_FLOW_EOS : flow;
 }
 
-/* The suppressor hands out the frame before: its time has come a frame earlier. */
+/* When the base class goes on without what is not there. The suppressor hands out the frame
+ * before, whose time has come a frame earlier. Nothing of the microphones is given up for a
+ * hiccup of their thread. */
 GstClockTime stream_get_next_time(GstAggregator *aggregator)
 {
     NaxAec *self = NAX_AEC_ELEMENT(aggregator);
-    const GstClockTime next = gst_aggregator_simple_get_next_time(aggregator);
-    if (!self->framer || !self->framer->suppressor || next < NAX_AEC_FRAME_TIME) return next;
-    return next - NAX_AEC_FRAME_TIME;
+    GstAggregatorPad *mic = GST_AGGREGATOR_PAD(self->mic);
+    GstClockTime next = gst_aggregator_simple_get_next_time(aggregator);
+    if (!GST_CLOCK_TIME_IS_VALID(next)) return next;
+    if (self->framer && self->framer->suppressor) next -= MIN(next, NAX_AEC_FRAME_TIME);
+    const gboolean awaited =
+        self->started && !gst_aggregator_pad_has_buffer(mic) && !gst_aggregator_pad_is_eos(mic);
+    return awaited ? next + MIC_PATIENCE : next;
 }
 
 void stream_begin_anew(NaxAec *self)

@@ -226,6 +226,30 @@ TEST_F(GStreamerPads, TakesTheReferenceFromAProbeInAnotherPipeline)
     gst_harness_teardown(play);
 }
 
+TEST_F(GStreamerPads, TheProbeKeepsWhatWasPrerolledBeforeItsTimeIsKnown)
+{
+    Harnessed aec;
+    GstHarness *play = gst_harness_new("naxechoprobe");
+    gst_object_set_name(GST_OBJECT(play->element), "prerolled");
+    g_object_set(aec.mic->element, "probe", "prerolled", nullptr);
+    Harnessed::set_format(play, 16000, 1);
+    Harnessed::set_format(aec.mic, 16000, 1);
+    const Samples sound = Noise(1).frame(16000, 6000);
+    double removed = 0;
+    standard_error_of([&] {
+        Harnessed::push(play, sound, 0);
+        for (GstElement *element : {play->element, aec.mic->element})
+            gst_element_set_base_time(element, 10 * GST_SECOND);
+        gst_harness_push_upstream_event(play, gst_event_new_latency(20 * GST_MSECOND));
+        Harnessed::push(aec.mic, sound, 20 * GST_MSECOND);
+        for (int frame = 0; frame < 60; frame++)
+            aec.pull();
+    });
+    g_object_get(aec.mic->element, "echo-removed", &removed, nullptr);
+    EXPECT_GT(removed, 3.0); // 0 where nothing was played
+    gst_harness_teardown(play);
+}
+
 TEST_F(GStreamerPads, FollowsTheProbeOfItsNameThatPlays)
 {
     const auto add_probe = [](bool plays) {
