@@ -21,8 +21,10 @@ static SNDFILE *create_wav(const char *path, int rate, size_t channels)
     SF_INFO info = {
         .samplerate = rate, .channels = (int)channels, .format = SF_FORMAT_WAV | SF_FORMAT_PCM_16};
     SNDFILE *file = sf_open(path, SFM_WRITE, &info);
-    if (!file) fail(STATUS_FAILED, path, "cannot be created: %s", sf_strerror(NULL));
-    return file;
+    if (file) return file;
+    const char *reason = sf_strerror(NULL), *colon = strstr(reason, " : ");
+    reason = colon ? colon + 3 : reason; /* behind "System error" */
+    fail(STATUS_FAILED, path, "cannot be created: %.*s", (int)strcspn(reason, ".\n"), reason);
 }
 
 static bool written(struct recorder *recorder, const struct track *track, const int16_t *slot)
