@@ -458,12 +458,13 @@ class Files(unittest.TestCase):
         self.assertIn("44100 Hz taken as 48000 Hz", out)
         self.assertRegex(out, r"(239\d|240\d) samples, +50\.0 ms late")
 
-    def test_files_of_two_rates_are_judged_together(self):
+    def test_files_of_two_rates_and_lengths_are_judged_together(self):
         x = talk(48000, 5, 1)
         self.write("mic.wav", [files.converted(echo_of(x, 48000, 2400), 48000, 16000) + noise(5 * 16000, 2)])
-        self.write("ref.wav", [x], 48000)
+        self.write("ref.wav", [np.r_[x, x[:24000]]], 48000)
         status, out, err = self.run_program("mic.wav", "ref.wav")
         self.assertRegex(out, r"(79\d|80\d) samples, +50\.0 ms late")
+        self.assertRegex(err, r"^diagnose_wav: .*ref\.wav: is 0\.500 s longer than .*mic\.wav, what is more is left out")
 
     def test_two_files_and_a_chart(self):
         self.write("mic.wav", [self.y])

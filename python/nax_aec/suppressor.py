@@ -17,7 +17,8 @@ from .canceller import Result, frame_size, like, samples_of
 @functools.lru_cache(maxsize=None)
 def suppressor_library() -> ctypes.CDLL:
     """libnax_res from the folder of libnax_aec, else the installed one; loaded once."""
-    beside = pathlib.Path(library()._name).parent / "libnax_res.so"
+    loaded = pathlib.Path(library()._name)
+    beside = loaded.with_name(loaded.name.replace("libnax_aec", "libnax_res"))
     lib = ctypes.CDLL(str(beside) if beside.exists() else "libnax_res.so.2")
     lib.nax_res_state_init.restype = ctypes.c_void_p
     lib.nax_res_state_init.argtypes = [ctypes.c_int32] * 3
