@@ -5,7 +5,6 @@
  */
 #include "properties.h"
 
-#include <string.h>
 
 enum {
     PROPERTY_PROBE = 1,
@@ -99,13 +98,24 @@ static const char *set_setting(struct settings *settings, guint id, const GValue
     return NULL;
 }
 
-static void set_settings(NaxAec *self, guint id, const GValue *value)
+static gboolean is_another(NaxAec *self, const GValue *value, GParamSpec *spec)
 {
+    GValue now = G_VALUE_INIT;
+    g_value_init(&now, spec->value_type);
+    g_object_get_property(G_OBJECT(self), spec->name, &now);
+    const gboolean another = g_param_values_cmp(spec, value, &now) != 0;
+    g_value_unset(&now);
+    return another;
+}
+
+static void set_settings(NaxAec *self, guint id, const GValue *value, GParamSpec *spec)
+{
+    const gboolean another = is_another(self, value, spec);
     GST_OBJECT_LOCK(self);
     struct settings settings = self->settings;
     const char *fault = set_setting(&settings, id, value);
     if (!fault) {
-        self->settings_changed |= memcmp(&settings, &self->settings, sizeof settings) != 0;
+        self->settings_changed |= another;
         self->settings = settings;
     }
     GST_OBJECT_UNLOCK(self);
@@ -137,7 +147,7 @@ void properties_set(GObject *object, guint id, const GValue *value, GParamSpec *
     case PROPERTY_DELAY:
     case PROPERTY_DELAY_ESTIMATION:
     case PROPERTY_REMAP:
-    case PROPERTY_SUPPRESS: set_settings(self, id, value); break;
+    case PROPERTY_SUPPRESS: set_settings(self, id, value, spec); break;
     default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
     }
 }
