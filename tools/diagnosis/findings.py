@@ -161,8 +161,8 @@ def reach(m):
     arrivals = [one.arrival for echo in m.echoes[:1] for one in echo.sections]
     if arrivals and min(arrivals) < -0.001:
         yield Finding("reference-late", f"The reference comes {-1e3 * min(arrivals):.1f} ms later than its echo.",
-                      "The library can only hold the reference back: tap it earlier, or delay the "
-                      "microphones by more than that.")
+                      "See first that the two are not exchanged. The library can only hold the reference back: "
+                      "tap it earlier, or delay the microphones by more than that.")
     most = library.reach(m.rate)
     if arrivals and max(arrivals) * m.rate > most:
         yield Finding("delay-too-long", f"The echo is {max(arrivals) * m.rate:.0f} samples late "
