@@ -82,6 +82,10 @@ TABLE = [
     ("step", healthy(echoes=two_steps(0.020), run=run(640)), ["delay-steps"], r"at about 5\.2 s \(\+20\.0 ms\)"),
     ("step in silence", healthy(echoes=[echo(section(end=13.2), section(28.4, 40.0, 0.045))]), ["delay-steps"],
      r"between 13 and 28 s \(\+5\.0 ms\)"),
+    ("a reflection that was louder for a moment", healthy(echoes=[
+        echo(section(end=1.5, delay=0.044, sure=False), section(2.0))]), [], ""),
+    ("an unsure delay that lasts", healthy(echoes=[echo(section(end=5.0, delay=0.060, sure=False), section(5.5))]),
+     ["delay-steps"], r"\(-20\.0 ms\)"),
     ("another path", healthy(echoes=two_steps(0.0027, unlike=0.3)), ["path-changed"], r"\(\+2\.7 ms\)"),
     ("too far for a path", healthy(echoes=two_steps(0.011, unlike=0.3)), ["delay-steps"], ""),
     ("drift", healthy(echoes=[echo(drift_ppm=-100.0)]), ["drift"], r"-100 ppm: .* a frame apart every 160 s"),

@@ -15,6 +15,7 @@ PATH_S = 0.010                  # a path that changes by more than that has left
 UNLIKE = 0.05                   # of 1: a response that differs by more belongs to another path
 SETTLED_S = 2.0                 # after a step: what the library may take to follow
 MISALIGNED = 0.3                # share of the time
+BRIEF_S = 2.0                   # an unsure delay that lasts no longer is a reflection, no step
 KNOWN_S = 1.5                   # a step between moments so near is at a time, else between two
 
 
@@ -175,7 +176,8 @@ def moves(m):
     """Steps of the delay, and changes of the path."""
     steps, paths = [], []
     for echo in m.echoes[:1]:
-        for before, after in zip(echo.sections, echo.sections[1:]):
+        known = [one for one in echo.sections if one.sure or one.end - one.start > BRIEF_S]
+        for before, after in zip(known, known[1:]):
             move = after.arrival - before.arrival
             when = (f"at about {(before.end + after.start) / 2:.1f} s" if after.start - before.end < KNOWN_S
                     else f"between {before.end:.0f} and {after.start:.0f} s")
@@ -198,7 +200,8 @@ def drift(m):
             apart_s = frame_size(m.rate) / m.rate / abs(echo.drift_ppm) * 1e6
             yield Finding("drift", f"The delay drifts by {echo.drift_ppm:+.0f} ppm: two clocks, a frame apart "
                           f"every {apart_s:.0f} s.",
-                          "Capture references and microphones by one clock, best as channels of one device; "
+                          "Unless something moved all the time, which looks alike: capture references and "
+                          "microphones by one clock, best as channels of one device; "
                           "else expect the alignment to move and the filter to relearn.")
 
 
