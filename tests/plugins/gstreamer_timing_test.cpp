@@ -255,6 +255,36 @@ TEST_F(GStreamerTiming, BeginsWithTheMicrophonesWhenTheReferenceBeginsBeforeOrBe
     }
 }
 
+TEST_F(GStreamerTiming, LateMicrophonesAreWaitedForALateReferenceIsNot)
+{
+    Harnessed aec(true);
+    for (GstHarness *harness : {aec.mic, aec.reference}) {
+        gst_harness_use_testclock(harness);
+        Harnessed::set_format(harness, 16000, 1);
+    }
+    GstTestClock *clock = gst_harness_get_testclock(aec.mic);
+    gst_element_set_clock(aec.mic->element, GST_CLOCK(clock));
+    standard_error_of([&] {
+        for (GstHarness *harness : {aec.reference, aec.mic})
+            Harnessed::push(harness, noise(256, 1), 0);
+        EXPECT_EQ(aec.pull().pts, 0u);
+        Harnessed::push(aec.reference, noise(256, 2), FRAME);
+        GstClockID wait = nullptr;
+        gst_test_clock_wait_for_next_pending_id(clock, &wait);
+        EXPECT_GT(gst_clock_id_get_time(wait), 10 * FRAME); // not 3, as the latency says
+        gst_clock_id_unref(wait);
+        Harnessed::push(aec.mic, noise(256, 3), FRAME);
+        const Heard late = aec.pull();
+        EXPECT_EQ(late.pts, FRAME);
+        EXPECT_GT(*std::max_element(late.samples.begin(), late.samples.end()), 1000);
+        Harnessed::push(aec.mic, noise(256, 4), 2 * FRAME);
+        gst_harness_wait_for_clock_id_waits(aec.mic, 1, 10);
+        gst_harness_crank_single_clock_wait(aec.mic);
+        EXPECT_EQ(aec.pull().pts, 2 * FRAME);
+    });
+    gst_object_unref(clock);
+}
+
 TEST_F(GStreamerTiming, TheSuppressorMayBeTurnedOnAndOff)
 {
     Harnessed aec;
