@@ -97,13 +97,13 @@ static int set_up(struct plugin *plugin, const struct spa_dict *args, uint32_t r
     settings->refs = (int)refs;
     if (args) spa_dict_for_each(item, args)
         {
+            const char *text = item->value ? item->value : "";
             const bool fixed = spa_streq(item->key, "mics") || spa_streq(item->key, "refs") ||
                                spa_streq(item->key, "order");
             const char *fault = fixed ? "follows from the streams' channels"
-                                      : settings_set(settings, item->key, item->value);
+                                      : settings_set(settings, item->key, text);
             if (!fault) continue;
-            spa_log_error(plugin->log, "nax_aec: aec.args: %s: '%s' %s", item->key, item->value,
-                          fault);
+            spa_log_error(plugin->log, "nax_aec: aec.args: %s: '%s' %s", item->key, text, fault);
             return -EINVAL;
         }
     const char *fault = settings_check(settings);

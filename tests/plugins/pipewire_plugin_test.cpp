@@ -170,6 +170,7 @@ TEST_F(PipeWirePlugin, RefusesWhatItCannotServeAndLogsWhy)
     refused(44100, 1, {}, "44100 Hz, not 8000");
     refused(48000, 6, {}, "6 captured and 6 played channels");
     refused(48000, 2, {{"delay", "late"}}, "delay: 'late' is not a number");
+    refused(48000, 2, {{"delay", nullptr}}, "delay: '' is not a number");
     refused(48000, 2, {{"refs", "1"}}, "refs: '1' follows from the streams' channels");
     refused(48000, 2, {{"webrtc.gain_control", "true"}}, "is no setting");
     EXPECT_EQ(spa_audio_aec_run(aec, nullptr, nullptr, nullptr, 0), -EIO);
