@@ -187,6 +187,10 @@ class Channels(unittest.TestCase):
         m = measured((x, y), expected=None)
         self.assertEqual(([one.role for one in m.channels], findings.judged(m)), ([*MIC_REF[::-1]], []))
 
+    def test_a_microphone_that_starts_in_digital_silence_stays_one(self):
+        y, x = call()
+        self.assertEqual(codes([np.r_[np.zeros(3200), y[:-3200]], x + noise(len(x), 9, -45)]), [])
+
     def test_a_reference_in_the_place_of_a_microphone(self):
         m = measured(call()[::-1])
         self.assertEqual([one.code for one in findings.judged(m)], ["roles"])

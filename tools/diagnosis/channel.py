@@ -78,8 +78,11 @@ def offset(samples):
 
 
 def still_share(x, rate):
-    """Share of frames in which every sample is the same: digital silence."""
-    return float((frame_powers(x, rate) == 0).mean())
+    """Share of frames in which every sample is the same, digital silence, between the first and the
+    last that are not: any capture may start late."""
+    still = frame_powers(x, rate) == 0
+    inside = np.flatnonzero(~still)
+    return float(still[inside[0]:inside[-1] + 1].mean()) if len(inside) else 1.0
 
 
 def drop_outs(samples, rate):
