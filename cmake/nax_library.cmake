@@ -43,7 +43,7 @@ function(nax_library name)
     set_target_properties(${name} PROPERTIES
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} LINK_DEPENDS ${map})
     target_link_options(${name} PRIVATE
-        -Wl,--version-script=${map} -Wl,--no-undefined -Wl,--as-needed)
+        -Wl,--version-script=${map} ${NAX_NO_UNDEFINED} -Wl,--as-needed)
     add_library(${name}_static STATIC ${objects})
     set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name})
     foreach(library IN ITEMS ${name} ${name}_static)

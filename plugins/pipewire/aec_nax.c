@@ -95,7 +95,7 @@ static int set_up(struct plugin *plugin, const struct spa_dict *args, uint32_t r
     *settings = DEFAULT_SETTINGS;
     settings->mics = (int)mics;
     settings->refs = (int)refs;
-    if (args) spa_dict_for_each(item, args)
+    if (args && args->n_items > 0) spa_dict_for_each(item, args)
         {
             const char *text = item->value ? item->value : "";
             const bool fixed = spa_streq(item->key, "mics") || spa_streq(item->key, "refs") ||
