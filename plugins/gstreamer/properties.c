@@ -5,7 +5,6 @@
  */
 #include "properties.h"
 
-
 enum {
     PROPERTY_PROBE = 1,
     PROPERTY_REFS,
