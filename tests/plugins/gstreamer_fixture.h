@@ -9,6 +9,7 @@
 #include <cstring>
 
 constexpr int RATE = 48000;
+constexpr GstClockTime PATIENCE = 120 * GST_SECOND; // in an emulator
 
 class GStreamerPlugin : public testing::Test {
 protected:
@@ -66,8 +67,7 @@ protected:
             gst_element_set_state(element, GST_STATE_PLAYING);
             GstBus *bus = gst_element_get_bus(element);
             GstMessage *message = gst_bus_timed_pop_filtered(
-                bus, 20 * GST_SECOND,
-                static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+                bus, PATIENCE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
             std::string said = message ? "" : "timeout";
             if (message && GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
                 gchar *debug = nullptr;

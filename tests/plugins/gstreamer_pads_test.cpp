@@ -40,7 +40,7 @@ public:
     std::string outcome() const
     {
         GstMessage *message = gst_bus_timed_pop_filtered(
-            bus, 20 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+            bus, PATIENCE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
         if (!message) return "timeout";
         std::string said = "end";
         if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
