@@ -116,7 +116,7 @@ static GstPad *request_new_pad(GstElement *element, GstPadTemplate *template, co
     GST_OBJECT_UNLOCK(self);
     if (!first) return NULL;
     GstPad *pad = PARENT(ELEMENT)->request_new_pad(element, template, "reference", caps);
-    g_signal_connect(pad, "unlinked", G_CALLBACK(pads_end_unlinked), NULL);
+    g_signal_connect(pad, "unlinked", G_CALLBACK(pads_note_unlinked), NULL);
     pads_end_unlinked(pad);
     return pad;
 }
@@ -130,7 +130,7 @@ static GstAggregatorPad *create_new_pad(GstAggregator *aggregator, GstPadTemplat
 
 static void release_pad(GstElement *element, GstPad *pad)
 {
-    g_signal_handlers_disconnect_by_func(pad, pads_end_unlinked, NULL);
+    g_signal_handlers_disconnect_by_func(pad, pads_note_unlinked, NULL);
     pads_before_release(NAX_AEC_ELEMENT(element));
     PARENT(ELEMENT)->release_pad(element, pad);
     pads_after_release(NAX_AEC_ELEMENT(element));

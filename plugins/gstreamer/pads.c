@@ -54,7 +54,25 @@ void pads_after_release(NaxAec *self)
     GST_OBJECT_UNLOCK(self);
 }
 
+/* A link that comes meanwhile sends its stream's start after this end, which undoes it. */
 void pads_end_unlinked(GstPad *reference)
 {
+    GST_PAD_STREAM_LOCK(reference);
     if (!gst_pad_is_linked(reference)) gst_pad_send_event(reference, gst_event_new_eos());
+    GST_PAD_STREAM_UNLOCK(reference);
+}
+
+static void end_unlinked(GstElement *element, gpointer reference)
+{
+    (void)element;
+    pads_end_unlinked(reference);
+}
+
+/* Who unlinks must not wait for a buffer that is still on its way into the pad. */
+void pads_note_unlinked(GstPad *reference)
+{
+    GstElement *element = gst_pad_get_parent_element(reference);
+    if (!element) return;
+    gst_element_call_async(element, end_unlinked, gst_object_ref(reference), gst_object_unref);
+    gst_object_unref(element);
 }

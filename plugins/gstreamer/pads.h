@@ -32,4 +32,7 @@ void pads_after_release(NaxAec *self);
  * for it for ever. A new link begins it anew. */
 void pads_end_unlinked(GstPad *reference);
 
+/* The same a little later, when it is unlinked. */
+void pads_note_unlinked(GstPad *reference);
+
 #endif

@@ -2,6 +2,7 @@
 #include "gstreamer_fixture.h"
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 
 namespace {
@@ -59,31 +60,39 @@ public:
     GstBus *bus;
 };
 
-// Buffers that passed a pad, to wait for.
+// Buffers that passed a pad, to wait for. The pad may go on when this is gone.
 class Passed {
 public:
     explicit Passed(GstPad *pad)
     {
-        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, note, this, nullptr);
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, note, new Shared(count_),
+                          [](gpointer data) { delete static_cast<Shared *>(data); });
     }
-    bool wait_for(int count)
+    bool wait_for(int buffers)
     {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return count_ >= count; });
+        std::unique_lock lock(count_->mutex);
+        return count_->changed.wait_for(lock, std::chrono::seconds(30),
+                                        [&] { return count_->buffers >= buffers; });
     }
 
 private:
+    struct Count {
+        std::mutex mutex;
+        std::condition_variable changed;
+        int buffers = 0;
+    };
+    using Shared = std::shared_ptr<Count>;
+
     static GstPadProbeReturn note(GstPad *, GstPadProbeInfo *, gpointer data)
     {
-        Passed *self = static_cast<Passed *>(data);
-        const std::lock_guard lock(self->mutex_);
-        self->count_++;
-        self->changed_.notify_all();
+        Count &count = **static_cast<Shared *>(data);
+        const std::lock_guard lock(count.mutex);
+        count.buffers++;
+        count.changed.notify_all();
         return GST_PAD_PROBE_OK;
     }
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    int count_ = 0;
+
+    Shared count_ = std::make_shared<Count>();
 };
 
 const char SOURCE[] = "audiotestsrc samplesperbuffer=160 is-live=true ! "
@@ -128,6 +137,36 @@ TEST_F(GStreamerPads, AReferenceThatNothingIsLinkedToIsNotWaitedFor)
     EXPECT_EQ(files.outcome(), "end");
     EXPECT_TRUE(output() == mic);
     gst_object_unref(reference);
+}
+
+TEST_F(GStreamerPads, AReferenceThatIsUnlinkedIsNotWaitedForAndMayComeBack)
+{
+    standard_error_of([&] {
+        Pipeline pipeline("audiotestsrc samplesperbuffer=160 ! audio/x-raw,format=S16LE,rate=16000,"
+                          "channels=1 ! naxaec name=aec ! fakesink name=sink "
+                          "audiotestsrc name=played samplesperbuffer=160 ! "
+                          "audio/x-raw,format=S16LE,rate=16000,channels=1 ! queue name=branch ! "
+                          "aec.reference");
+        GstPad *branch = gst_element_get_static_pad(pipeline.part("branch"), "src");
+        GstPad *reference = gst_element_get_static_pad(pipeline.part("aec"), "reference");
+        GstPad *sink = gst_element_get_static_pad(pipeline.part("sink"), "sink");
+        // Unlinked while its audio waits to get in: nothing plays yet.
+        gst_element_set_state(pipeline.bin, GST_STATE_PAUSED);
+        gst_element_get_state(pipeline.bin, nullptr, nullptr, PATIENCE);
+        gst_pad_unlink(branch, reference);
+        Passed out(sink);
+        pipeline.play();
+        EXPECT_TRUE(out.wait_for(100));
+        gst_element_set_state(pipeline.part("played"), GST_STATE_NULL);
+        gst_element_set_state(pipeline.part("branch"), GST_STATE_NULL);
+        EXPECT_EQ(gst_pad_link(branch, reference), GST_PAD_LINK_OK);
+        Passed back(reference);
+        gst_element_sync_state_with_parent(pipeline.part("branch"));
+        gst_element_sync_state_with_parent(pipeline.part("played"));
+        EXPECT_TRUE(back.wait_for(2));
+        for (GstPad *pad : {branch, reference, sink})
+            gst_object_unref(pad);
+    });
 }
 
 TEST_F(GStreamerPads, EndsInAnyOrderEvenWithoutAnyAudio)
