@@ -128,9 +128,20 @@ GstBuffer *stream_create_output_buffer(GstAudioAggregator *aggregator, guint ins
     return buffer;
 }
 
+/* A branch that is linked while audio flows may come without its events at first; the base
+ * class would stop everything. */
+static gboolean lacks_format(GstAggregatorPad *pad)
+{
+    return format_of(GST_PAD(pad)).channels == 0 || pad->segment.format != GST_FORMAT_TIME;
+}
+
 GstBuffer *stream_clip(GstAggregator *aggregator, GstAggregatorPad *pad, GstBuffer *buffer)
 {
     NaxAec *self = NAX_AEC_ELEMENT(aggregator);
+    if (GST_PAD(pad) != self->mic && lacks_format(pad)) {
+        gst_buffer_unref(buffer);
+        return NULL;
+    }
     buffer = PARENT(AGGREGATOR)->clip(aggregator, pad, buffer);
     if (buffer && GST_PAD(pad) == self->mic && GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_GAP))
         frame_note_gap(self, &pad->segment, buffer);

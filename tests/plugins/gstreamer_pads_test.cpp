@@ -169,6 +169,21 @@ TEST_F(GStreamerPads, AReferenceThatIsUnlinkedIsNotWaitedForAndMayComeBack)
     });
 }
 
+TEST_F(GStreamerPads, AudioOfTheReferenceBeforeItsFormatIsNoError)
+{
+    Harnessed aec(true);
+    Harnessed::set_format(aec.mic, 16000, 1);
+    standard_error_of([&] {
+        Harnessed::push(aec.reference, Samples(512), 0);
+        Harnessed::push(aec.mic, Samples(512), 0);
+        gst_harness_push_event(aec.reference, gst_event_new_eos());
+        size_t samples = 0;
+        for (const auto &buffer : aec.to_end())
+            samples += buffer.samples.size();
+        EXPECT_EQ(samples, 512u);
+    });
+}
+
 TEST_F(GStreamerPads, EndsInAnyOrderEvenWithoutAnyAudio)
 {
     for (const bool mics_first : {false, true}) {
