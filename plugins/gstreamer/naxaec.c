@@ -136,6 +136,13 @@ static void release_pad(GstElement *element, GstPad *pad)
     pads_after_release(NAX_AEC_ELEMENT(element));
 }
 
+/* Newer base classes set their own default after the instance is made. */
+static void constructed(GObject *object)
+{
+    G_OBJECT_CLASS(nax_aec_element_parent_class)->constructed(object);
+    gst_util_set_object_arg(object, "output-buffer-duration-fraction", "2/125");
+}
+
 static void finalize(GObject *object)
 {
     g_free(NAX_AEC_ELEMENT(object)->probe_name);
@@ -151,7 +158,6 @@ static void nax_aec_element_init(NaxAec *self)
     g_cond_init(&self->gathered);
     self->mic = GST_PAD(pads_create(template, "sink"));
     gst_element_add_pad(GST_ELEMENT(self), self->mic);
-    gst_util_set_object_arg(G_OBJECT(self), "output-buffer-duration-fraction", "2/125");
     gst_util_set_object_arg(G_OBJECT(self), "start-time-selection", "first");
     gst_aggregator_set_ignore_inactive_pads(GST_AGGREGATOR(self), TRUE);
 }
@@ -166,6 +172,7 @@ static void nax_aec_element_class_init(NaxAecClass *class)
 
     object->set_property = properties_set;
     object->get_property = properties_get;
+    object->constructed = constructed;
     object->finalize = finalize;
     properties_install(object);
 
