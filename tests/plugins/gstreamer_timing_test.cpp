@@ -28,6 +28,14 @@ Samples noise(size_t count, uint32_t seed)
     return Noise(seed).frame(static_cast<int32_t>(count), 6000);
 }
 
+// A microphone and its reference beside it, at 16 kHz.
+static void capture_both(const Harnessed &aec, const char *suppress)
+{
+    g_object_set(aec.mic->element, "refs", 1, nullptr);
+    gst_util_set_object_arg(G_OBJECT(aec.mic->element), "suppress", suppress);
+    Harnessed::set_format(aec.mic, 16000, 2);
+}
+
 TEST_F(GStreamerTiming, AClickComesOutUnderItsTimestamp)
 {
     for (const char *suppress : {"false", "true"}) {
@@ -56,9 +64,7 @@ TEST_F(GStreamerTiming, AFlushBringsOutNothingOld)
 {
     for (const char *suppress : {"false", "true"}) {
         Harnessed aec;
-        g_object_set(aec.mic->element, "refs", 1, nullptr);
-        gst_util_set_object_arg(G_OBJECT(aec.mic->element), "suppress", suppress);
-        Harnessed::set_format(aec.mic, 16000, 2);
+        capture_both(aec, suppress);
         standard_error_of([&] {
             // The last frame is not full when the flush comes.
             Harnessed::push(aec.mic, noise(2 * 256 * 40 + 200, 1), 0);
@@ -138,9 +144,7 @@ TEST_F(GStreamerTiming, AGapIsSilenceOfItsLengthAlsoAtTheEnd)
 {
     for (const char *suppress : {"false", "true"}) {
         Harnessed aec;
-        g_object_set(aec.mic->element, "refs", 1, nullptr);
-        gst_util_set_object_arg(G_OBJECT(aec.mic->element), "suppress", suppress);
-        Harnessed::set_format(aec.mic, 16000, 2);
+        capture_both(aec, suppress);
         standard_error_of([&] {
             // 0.1 s each: sound, a gap, sound, nothing at all, sound, a gap.
             const GstClockTime tenth = GST_SECOND / 10;
