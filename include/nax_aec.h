@@ -36,9 +36,8 @@
  *
  * @par Threads
  * The library starts no thread and takes no lock. A state is used by one thread
- * at a time; different states may run on different threads. States are created
- * one at a time: nax_aec_state_init must not run on two threads at once. Real-time
- * use is stated call by call.
+ * at a time. Different states may be created, run and destroyed on different threads
+ * at the same time. Real-time use is stated call by call.
  *
  * @par Messages
  * Everything the library has to say goes to standard error. A line that begins
@@ -153,7 +152,7 @@ typedef char nax_aec_param_is_six_words[sizeof(nax_aec_param) == 24 ? 1 : -1];
  * cannot get its own memory lets the audio pass through unchanged, but where there
  * was none even for the canceller's record the cleaned microphones are silent.
  *
- * Threads: not safe against itself.
+ * Threads: any; several at the same time.
  *
  * Real time: no, it allocates.
  */

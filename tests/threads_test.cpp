@@ -1,11 +1,12 @@
-// Many states on many threads, and dumps that they share. Creations take turns, which
-// is the caller's part; for ThreadSanitizer to look at above all.
+// Many states on many threads, created at the same time, and dumps that they share. The
+// sanitizers' build looks at all of it.
 #include "signals.h"
 
 #include "nax_aec_dump.h"
 
 #include <algorithm>
-#include <mutex>
+#include <atomic>
+#include <set>
 #include <thread>
 
 static constexpr int32_t THREADS = 6;
@@ -19,8 +20,6 @@ struct Layout {
 static constexpr Layout LAYOUTS[THREADS] = {{8000, 1, 1},  {8000, 2, 1},  {16000, 1, 2},
                                             {16000, 2, 2}, {32000, 1, 1}, {48000, 2, 1}};
 
-static std::mutex creations;
-
 // Everything that comes out of the states that a thread has, and the delays.
 static std::vector<int32_t> run(const Layout &layout)
 {
@@ -29,12 +28,8 @@ static std::vector<int32_t> run(const Layout &layout)
     std::vector<int32_t> result;
     for (int32_t life = 0; life < LIVES; life++) {
         const nax_aec_param param = Words{.pos = 0, .model_aec_en = 1};
-        State state;
-        {
-            const std::lock_guard<std::mutex> turn(creations);
-            state.reset(
-                nax_aec_state_init(layout.sample_rate, 16, layout.mics, layout.refs, &param));
-        }
+        const State state(
+            nax_aec_state_init(layout.sample_rate, 16, layout.mics, layout.refs, &param));
         Speech far(layout.sample_rate, 5);
         Samples in(count), out(count), echo(static_cast<size_t>(frame * layout.mics));
         for (int32_t n = 0; n < FRAMES; n++) {
@@ -82,6 +77,33 @@ TEST(Threads, StatesGiveTheSameSideBySideAsAlone)
     const std::vector<std::vector<int32_t>> together = run_all();
     for (size_t i = 0; i < THREADS; i++)
         EXPECT_TRUE(together[i] == run_quietly(LAYOUTS[i])) << i;
+}
+
+TEST(Threads, CreationsAtTheSameTimeGiveEveryThreadAStateOfItsOwn)
+{
+    constexpr size_t CREATORS = 4, ROUNDS = 100;
+    std::set<nax_aec_state *> states;
+    standard_error_of([&] {
+        for (size_t round = 0; round < ROUNDS; round++) {
+            std::atomic<size_t> waiting{CREATORS};
+            nax_aec_state *created[CREATORS] = {};
+            std::vector<std::thread> threads;
+            for (nax_aec_state *&state : created)
+                threads.emplace_back([&state, &waiting] {
+                    const nax_aec_param param = Words{.pos = 1};
+                    waiting--;
+                    while (waiting > 0)
+                        continue;
+                    state = nax_aec_state_init(8000, 16, 1, 1, &param);
+                });
+            for (std::thread &thread : threads)
+                thread.join();
+            states.insert(created, created + CREATORS);
+        }
+    });
+    EXPECT_EQ(states.size(), CREATORS * ROUNDS);
+    for (nax_aec_state *state : states)
+        nax_aec_state_destroy(state);
 }
 
 TEST(Threads, SharedDumpsHoldEveryBlockAndGiveTheSameAudio)

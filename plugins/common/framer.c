@@ -5,11 +5,8 @@
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
-#define _POSIX_C_SOURCE 200809L /* flockfile */
-
 #include "framer.h"
 
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -21,10 +18,7 @@ static nax_aec_state *create_state(const struct settings *settings, int rate)
         .model_aec_en = settings->delay_estimation ? NAX_AEC_DELAY_ESTIMATION : 0,
         .delay_len = settings->delay,
     };
-    flockfile(stderr);
-    nax_aec_state *state = nax_aec_state_init(rate, 16, settings->mics, settings->refs, &param);
-    funlockfile(stderr);
-    return state;
+    return nax_aec_state_init(rate, 16, settings->mics, settings->refs, &param);
 }
 
 static void select_channels(struct framer *framer, const struct settings *settings)

@@ -37,9 +37,7 @@ struct framer {
 };
 
 /* Returns null when the library does not serve the rate or memory is short. The library
- * writes its banner of two lines and two empty ones to standard error. Holds the lock of
- * stderr meanwhile: creations must not run at once, and it is the one lock that all plugins
- * in a process share. */
+ * writes its banner of two lines and two empty ones to standard error. */
 struct framer *framer_create(const struct settings *settings, int rate);
 void framer_destroy(struct framer *framer);
 

@@ -8,9 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 
-// The record of the latest creation that got as far as allocating one. Creation
-// sets it and reads it back, which is why two creations must not run at once.
-static nax_aec_state *st;
+// The record of this thread's latest creation that got as far as allocating one. Creation
+// sets it and reads it back. Each thread has its own, so that creations on several threads
+// do not meet. It is a plain pointer: its initialisation needs no C++ runtime.
+static thread_local nax_aec_state *st;
 
 // Zero-filled room for count elements, or null for a count that no memory can hold:
 // words of the parameter block are not range-checked, so sizes may come out negative.
