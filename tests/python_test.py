@@ -6,6 +6,7 @@ when NumPy is missing.
 """
 import copy
 import doctest
+import gc
 import importlib.util
 import os
 import pathlib
@@ -13,8 +14,10 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 import wave
+from unittest import mock
 
 if importlib.util.find_spec("numpy") is None:
     print("python_test: skipped, python3-numpy is not installed")
@@ -63,6 +66,28 @@ class Suppression(unittest.TestCase):
         self.assertEqual((suppressed.shape, suppressed.dtype), (result.cleaned.shape, np.int16))
         self.assertGreater(removed_db(result.cleaned, suppressed), 6)
         np.testing.assert_array_equal(suppressed[256:4096], result.cleaned[:3840])
+
+    def test_arrays_by_columns_give_what_arrays_by_rows_give(self):
+        microphones, references = noise(512, 2), noise(512, 2, seed=2)
+        with Canceller(16000, 2, 2) as canceller:
+            result = canceller.process(microphones, references)
+        by_columns = result._replace(**{name: np.asfortranarray(getattr(result, name))
+                                        for name in ("cleaned", "references", "echo")})
+        outputs = []
+        for given in (result, by_columns):
+            with Suppressor(16000, 2, 2) as suppressor:
+                outputs.append(suppressor.process(given))
+        np.testing.assert_array_equal(*outputs)
+        self.assertTrue(outputs[1][256:].any())
+
+    def test_results_whose_parts_differ_in_length_are_refused(self):
+        with Canceller(16000) as canceller, Suppressor(16000) as suppressor:
+            result = canceller.process(noise(51200), noise(51200))
+            for part in (dict(echo=result.echo[:256]), dict(echo=result.echo[:0]),
+                         dict(echo=np.vstack([result.echo, result.echo])),
+                         dict(references=result.references[:256])):
+                with self.subTest(part=list(part)), self.assertRaisesRegex(ValueError, "51200 samples of"):
+                    suppressor.process(result._replace(**part))
 
     def test_what_is_no_whole_frame_or_closed_is_refused(self):
         with Suppressor(16000) as suppressor, Canceller(16000) as canceller:
@@ -192,12 +217,36 @@ class Errors(unittest.TestCase):
             with self.subTest(arguments=arguments), self.assertRaisesRegex(ValueError, "not supported"):
                 Canceller(*arguments)
 
+    def test_numbers_that_do_not_fit_the_library(self):
+        for arguments in ((2**32 + 16000, 1, 1), (16000, 2**32 + 1, 1), (16000, 1, 2**32 + 1),
+                          (16000, 1, 10**6)):
+            for kind in (Canceller, Suppressor):
+                with self.subTest(kind=kind, arguments=arguments), \
+                        self.assertRaisesRegex(ValueError, "not supported"):
+                    kind(*arguments)
+        with Canceller(16000) as canceller, self.assertRaisesRegex(ValueError, "byte_order"):
+            canceller.process_bytes(bytes(1024), 2**32)
+
     def test_words_that_the_library_would_trust(self):
         for words in (dict(drop_channel=2), dict(drop_channel=-1), dict(delay_len=-1),
                       dict(delay_len=12289), dict(look_ahead=-1), dict(array_list=[0, 1]),
+                      dict(look_ahead=12289), dict(look_ahead=2**31), dict(pos=2**32),
                       dict(array_list=[2]), dict(array_list=[-1])):
             with self.subTest(words=words), self.assertRaisesRegex(ValueError, next(iter(words))):
                 Canceller(16000, 1, 1, **words)
+        for words in (dict(delay_len=1.5), dict(look_ahead="1"), dict(pos=None)):
+            with self.subTest(words=words), self.assertRaises(TypeError):
+                Canceller(16000, 1, 1, **words)
+
+    def test_a_constructor_that_fails_is_collected_without_a_complaint(self):
+        complaints = []
+        with mock.patch("sys.unraisablehook", complaints.append):
+            for kind in (Canceller, Suppressor):
+                for arguments, options in (((), {}), ((44100,), {}), ((16000,), dict(wrong=1))):
+                    with self.assertRaises((TypeError, ValueError)):
+                        kind(*arguments, **options)
+                    gc.collect()
+        self.assertEqual(complaints, [])
 
     def test_arrays_of_the_wrong_shape_type_or_length(self):
         wrong = ((ValueError, r"not \(n, 1\)", noise(256, 2), noise(256)),
@@ -240,6 +289,41 @@ class Errors(unittest.TestCase):
                                 cwd=ROOT / "python", check=False,
                                 env=dict(os.environ, NAX_AEC_LIBRARY="/nowhere/libnax_aec.so"))
         self.assertIn("OSError: cannot load libnax_aec (/nowhere/libnax_aec.so", result.stderr)
+
+
+class Threads(unittest.TestCase):
+    def test_close_waits_for_another_threads_call(self):
+        """The call's first frame starts the close; the second must still find the state."""
+        for kind, name in ((Canceller, "nax_aec_short"), (Suppressor, "nax_res_short")):
+            with self.subTest(name):
+                stream = kind(16000)
+                lib = nax_aec.library() if kind is Canceller else nax_aec.suppressor.suppressor_library()
+                closer, states = threading.Thread(target=stream.close), []
+
+                def call(state, *arguments):
+                    states.append(stream._state)
+                    if len(states) == 1:
+                        closer.start()
+                        closer.join(0.05)       # as long as the old close took
+                    return 0
+
+                with mock.patch.object(lib, name, call):
+                    result = nax_aec.Result(*[noise(512)] * 3, np.zeros(2, np.int32))
+                    stream.process(*(result[:2] if kind is Canceller else (result,)))
+                closer.join()
+                self.assertEqual((len(states), states[1]), (2, states[0]))
+                self.assertRaisesRegex(ValueError, "closed", stream.process,
+                                       *(result[:2] if kind is Canceller else (result,)))
+
+    def test_a_call_within_a_call_of_the_same_thread_is_refused(self):
+        with Canceller(16000) as canceller:
+            def call(*unused):
+                with self.assertRaisesRegex(RuntimeError, "in use by this thread"):
+                    canceller.close()
+                return 0
+            with mock.patch.object(nax_aec.library(), "nax_aec_short", call):
+                canceller.process(noise(256), noise(256))
+            canceller.process(noise(256), noise(256))
 
 
 class Package(unittest.TestCase):

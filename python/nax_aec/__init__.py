@@ -16,12 +16,13 @@ True
 >>> bool(np.std(result.cleaned[last_second]) < 0.1 * np.std(microphone[last_second]))
 True
 
-Canceller does the same for a stream, call by call; Suppressor suppresses what it leaves. Samples
-are int16, or floats of full scale 1; one row per sample instant, one column per channel, or no
-columns for one channel.
+Canceller does the same for a stream, call by call. Suppressor suppresses the echo that is left.
+Samples are int16, or floats of full scale 1. An array has one row per sample instant and one
+column per channel; an array of one dimension is one channel.
 """
 from ._library import BIG_ENDIAN, HOST_ENDIAN, LITTLE_ENDIAN, LONGEST_DELAY, library
-from .canceller import Canceller, Result, cancel, frame_size
+from ._state import frame_size
+from .canceller import Canceller, Result, cancel
 from .suppressor import Suppressor
 
 __version__ = "2.0.0"

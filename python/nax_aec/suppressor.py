@@ -1,17 +1,18 @@
-"""Suppression of what echo the canceller leaves: libnax_res over ctypes."""
+"""Suppression of the echo that the canceller leaves: libnax_res over ctypes."""
 from __future__ import annotations
 
 import ctypes
 import functools
-import operator
 import pathlib
-from typing import Any, NoReturn
+from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
 
 from ._library import library
-from .canceller import Result, frame_size, like, samples_of
+from ._samples import like, samples_of
+from ._state import State
+from .canceller import Result
 
 
 @functools.lru_cache(maxsize=None)
@@ -29,11 +30,11 @@ def suppressor_library() -> ctypes.CDLL:
     return lib
 
 
-class Suppressor:
+class Suppressor(State):
     """One audio stream behind a Canceller: nax_res_state_init, its call, and
     nax_res_state_destroy.
 
-    Use it from one thread at a time, in a `with` block or with close().
+    Use it in a `with` block, or end it by close(). Threads: as for Canceller.
 
     >>> import nax_aec
     >>> with nax_aec.Canceller(16000) as canceller, Suppressor(16000) as suppressor:
@@ -44,46 +45,36 @@ class Suppressor:
     """
 
     def __init__(self, sample_rate: int, microphones: int = 1, references: int = 1) -> None:
-        """Creates the state, for the canceller's format."""
-        self._state = None
-        sample_rate, microphones, references = map(
-            operator.index, (sample_rate, microphones, references))
-        self.sample_rate, self.microphones, self.references = sample_rate, microphones, references
-        self.frame_size = frame_size(sample_rate)
-        self._state = suppressor_library().nax_res_state_init(sample_rate, microphones, references)
-        if not self._state:
-            raise ValueError(f"not supported: {sample_rate} Hz, {microphones} microphones, "
-                             f"{references} references")
-
-    def close(self) -> None:
-        """Releases the state (nax_res_state_destroy). A second call does nothing."""
-        if self._state:
-            suppressor_library().nax_res_state_destroy(self._state)
-            self._state = None
-
-    __del__ = close
-
-    def __enter__(self) -> Suppressor:
-        return self
-
-    def __exit__(self, *unused: object) -> None:
-        self.close()
-
-    def __reduce__(self) -> NoReturn:
-        raise TypeError("a suppressor cannot be copied or pickled: it has one stream")
+        """Creates the state for the format of the canceller, dropped references included.
+        Raises as Canceller does."""
+        super().__init__(sample_rate, microphones, references)
+        lib = suppressor_library()
+        self._keep(lib.nax_res_state_init(self.sample_rate, self.microphones, self.references),
+                   lib.nax_res_state_destroy)
 
     def process(self, result: Result) -> NDArray[Any]:
-        """The next piece of the stream (nax_res_short), as the canceller gave it: whole frames.
-        Returns the microphones in the type and shape of result.cleaned, a frame late."""
-        if not self._state:
-            raise ValueError("the suppressor is closed")
-        cleaned = samples_of(result.cleaned, self.microphones, "cleaned microphones")
-        references = samples_of(result.references, self.references, "references")
-        echo = np.ascontiguousarray(samples_of(result.echo, self.microphones, "echo"))
-        if len(cleaned) % self.frame_size:
-            raise ValueError(f"{len(cleaned)} samples are not whole frames of {self.frame_size}")
-        aec, out = np.hstack([cleaned, references]), np.zeros_like(echo)
-        for start in range(0, len(out), self.frame_size):
-            suppressor_library().nax_res_short(self._state, *(a[start:].ctypes.data
-                                                              for a in (aec, echo, out)))
-        return like(result.cleaned, out)
+        """The next piece of the stream (nax_res_short).
+
+        result  what the canceller gave: n x M cleaned, n x R references, n x M echo, where n
+                is a multiple of the frame
+        Returns the suppressed microphones in the type and shape of result.cleaned, one frame
+        late. Raises ValueError or TypeError for other arrays and ValueError when the
+        suppressor is closed.
+        """
+        with self._in_use() as state:
+            m, frame = self.microphones, self.frame_size
+            cleaned = samples_of(np.asarray(result.cleaned), m, "cleaned microphones")
+            references = samples_of(np.asarray(result.references), self.references, "references")
+            echo = samples_of(np.asarray(result.echo), m, "echo")
+            n = len(cleaned)
+            if len(references) != n or len(echo) != n:
+                raise ValueError(f"{n} samples of cleaned microphones, {len(references)} of "
+                                 f"references, {len(echo)} of echo; a row is a sample instant")
+            if n % frame:
+                raise ValueError(f"{n} samples are not whole frames of {frame}")
+            aec, out = np.empty((n, m + self.references), np.int16), np.zeros((n, m), np.int16)
+            aec[:, :m], aec[:, m:] = cleaned, references
+            for start in range(0, n, frame):
+                suppressor_library().nax_res_short(state, *(a[start:].ctypes.data
+                                                            for a in (aec, echo, out)))
+            return like(np.asarray(result.cleaned), out)
