@@ -1,4 +1,4 @@
-// A call for scripts/worst-frame, which runs it under callgrind: the instructions of
+// A call for scripts/bench worst-frame, which runs it under callgrind: the instructions of
 // every frame go into a dump of their own. The far end talks with pauses, its echo moves
 // to another delay every 8 s, at times the near end talks as well or both microphones are
 // muted. Two microphones hear one reference.

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Prints docs/cost.md from what scripts/cost has counted in a build directory."""
+"""Prints docs/cost.md from what scripts/cost has counted in a build directory. Exit status 1:
+heap or stack is above its limit."""
 
 import glob
 import re
@@ -11,6 +12,7 @@ from collections import defaultdict
 OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN, SUPPRESSOR = range(9)
 OUR_HEAP_LIMIT = 400 * 1024
 STACK_LIMIT = 8 * 1024
+exceeded = []                   # what is above its limit
 
 
 def read_counts(build, name):
@@ -39,6 +41,12 @@ def table(heads, rows):
     for row in rows:
         print('| ' + ' | '.join(row) + ' |')
     print()
+
+
+def check(what, size, limit):
+    """Notes a size in bytes that is above its limit."""
+    if size > limit:
+        exceeded.append(f'{what}: {size} bytes, limit {limit}')
 
 
 def mean(rows, *regions):
@@ -151,6 +159,7 @@ def heap_by_part(heap):
                      str(sel[tuple(words[:3])]), str(ours), str(canceller)])
     table(['format', 'record and frames', 'delay lines', 'estimator', 'byte path', 'ours',
            'canceller'], rows)
+    check('heap', largest, OUR_HEAP_LIMIT)
     print(f'The largest is {largest / 1024:.0f} KiB; `scripts/cost` fails above {OUR_HEAP_LIMIT // 1024} KiB.\n')
 
 
@@ -181,6 +190,8 @@ def stack(build):
           'libspeexdsp and kissfft are not in it.\n')
     depths = deepest_stack(build)
     table(['call', 'bytes'], [[f'`{name}`', str(size)] for name, size in depths.items()])
+    for name, size in depths.items():
+        check(f'stack of {name}', size, STACK_LIMIT)
     print(f'`scripts/cost` fails above {STACK_LIMIT}.\n')
 
 
@@ -235,6 +246,8 @@ def main():
           'NEON takes as zero, can differ, far below anything that decides on a delay. Nothing\n'
           'is compiled or linked with fast-math. `scripts/test --armv7` compares the outputs of\n'
           'seeded streams on both machines.')
+    if exceeded:
+        sys.exit('cost: above the limit: ' + '; '.join(exceeded))
 
 
 main()

@@ -151,7 +151,7 @@ def main():
     channels = read(options.input)[1]
     mic, refs, cleaned = channels[0], channels[len(all_cleaned):], all_cleaned[0]
     if len(mic) < round(FRAME_S * rate):
-        sys.exit(f"chart.py: {options.input}: is shorter than a frame, there is nothing to chart")
+        sys.exit(f"demo_chart.py: {options.input}: is shorter than a frame, there is nothing to chart")
     near = read(options.near)[1][0][:len(cleaned)] if options.near else None
     times, delays = np.loadtxt(options.delays, delimiter=",", skiprows=1, ndmin=2).T
     knots = None
