@@ -1,11 +1,11 @@
 // The decision-directed Wiener gain of Ephraim and Malah (1984, "Speech enhancement using a
-// minimum mean-square error short-time spectral amplitude estimator") against the echo left.
-// Departures:
-//   - While the far end talks alone the echo is overestimated and the gain follows the
-//     coherence of cleaned with raw microphone as well: what the canceller changed most is
-//     echo. In double talk both would cost the talker more than the echo.
-//   - The output is held up at the microphone's own noise: a listener judges what echo is
-//     left against it, and holes in it are heard.
+// minimum mean-square error short-time spectral amplitude estimator") against the residual
+// echo. Differences from the paper:
+//   - While the far end talks alone, the echo is overestimated and the gain is multiplied by
+//     the coherence of the cleaned with the raw microphone: a band that the canceller changed
+//     much is echo. In double talk both would harm the talker more than the echo.
+//   - The output never falls below the microphone's noise. A listener hears residual echo
+//     against that noise, and also hears gaps in it.
 #include "suppressor/gain.h"
 
 #include <algorithm>
@@ -13,25 +13,27 @@
 
 namespace nax::res {
 
-// The talker's share of the power that counts as none and as all; the means over frames
-// that follow it, quicker to let a talker in than to close behind him.
+// The talker's share of the power is mapped from this range to 0..1. Its running mean
+// follows a rise within 2 frames and a fall within 10.
 static constexpr float NO_NEAR = 0.35f, ALL_NEAR = 0.85f;
 static constexpr float KEEP_RISING = 0.5f, KEEP_FALLING = 0.9f;
 static constexpr float KEEP_COMPARISON = 0.9f;
-static constexpr float KEEP_POWER = 0.97f; // 0.94 to 0.97 do alike
+static constexpr float KEEP_POWER = 0.97f; // 0.94 to 0.97 give equal results
 
-// By how much the echo is overestimated, and the least gain, with the far end alone and
-// with a talker; in between geometrically.
-static constexpr float OVER_ALONE = 30;                        // 20 to 60 do alike
-static constexpr float FLOOR_ALONE = 0.01f, FLOOR_NEAR = 0.1f; // to 0.03; from 0.03
+// Factor by which the echo is overestimated while the far end talks alone; 1 with a talker.
+// 20 to 60 give equal results.
+static constexpr float OVER_ALONE = 30;
+// Smallest gain while the far end talks alone, and with a talker. 0.003 to 0.03 and 0.03 to
+// 0.1 give equal results. Between both states the factors are interpolated geometrically.
+static constexpr float FLOOR_ALONE = 0.01f, FLOOR_NEAR = 0.1f;
 static constexpr int32_t STEPS = 32;
 static constexpr size_t POINTS = STEPS + 1;
 
-// a^(1 - i / STEPS), by repeated multiplication, for want of a power function that gives
-// the same bits on every processor.
+// Table of a^(1 - i / STEPS). It is made by repeated multiplication, because std::pow does
+// not give the same bits on every processor.
 static constexpr std::array<float, POINTS> powers(double a)
 {
-    double root = 1 + (a - 1) / STEPS; // the STEPS-th root of a, by Newton's method
+    double root = 1 + (a - 1) / STEPS; // becomes the STEPS-th root of a, by Newton's method
     for (int32_t n = 0; n < 100; n++) {
         double power = 1;
         for (int32_t i = 1; i < STEPS; i++)
@@ -54,18 +56,18 @@ static float between(const std::array<float, POINTS> &table, float near)
     return table[i] + (at - static_cast<float>(i)) * (table[i + 1] - table[i]);
 }
 
-static void average(float &mean, float value, float keep)
+static void smooth(float &mean, float value, float keep)
 {
     mean = keep * mean + (1 - keep) * value;
 }
 
-// |<Y E*>|^2 / (<|Y|^2> <|E|^2>) of a band; 1 where there is nothing.
+// The coherence |<Y E*>|^2 / (<|Y|^2> <|E|^2>) of a band; 1 in digital silence.
 static float coherence(Gain &gain, const Comparison &comparison, int32_t b)
 {
-    average(gain.cleaned[b], comparison.cleaned[b], KEEP_COMPARISON);
-    average(gain.mic[b], comparison.mic[b], KEEP_COMPARISON);
-    average(gain.cross_re[b], comparison.cross_re[b], KEEP_COMPARISON);
-    average(gain.cross_im[b], comparison.cross_im[b], KEEP_COMPARISON);
+    smooth(gain.cleaned[b], comparison.cleaned[b], KEEP_COMPARISON);
+    smooth(gain.mic[b], comparison.mic[b], KEEP_COMPARISON);
+    smooth(gain.cross_re[b], comparison.cross_re[b], KEEP_COMPARISON);
+    smooth(gain.cross_im[b], comparison.cross_im[b], KEEP_COMPARISON);
     const float re = gain.cross_re[b], im = gain.cross_im[b];
     return std::min((re * re + im * im + TINY_POWER) / (gain.cleaned[b] * gain.mic[b] + TINY_POWER),
                     1.0f);
@@ -77,7 +79,7 @@ void gain_apply(Gain &gain, const Bands &bands, const Comparison &comparison,
 {
     const float near =
         std::clamp((residual.near_share - NO_NEAR) / (ALL_NEAR - NO_NEAR), 0.0f, 1.0f);
-    average(gain.near, near, near > gain.near ? KEEP_RISING : KEEP_FALLING);
+    smooth(gain.near, near, near > gain.near ? KEEP_RISING : KEEP_FALLING);
 
     float factor[MAX_BANDS];
     for (int32_t b = 0; b < bands.count; b++)

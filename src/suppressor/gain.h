@@ -1,4 +1,4 @@
-// What is kept of each bin.
+// The gain of each bin.
 #pragma once
 
 #include "suppressor/loops.h"
@@ -8,10 +8,10 @@
 namespace nax::res {
 
 struct Gain {
-    float near; // how much the talker dominates: 0 far end alone to 1
+    float near; // 0 (far end alone) to 1 (talker)
     // Running means of the comparison.
     float cleaned[MAX_BANDS], mic[MAX_BANDS], cross_re[MAX_BANDS], cross_im[MAX_BANDS];
-    float power_out[MAX_BINS]; // of the frame before
+    float power_out[MAX_BINS]; // output power of the frame before
 };
 
 // Applies the gain to a cleaned microphone's spectrum.

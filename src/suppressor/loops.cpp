@@ -33,8 +33,8 @@ void scalar::add_power(const Complex *spectrum, float *power, int32_t bins)
         power[k] += spectrum[k].re * spectrum[k].re + spectrum[k].im * spectrum[k].im;
 }
 
-// The sum over a band is made of one for each lane of a vector, which are added in the
-// order in which NEON adds them.
+// Four partial sums over a band, one for each lane of a vector. total() adds them in the
+// order of the NEON code.
 struct LaneSums {
     float lane[VECTOR] = {};
     void add(int32_t k, float value) { lane[k % VECTOR] += value; }

@@ -1,7 +1,7 @@
-// The suppressor's inner loops. Each exists in a scalar variant and, for 32-bit ARM, in
-// one for NEON with the same results; the library calls them through the pointers below.
-// Arrays of bins hold padded_bins(bands) values, those of bands one a band. Arrays must
-// not overlap but where it says so.
+// The suppressor's inner loops. Each has a scalar variant and, for 32-bit and 64-bit ARM, a
+// NEON variant with the same results, bit for bit. The library calls them through the
+// pointers below. An array of bins holds padded_bins(bands) values, an array of bands
+// bands.count values. Arrays must not overlap.
 #pragma once
 
 #include "kernels/processor.h"
@@ -15,48 +15,47 @@ struct Complex {
     float re, im;
 };
 
-// Products of samples with a window; count is a multiple of 4.
+// to = samples x window. count is a multiple of 8.
 using WindowSamples = void(const int16_t *samples, const float *window, float *to, int32_t count);
 
-// Products of a block with a window; count is a multiple of 4.
+// to = block x window. count is a multiple of 4.
 using WindowBlock = void(const float *block, const float *window, float *to, int32_t count);
 
-// Samples from a windowed block and what the block before left over, rounded and
-// saturated; count is a multiple of 4.
+// to = left_over + block x window, rounded to the nearest sample and saturated. count is a
+// multiple of 4.
 using OverlapAdd = void(const float *block, const float *window, const float *left_over,
                         int16_t *to, int32_t count);
 
-// Adds |X|^2 to power; bins is a multiple of 4.
+// power += |spectrum|^2. bins is a multiple of 4.
 using AddPower = void(const Complex *spectrum, float *power, int32_t bins);
 
 // Mean of a power over each band.
 using BandMeans = void(const Bands &bands, const float *power, float *means);
 
-// The cleaned microphone E beside the microphone Y = E + echo; means over each band.
+// Means over each band of the cleaned microphone E and the raw microphone Y = E + echo.
 struct Comparison {
     float cleaned[MAX_BANDS];                       // |E|^2
     float mic[MAX_BANDS];                           // |Y|^2
     float cross_re[MAX_BANDS], cross_im[MAX_BANDS]; // Y conj(E)
 };
 
-// Powers of a cleaned microphone and of its echo, bin by bin, and the comparison.
+// The powers of a cleaned microphone and of the removed echo in each bin, and the comparison.
 using Compare = void(const Bands &bands, const Complex *cleaned, const Complex *echo,
                      float *cleaned_power, float *echo_power, Comparison &comparison);
 
-// The echo that may be left: z = activity max(|echo|^2 + tail, gain |X|^2), and the tail
-// that this frame leaves to the next, decay (tail + share activity |echo|^2). Gives the
-// means of z over each band.
+// The predicted echo's power, z = activity x max(echo_power + tail, gain x ref_power), and
+// its mean over each band. Then tail = decay x (tail + share x activity x echo_power).
 struct Tail {
     float decay; // per frame
-    float share; // of the echo's power
+    float share; // of the removed echo's power
 };
 using PredictEcho = void(const Bands &bands, const float *activity, const float *gain,
                          const float *ref_power, const float *echo_power, Tail constants,
                          float *tail, float *predicted, float *means);
 
-// The echo left, max(leakage z, release times the one of the frame before). Against it
-// the running mean of the cleaned power, keep mean + (1 - keep) |E|^2: sums over each band of that
-// and of what of it exceeds the echo left so many times.
+// residual = max(leakage x predicted, release x residual), and the running mean of the
+// cleaned power, running = keep x running + (1 - keep) x cleaned_power. Sums over each band:
+// total of running, and excess of max(running - times x residual, 0).
 struct Excess {
     float release; // per frame
     float keep;    // per frame
@@ -66,14 +65,14 @@ using EstimateResidual = void(const Bands &bands, const float *leakage, const fl
                               const float *cleaned_power, Excess constants, float *residual,
                               float *running, float *excess, float *total);
 
-// Running mean of a power, keep mean + (1 - keep) power, and the least that it has been.
+// running = keep x running + (1 - keep) x power, and least = min(least, running).
 using TrackLeast = void(const float *power, float keep, float *running, float *least, int32_t bins);
 
-// Multiplies a spectrum by
-//   max(floor, sqrt(noise / |E|^2), factor s / (s + over residual))
-// and at most 1, where s is the power without the echo: keep times what came out of the
-// frame before plus 1 - keep times what |E|^2 exceeds over residual by. Notes the power
-// that comes out.
+// Multiplies a spectrum by the gain
+//   min(1, max(floor, sqrt(noise / cleaned_power), factor x s / (s + over x residual)))
+// where s is the power without echo:
+//   s = keep x power_out + (1 - keep) x max(cleaned_power - over x residual, 0).
+// power_out is the output power of the frame before and becomes that of this frame.
 struct GainRule {
     float over;
     float keep; // per frame
@@ -83,7 +82,7 @@ using ApplyGain = void(const Bands &bands, GainRule rule, const float *factor,
                        const float *cleaned_power, const float *residual, const float *noise,
                        float *power_out, Complex *spectrum);
 
-// A power that is nothing against the rounding of samples, 1/12.
+// A power that is small compared with that of rounding to 16 bits, 1/12.
 inline constexpr float TINY_POWER = 1e-6f;
 
 namespace scalar {

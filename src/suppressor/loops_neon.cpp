@@ -1,7 +1,7 @@
-// NEON variants of the inner loops, compiled with -mfpu=neon and called only where the
-// processor has it. Operations stand in the scalar variants' order and are not fused, so
-// that results are the same to the bit. NEON on 32-bit ARM neither divides nor takes
-// roots: lanes do so one by one.
+// NEON variants of the inner loops. For 32-bit ARM they are compiled with -mfpu=neon and
+// called only when the processor has NEON. Operations are in the order of the scalar
+// variants and no multiply-add is fused, so results are the same, bit for bit. NEON on
+// 32-bit ARM has no division and no square root: these are computed lane by lane.
 #include "suppressor/loops.h"
 
 #if NAX_AEC_NEON

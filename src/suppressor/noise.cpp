@@ -1,7 +1,7 @@
 // Minimum statistics after Martin (2001, "Noise power spectral density estimation based
-// on optimal smoothing and minimum statistics"), with a fixed smoothing and a fixed bias.
-// Echo that does not pause, as of music, would be taken for noise: windows are longer
-// while there is any.
+// on optimal smoothing and minimum statistics"). The smoothing and the bias are constants
+// here. Music plays without pauses, so its echo could be mistaken for noise. Windows are
+// therefore four times as long while there is echo.
 #include "suppressor/noise.h"
 
 #include "suppressor/loops.h"
@@ -11,14 +11,16 @@
 namespace nax::res {
 
 static constexpr float KEEP = 0.8f; // of the running mean, per frame
-// A window is 50 frames, 0.8 s, without echo and 200 with it.
+// A window ends after WINDOW_STEPS: 50 frames (0.8 s) without echo, 200 (3.2 s) with it.
 static constexpr int32_t WINDOW_STEPS = 200;
 static constexpr int32_t STEPS_QUIET = 4, STEPS_IN_ECHO = 1;
-static constexpr float BIAS = 1.5f;      // of the least of some two hundred means
-static constexpr float NONE_YET = 1e12f; // above all powers
-// The running mean begins at nothing and is one after so many frames.
+// The minimum of about 200 running means is lower than the noise's mean by this factor.
+static constexpr float BIAS = 1.5f;
+static constexpr float NONE_YET = 1e12f; // larger than every power
+// The running mean starts at 0, so it is too small in the first frames.
 static constexpr int32_t SETTLE_FRAMES = 10;
-// Digital silence tells nothing. Mean over a band; rounding to samples alone makes 0.08.
+// Frames of digital silence are ignored: those whose mean power is lower than this in every
+// band. Rounding to 16 bits alone gives 0.08.
 static constexpr float SILENT_POWER = 1e-3f;
 
 void noise_init(Noise &noise)
@@ -43,7 +45,7 @@ static void begin_window(Noise &noise, int32_t bins)
     noise.steps = 0;
 }
 
-void noise_update(Noise &noise, const Bands &bands, const float *cleaned_power, bool echo)
+void noise_update(Noise &noise, const Bands &bands, const float *cleaned_power, bool echo_before)
 {
     const int32_t bins = padded_bins(bands);
     float means[MAX_BANDS];
@@ -54,7 +56,7 @@ void noise_update(Noise &noise, const Bands &bands, const float *cleaned_power, 
     for (int32_t k = 0; k < bins; k++)
         noise.power[k] = BIAS * std::min(noise.least[k], noise.least_past[k]);
     band_means(bands, noise.power, noise.mean);
-    noise.steps += echo ? STEPS_IN_ECHO : STEPS_QUIET;
+    noise.steps += echo_before ? STEPS_IN_ECHO : STEPS_QUIET;
     if (noise.steps >= WINDOW_STEPS) begin_window(noise, bins);
 }
 

@@ -6,7 +6,7 @@
 
 namespace nax::res {
 
-// Decay of a band's peak per frame, 2.2 dB: not slower than a room's.
+// Factor per frame, 2.2 dB, by which a band's peak decays. Rooms decay faster.
 static constexpr float HOLD = 0.6f;
 
 void reference_update(Reference &reference, const Bands &bands)

@@ -1,4 +1,4 @@
-// What the loudspeakers play: powers, and in which bands there is anything to hear.
+// Power of the references, and whether each band is active.
 #pragma once
 
 #include "suppressor/bands.h"
@@ -6,17 +6,17 @@
 namespace nax::res {
 
 struct Reference {
-    float power[MAX_BINS];     // of this frame, references added up
-    float mean[MAX_BANDS];     // of it over each band
-    float held[MAX_BANDS];     // its peak, dying away
-    float activity[MAX_BANDS]; // 0 silent to 1 active
+    float power[MAX_BINS];     // of this frame, the sum over the references
+    float mean[MAX_BANDS];     // its mean over each band
+    float held[MAX_BANDS];     // peak of that mean, decaying
+    float activity[MAX_BANDS]; // 0 (silent) to 1 (active)
 };
 
-// A band is active from this mean power on: 44 rms of white noise at 16000 Hz, -57 dBFS.
-// A fifth of it serves alike.
+// A band counts as active above this mean power: that of white noise of 44 rms at 16000 Hz,
+// -57 dBFS. A fifth of it gives equal results.
 inline constexpr float ACTIVE_POWER = 44 * 44;
 
-// Takes in a new power.
+// Takes in the power of a new frame, which the caller has put into reference.power.
 void reference_update(Reference &reference, const Bands &bands);
 
 } // namespace nax::res

@@ -1,4 +1,4 @@
-// How much echo the canceller leaves in a microphone.
+// Estimate of the echo that the canceller leaves in a microphone.
 #pragma once
 
 #include "suppressor/loops.h"
@@ -7,25 +7,26 @@
 
 namespace nax::res {
 
-// Means are running ones, of active frames only.
 struct Residual {
-    // Powers of reference and microphone, and their products.
-    float ref[MAX_BANDS], mic[MAX_BANDS], ref_ref[MAX_BANDS], ref_mic[MAX_BANDS];
-    float gain[MAX_BANDS]; // of powers, reference to microphone
-    // Weighted products of the prediction with the cleaned microphone and with itself.
-    float cleaned[MAX_BANDS], predicted[MAX_BANDS];
-    float leakage[MAX_BANDS];   // the share of the prediction that is left
-    float tail[MAX_BINS];       // of the room, past the canceller's filter
-    float prediction[MAX_BINS]; // power of the echo, were all of it left
-    float prediction_mean[MAX_BANDS];
-    float power[MAX_BINS];   // of the echo left
-    float running[MAX_BINS]; // mean power of the cleaned microphone
-    float near_share;        // of it that the echo left does not explain, 0 to 1
-    bool heard;              // the echo left is above the noise
+    // Running means over active frames of a band's powers and of their products.
+    float ref_mean[MAX_BANDS], mic_mean[MAX_BANDS];
+    float ref_square[MAX_BANDS], ref_times_mic[MAX_BANDS];
+    float gain[MAX_BANDS]; // power gain from the reference to the microphone
+    // Power that the echo would have if the canceller removed none of it.
+    float predicted_power[MAX_BINS];
+    float predicted_mean[MAX_BANDS]; // its mean over each band
+    float tail[MAX_BINS];            // part of it: the room's decay beyond the canceller's filter
+    // Weighted running means over active frames, for the regression that gives leakage.
+    float cleaned_times_predicted[MAX_BANDS], predicted_square[MAX_BANDS];
+    float leakage[MAX_BANDS]; // residual echo power / predicted power
+    float power[MAX_BINS];    // the result: power of the residual echo
+    float running[MAX_BINS];  // running mean of the cleaned microphone's power
+    float near_share;         // share of it above the residual echo, 0 to 1
+    bool heard;               // the residual echo is louder than the noise
 };
 
-// One frame: powers of the cleaned microphone and of its echo, how the two compare, and
-// the microphone's noise.
+// Takes in one frame: the powers of the cleaned microphone and of the removed echo, the
+// comparison of both, and the microphone's noise.
 void residual_update(Residual &residual, const Bands &bands, const Reference &reference,
                      const float *cleaned_power, const float *echo_power,
                      const Comparison &comparison, const Noise &noise);

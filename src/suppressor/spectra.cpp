@@ -1,14 +1,15 @@
 // Weighted overlap-add of Crochiere (1980, "A weighted overlap-add method of short-time
-// Fourier analysis/synthesis"): windows of two frames, a frame apart, the square root of
-// a Hann window before and after. Their products add up to one, so that a gain of one
-// gives the signal back, a frame late.
+// Fourier analysis/synthesis"). A window holds two frames; the next one starts one frame
+// later. A square-root Hann window is applied before the transform and after the inverse
+// transform. The products of both add up to 1, so a gain of 1 in all bins gives the input,
+// one frame late.
 #include "suppressor/spectra.h"
 
 #include <cmath>
 
 namespace nax::res {
 
-// The root of the window's energy at 16000 Hz.
+// The square root of the window's energy at 16000 Hz.
 static constexpr double WINDOW_NORM = 16;
 static constexpr int32_t LENGTH_AT_16_KHZ = 512;
 

@@ -1,4 +1,4 @@
-// Frames to spectra and back.
+// Short-time Fourier transform of frames, and its inverse.
 #pragma once
 
 #include "suppressor/loops.h"
@@ -22,12 +22,14 @@ struct Spectra {
 bool spectra_init(Spectra &spectra, int32_t frame_size);
 void spectra_release(Spectra &spectra);
 
-// The spectrum of two frames, one behind the other, padded to padded_bins. A bin's power
-// is the same at every rate, the mean square for white noise at 16000 Hz.
+// The spectrum of two consecutive frames. It has padded_bins bins; those of the padding are
+// 0. A sound has the same power in a bin at every rate. For white noise at 16000 Hz that is
+// its mean square.
 void analyse(Spectra &spectra, const int16_t *frames, Complex *spectrum);
 
-// The first of the two frames that a spectrum stands for, made of it and of what the
-// spectrum before left over; leaves the other one over. left_over holds a frame.
+// Computes the earlier of a spectrum's two frames: the sum of the spectrum's first half and
+// of left_over, which is the second half of the spectrum before. Then stores the second
+// half of this spectrum in left_over, frame_size samples.
 void synthesise(Spectra &spectra, const Complex *spectrum, float *left_over, int16_t *to);
 
 } // namespace nax::res

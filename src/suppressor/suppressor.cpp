@@ -1,5 +1,5 @@
-// The calls of nax_res.h: frames to spectra, what the echo leaves in them, the gain, and
-// back to frames.
+// The calls of nax_res.h. A frame is transformed, its residual echo is estimated, the gain
+// is applied, and the result is transformed back.
 #include "nax_res.h"
 
 #include "kernels/float_mode.h"
@@ -17,7 +17,7 @@
 
 using namespace nax::res;
 
-// Two frames of a channel, the earlier one first.
+// Two consecutive frames of a channel.
 struct Window {
     int16_t samples[2 * MAX_FRAME];
 };
@@ -28,7 +28,7 @@ struct Microphone {
     Residual residual;
     Gain gain;
     float left_over[MAX_FRAME];
-    int16_t frame[MAX_FRAME]; // the result
+    int16_t frame[MAX_FRAME]; // output
 };
 
 struct nax_res_state {
@@ -112,7 +112,7 @@ static void take_in_references(nax_res_state &state)
 {
     std::fill_n(state.reference.power, padded_bins(state.bands), 0.0f);
     for (int32_t r = 0; r < state.refs; r++) {
-        if (is_silent(state.ref_windows[r], state.frame_size)) continue; // dropped ones always
+        if (is_silent(state.ref_windows[r], state.frame_size)) continue; // always, when dropped
         analyse(state.spectra, state.ref_windows[r].samples, state.spectrum);
         add_power(state.spectrum, state.reference.power, padded_bins(state.bands));
     }
@@ -140,7 +140,7 @@ int32_t nax_res_short(nax_res_state *state, const int16_t *aec, const int16_t *e
     const nax::FlushDenormals flush;
     const int32_t frame = state->frame_size, mics = state->mics, stride = mics + state->refs;
 
-    // All of both is read before anything is written, so that out may be either of them.
+    // out may be the same buffer as aec or echo, so both are read completely first.
     for (int32_t r = 0; r < state->refs; r++)
         append(state->ref_windows[r], aec + mics + r, stride, frame);
     for (int32_t m = 0; m < mics; m++) {
