@@ -349,25 +349,6 @@ TEST_F(Canceller, ReleasesTheLibraryAndItsBlocksOnce)
     EXPECT_EQ(destroyed, 1);
 }
 
-static bool flushes_denormals()
-{
-    volatile float small = 1e-38f;
-    return small * 0.01f == 0.0f;
-}
-
-TEST_F(Canceller, FlushesDenormalNumbersForTheLibraryAndLeavesThemToTheCaller)
-{
-#if !defined(__SSE2__) && !defined(__arm__) && !defined(__aarch64__)
-    GTEST_SKIP() << "no way to flush denormals on this processor";
-#endif
-    static bool flushed;
-    stand_in = [](const int16_t *, const int16_t *, int16_t *) { flushed = flushes_denormals(); };
-    Bound bound(16000, 1, 1);
-    bound.cancel();
-    EXPECT_TRUE(flushed);
-    EXPECT_FALSE(flushes_denormals());
-}
-
 // The library, letting the microphones pass, is to see both attenuated by these shifts.
 static void expect_the_near_end_at_its_level(double mic_peak, double ref_peak, int32_t mic_shift,
                                              int32_t ref_shift)

@@ -276,3 +276,28 @@ TEST_F(Frame, AllocatesNothing)
     for (const char *call : {"malloc", "calloc", "realloc", "free"})
         EXPECT_TRUE(journal_of(call).empty()) << call;
 }
+
+static bool flushes_denormals()
+{
+    volatile float small = 1e-38f;
+    return small * 0.01f == 0.0f;
+}
+
+TEST_F(Frame, EnginesFlushDenormalNumbersAndTheCallerDoesNot)
+{
+#if !defined(__SSE2__) && !defined(__arm__) && !defined(__aarch64__)
+    GTEST_SKIP() << "no way to flush denormals on this processor";
+#endif
+    static int flushing, calls;
+    flushing = calls = 0;
+    script.during = [] {
+        flushing += flushes_denormals();
+        calls++;
+    };
+    const State state = make_state(8000, 1, 1, {.model_aec_en = 1});
+    const Samples in(2 * F);
+    nax_aec_short(state.get(), in.data(), nullptr, nullptr, 2 * F);
+    EXPECT_EQ(calls, 4); // both engines, at creation and in the frame
+    EXPECT_EQ(flushing, calls);
+    EXPECT_FALSE(flushes_denormals());
+}

@@ -190,6 +190,36 @@ TEST(Extremes, NoneOfThemMakesTheArithmeticFail)
     fedisableexcept(TRAPS);
 }
 
+// Every rounded result is inexact, and what decays in silence becomes denormal. A program that
+// traps them for itself must not be ended by a call.
+TEST(FloatMode, TrapsForInexactResultsAndUnderflowEndNoCall)
+{
+    constexpr int TRAPS = FE_INEXACT | FE_UNDERFLOW;
+    if (feenableexcept(TRAPS) == -1) GTEST_SKIP() << "this processor has no traps";
+    fedisableexcept(TRAPS);
+    const nax_aec_param param = Words{.pos = 1, .model_aec_en = 1};
+    Speech speech(16000, 1);
+    Samples in(512), out(512), echo(256), suppressed(256);
+    nax_aec_state *state = nullptr;
+    nax_res_state *suppressor = nullptr;
+    standard_error_of([&] {
+        feenableexcept(TRAPS);
+        state = nax_aec_state_init(16000, 16, 1, 1, &param);
+        suppressor = nax_res_state_init(16000, 1, 1);
+        fedisableexcept(TRAPS);
+    });
+    for (int call = 0; call < 400; call++) {
+        for (int16_t &sample : in)
+            sample = call < 100 ? to_sample(speech.next()) : int16_t{0};
+        feenableexcept(TRAPS);
+        nax_aec_short(state, in.data(), out.data(), echo.data(), 512);
+        nax_res_short(suppressor, out.data(), echo.data(), suppressed.data());
+        fedisableexcept(TRAPS);
+    }
+    nax_res_state_destroy(suppressor);
+    nax_aec_state_destroy(state);
+}
+
 // The register that holds rounding, flushing of denormals and traps.
 #if defined(__SSE2__)
 static constexpr bool HAS_MODE = true;

@@ -7,7 +7,6 @@
 
 #include "engines/canceller_policy.h"
 #include "engines/speex_memory.h"
-#include "kernels/float_mode.h"
 #include "kernels/saturate.h"
 
 #include <speex/speex_echo.h>
@@ -120,7 +119,6 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
     if (!instance) return;
     const int32_t frame = instance->frame_size, mics = instance->mics;
     if (instance->library) {
-        const FlushDenormals flush;
         const Levels levels = measure_levels(mic_frame, mics, ref_frame, instance->speakers, frame,
                                              instance->block_size);
         const Decision decision = decide(instance->policy, levels, delay_changed != 0);

@@ -30,7 +30,8 @@ Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, in
 //   delay_changed  1 when the reference was shifted since the last frame, else 0
 // Both outputs are always written in full, but for a null instance, which knows no frame
 // size: it leaves them as they are. The buffers must not overlap.
-// Real time: yes. The caller's floating-point mode is left as it was.
+// Real time: yes, with denormals flushed to zero (kernels/float_mode.h); without that silence
+// costs several times as much as sound.
 void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
                                   const int16_t *ref_frame, int16_t *aec_frame, int16_t *echo_frame,
                                   int32_t delay_changed);

@@ -1,4 +1,5 @@
 // One frame of 16-bit samples: split, align, cancel, join.
+#include "kernels/float_mode.h"
 #include "kernels/kernels.h"
 #include "process/alignment.h"
 #include "state/state.h"
@@ -57,6 +58,7 @@ extern "C" int32_t nax_aec_short(nax_aec_state *state, const int16_t *in, int16_
 {
     if (!state) return nax::refuse("You didn't initlize the nax_aec!");
     if (!in || len < 0) return nax::refuse("Error: input audio data is null!");
+    const nax::FloatMode mode;
 
     const int32_t block = state->block_size;
     const int32_t instants = len / state->num_channel;

@@ -3,6 +3,7 @@
 
 #include "engines/delay_estimator.h"
 #include "engines/logtab.h"
+#include "kernels/float_mode.h"
 #include "kernels/saturate.h"
 
 #include <cstdio>
@@ -151,6 +152,7 @@ extern "C" nax_aec_state *nax_aec_state_init(int32_t sample_rate, int32_t bits_p
                                              int32_t num_src_channel, int32_t num_ref_channel,
                                              const nax_aec_param *param)
 {
+    const nax::FloatMode mode;
     nax::nax_logtab_init();
     if (refuse(sample_rate, bits_per_sample, num_src_channel, num_ref_channel)) return nullptr;
 

@@ -63,6 +63,7 @@ static int32_t frame_size_for(int32_t sample_rate)
 nax_res_state *nax_res_state_init(int32_t sample_rate, int32_t num_src_channel,
                                   int32_t num_ref_channel)
 {
+    const nax::FloatMode mode;
     const int32_t frame_size = frame_size_for(sample_rate);
     if (frame_size == 0 || num_src_channel < 1 || num_src_channel > 2 || num_ref_channel < 1 ||
         num_ref_channel > INT32_MAX - num_src_channel)
@@ -137,7 +138,7 @@ static void suppress(nax_res_state &state, Microphone &mic)
 int32_t nax_res_short(nax_res_state *state, const int16_t *aec, const int16_t *echo, int16_t *out)
 {
     if (!state || !aec || !echo || !out) return -1;
-    const nax::FlushDenormals flush;
+    const nax::FloatMode mode;
     const int32_t frame = state->frame_size, mics = state->mics, stride = mics + state->refs;
 
     // out may be the same buffer as aec or echo, so both are read completely first.

@@ -7,6 +7,12 @@
 using scripted::record;
 using scripted::script;
 
+static void enter(const char *engine)
+{
+    journal.push_back(engine);
+    if (script.during) script.during();
+}
+
 namespace nax {
 
 int32_t nax_logtab_init()
@@ -39,7 +45,7 @@ static int32_t estimator_mics, estimator_refs;
 int32_t AEC_DelayInit(int32_t enable, int32_t sample_rate, int32_t half_frame, int32_t mics,
                       int32_t base_delay, int32_t refs, int32_t *state)
 {
-    journal.push_back("AEC_DelayInit");
+    enter("AEC_DelayInit");
     record.delay_inits.push_back({enable, sample_rate, half_frame, mics, base_delay, refs, state});
     estimator_mics = mics;
     estimator_refs = refs > 0 ? refs : 0;
@@ -50,7 +56,7 @@ int32_t AEC_DelayInit(int32_t enable, int32_t sample_rate, int32_t half_frame, i
 int32_t AEC_DelayProcess(const int16_t *mic_frame, const int16_t *ref_frame, int32_t frame_length,
                          int32_t frame_count, int32_t *state)
 {
-    journal.push_back("AEC_DelayProcess");
+    enter("AEC_DelayProcess");
     record.delay_calls.push_back({mic_frame, ref_frame, frame_length, frame_count, state,
                                   Samples(mic_frame, mic_frame + frame_length * estimator_mics),
                                   Samples(ref_frame, ref_frame + frame_length * estimator_refs)});
@@ -72,7 +78,7 @@ namespace canceller {
 Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, int32_t mics,
                                    int32_t speakers, int32_t sample_rate)
 {
-    journal.push_back("speex_echo_state_init_mc");
+    enter("speex_echo_state_init_mc");
     const Instance instance = {frame_size, filter_length, mics, speakers, sample_rate};
     record.canceller_inits.push_back(instance);
     return script.null_instance ? nullptr : new Instance(instance);
@@ -82,7 +88,7 @@ void speex_fast_echo_cancellation(Instance *instance, const int16_t *mic_frame,
                                   const int16_t *ref_frame, int16_t *aec_frame, int16_t *echo_frame,
                                   int32_t delay_changed)
 {
-    journal.push_back("speex_fast_echo_cancellation");
+    enter("speex_fast_echo_cancellation");
     const size_t call = record.cancels.size();
     record.cancels.push_back(
         {instance, mic_frame, ref_frame, aec_frame, echo_frame, delay_changed, {}, {}});

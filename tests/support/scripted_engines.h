@@ -56,6 +56,7 @@ struct Script {
     uint32_t host_order = 1;       // answer of nax_bigorsmall
     bool converter_writes = true;  // false: the converter leaves its destination alone
     int32_t converter_surplus = 0; // added to the count that the converter returns
+    void (*during)() = nullptr;    // called in every call of estimator and canceller
 };
 
 // What the engines were asked.
