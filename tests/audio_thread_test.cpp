@@ -1,5 +1,6 @@
 // What the per-frame calls may do on an audio thread: nothing that could block, see
 // support/audio_thread.h. The library is the shared one, over the real libspeexdsp.
+#include "nax_meter.h"
 #include "nax_res.h"
 
 #include "audio_thread.h"
@@ -82,6 +83,7 @@ static int process_under_the_ban(const Format &format, bool bytes)
                                  {.pos = 1, .model_aec_en = format.model_aec_en});
         nax_res_state *suppressor =
             nax_res_state_init(format.sample_rate, format.mics, format.refs);
+        nax_meter_state *meter = nax_meter_state_init(format.sample_rate, format.mics, format.refs);
         // The first call of nax_aec_byte allocates once.
         process(state.get(), bytes, in.data(), out.data(), echo.data(), count);
         return [=, of = state.release(), in = std::move(in), out = std::move(out),
@@ -91,6 +93,10 @@ static int process_under_the_ban(const Format &format, bool bytes)
                 int16_t *frame = &in[static_cast<size_t>(t * count)];
                 const int32_t now = process(of, bytes, frame, out.data(), echo.data(), count);
                 nax_res_short(suppressor, out.data(), echo.data(), echo.data());
+                nax_meter_report report;
+                nax_meter_short(meter, frame, out.data(), now);
+                nax_meter_read(meter, &report);
+                nax_meter_text(report.verdict);
                 if (now != delay) moves++;
                 delay = now;
             }

@@ -1,6 +1,7 @@
 /* The public headers as C99, and the order of the parameter block's words. */
 #include "nax_aec.h"
 #include "nax_aec_dump.h"
+#include "nax_meter.h"
 #include "nax_res.h"
 
 #include <stddef.h>
@@ -31,6 +32,16 @@ int main(void)
         nax_res_short;
     void (*res_destroy)(nax_res_state *) = nax_res_state_destroy;
     EXPECT(res_init && suppress && res_destroy);
+    nax_meter_state *(*meter_init)(int32_t, int32_t, int32_t) = nax_meter_state_init;
+    int32_t (*drop)(nax_meter_state *, int32_t) = nax_meter_drop;
+    int32_t (*measure)(nax_meter_state *, const int16_t *, const int16_t *, int32_t) =
+        nax_meter_short;
+    int32_t (*meter_read)(const nax_meter_state *, nax_meter_report *) = nax_meter_read;
+    const char *(*name)(int32_t) = nax_meter_name, *(*text)(int32_t) = nax_meter_text;
+    int32_t (*is_alarm)(int32_t) = nax_meter_is_alarm;
+    void (*meter_destroy)(nax_meter_state *) = nax_meter_state_destroy;
+    EXPECT(meter_init && drop && measure && meter_read && name && text && is_alarm &&
+           meter_destroy);
 
     EXPECT(offsetof(nax_aec_param, pos) == 0);
     EXPECT(offsetof(nax_aec_param, drop_channel) == 4);

@@ -46,7 +46,7 @@ set(root ${SCRATCH}/root)
 set(ENV{DESTDIR} ${root})
 run(${CMAKE_COMMAND} --install ${BUILD})
 unset(ENV{DESTDIR})
-foreach(file IN ITEMS nax_aec.h nax_aec_dump.h nax_res.h)
+foreach(file IN ITEMS nax_aec.h nax_aec_dump.h nax_meter.h nax_res.h)
     if(NOT EXISTS ${root}${PREFIX}/include/${file})
         message(SEND_ERROR "${file} was not installed")
     endif()
@@ -94,7 +94,8 @@ expect("what is installed" "${installed}" bin/consumer)
 file(GLOB_RECURSE built RELATIVE ${SCRATCH}/part ${SCRATCH}/part/*.so ${SCRATCH}/part/*.a
     ${SCRATCH}/part/*_test)
 list(FILTER built EXCLUDE REGEX kissfft_source)
-expect("what is built" "${built}" "nax_aec/libnax_aec.so;nax_aec/libnax_res.so")
+expect("what is built" "${built}" 
+    "nax_aec/libnax_aec.so;nax_aec/libnax_meter.so;nax_aec/libnax_res.so")
 
 # Fetched and installed, into folders that are not below the prefix; static, and with
 # kissfft compiled in: one that never has memory.

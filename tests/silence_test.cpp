@@ -1,5 +1,6 @@
 // Silence, extremes and the caller's floating-point mode, over the real libspeexdsp.
 // bench/extremes.cpp makes the table of what the same signals cost and do.
+#include "nax_meter.h"
 #include "nax_res.h"
 
 #include "extremes.h"
@@ -267,6 +268,8 @@ static void expect_calls_to_leave(uint32_t mode, int32_t model_aec_en)
     EXPECT_TRUE(leaves_mode(mode, [&] { nax_aec_param_printf(0, 0, &param); }));
     nax_aec_state *state = nullptr;
     EXPECT_TRUE(leaves_mode(mode, [&] { state = nax_aec_state_init(16000, 16, 1, 1, &param); }));
+    nax_meter_state *meter = nullptr;
+    EXPECT_TRUE(leaves_mode(mode, [&] { meter = nax_meter_state_init(16000, 1, 1); }));
     nax_res_state *suppressor = nullptr;
     EXPECT_TRUE(leaves_mode(mode, [&] { suppressor = nax_res_state_init(16000, 1, 1); }));
     for (int call = 0; call < 20; call++) {
@@ -280,6 +283,9 @@ static void expect_calls_to_leave(uint32_t mode, int32_t model_aec_en)
     for (int call = 0; call < 20; call++)
         EXPECT_TRUE(leaves_mode(
             mode, [&] { nax_res_short(suppressor, out.data(), echo.data(), suppressed.data()); }));
+    for (int call = 0; call < 20; call++)
+        EXPECT_TRUE(leaves_mode(mode, [&] { nax_meter_short(meter, in.data(), out.data(), 512); }));
+    EXPECT_TRUE(leaves_mode(mode, [&] { nax_meter_state_destroy(meter); }));
     EXPECT_TRUE(leaves_mode(mode, [&] { nax_res_state_destroy(suppressor); }));
     EXPECT_TRUE(leaves_mode(mode, [&] { nax_aec_state_destroy(state); }));
 }
