@@ -17,6 +17,7 @@ import tempfile
 import threading
 import unittest
 import wave
+from concurrent.futures import ThreadPoolExecutor
 from unittest import mock
 
 if importlib.util.find_spec("numpy") is None:
@@ -292,6 +293,13 @@ class Errors(unittest.TestCase):
 
 
 class Threads(unittest.TestCase):
+    def test_a_pool_of_threads_cancels_as_one_thread_does(self):
+        mic = noise(4096)
+        wanted = cancel(mic, mic, 16000).cleaned
+        with ThreadPoolExecutor(8) as pool:
+            for result in pool.map(lambda i: nax_aec.cancel(mic, mic, 16000), range(64)):
+                np.testing.assert_array_equal(result.cleaned, wanted)
+
     def test_close_waits_for_another_threads_call(self):
         """The call's first frame starts the close; the second must still find the state."""
         for kind, name in ((Canceller, "nax_aec_short"), (Suppressor, "nax_res_short")):
