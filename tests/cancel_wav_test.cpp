@@ -385,6 +385,71 @@ TEST_F(CancelWav, RefusesToWriteToAFullDisk)
     }
 }
 
+TEST_F(CancelWav, SaysThatStandardOutputIsFull)
+{
+    write_call(make_call(16000, 1));
+    if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full here";
+    for (const char *arguments : {"mic.wav ref.wav out.wav", "--help", "--version"}) {
+        const Result result = run(std::string(arguments) + " >/dev/full");
+        EXPECT_EQ(result.status, 1) << arguments;
+        EXPECT_NE(result.err.find("cancel_wav: standard output: No space left on device\n"),
+                  std::string::npos)
+            << result.err;
+    }
+}
+
+TEST_F(CancelWav, LeavesAFileWithARightHeaderWhereItCannotGoOn)
+{
+    const Call call = make_call(16000, 1);
+    write_call(call);
+    const Samples whole = cleaned("mic.wav ref.wav");
+    // The reference's last sample but 1000 is no number.
+    write_wav(folder + "nan.wav", 16000, 1, call.ref, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    std::fstream file(folder + "nan.wav", std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(-4000, std::ios::end).write("\0\0\xc0\x7f", 4);
+    file.close();
+    EXPECT_EQ(run("mic.wav nan.wav out.wav").status, 1);
+    const Samples begun = read_wav(folder + "out.wav").samples;
+    // The reading is done in pieces of up to 4096 sample instants, of which frames are made.
+    ASSERT_GT(begun.size(), whole.size() - 4096 - 1000);
+    EXPECT_TRUE(std::equal(begun.begin(), begun.end(), whole.begin()));
+    // libsndfile mends a header that says nothing; other readers take it at its word.
+    uint32_t data_bytes;
+    memcpy(&data_bytes, contents(folder + "out.wav").data() + 40, sizeof data_bytes);
+    EXPECT_EQ(data_bytes, begun.size() * sizeof(int16_t));
+}
+
+TEST_F(CancelWav, TellsOfAFileThatIsCutShort)
+{
+    const Call call = make_call(16000, 1);
+    write_call(call);
+    for (const int format : {SF_FORMAT_WAV, SF_FORMAT_AU, SF_FORMAT_AIFF, SF_FORMAT_W64}) {
+        write_wav(folder + "cut", 16000, 1, call.ref, format | SF_FORMAT_PCM_16);
+        EXPECT_EQ(run("mic.wav cut out.wav").err.find("cut short"), std::string::npos) << format;
+        const auto size = std::filesystem::file_size(folder + "cut");
+        std::filesystem::resize_file(folder + "cut", size - 8000);
+        const Result result = run("mic.wav cut out.wav");
+        EXPECT_EQ(result.status, 0) << format;
+        EXPECT_EQ(result.err.find("cancel_wav: cut: is cut short: "), 0u) << result.err;
+        EXPECT_EQ(run("--quiet mic.wav cut out.wav").err.find("cut short"), std::string::npos);
+    }
+}
+
+TEST_F(CancelWav, TakesARecordersPlaceholderForNoLength)
+{
+    const Call call = make_call(16000, 1);
+    write_call(call);
+    for (const char *length : {"\xff\xff\xff\xff", "\x24\0\0\x80", "\0\xf0\xff\x7f"}) {
+        std::fstream file(folder + "mic.wav", std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(4).write(length, 4);
+        file.seekp(40).write(length, 4);
+        file.close();
+        const Result result = run("mic.wav ref.wav out.wav");
+        EXPECT_EQ(result.err.find("cut short"), std::string::npos) << result.err;
+        EXPECT_EQ(read_wav(folder + "out.wav").samples.size(), call.mic.size());
+    }
+}
+
 TEST_F(CancelWav, RefusesAWrongCommandLineInOneLineWithStatus2)
 {
     write_wav(folder + "mic.wav", 16000, 1, Samples(16000, 100));

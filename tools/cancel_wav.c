@@ -12,6 +12,7 @@
 #define _POSIX_C_SOURCE 200809L /* isatty, clock_gettime */
 
 #include "cancel_wav_source.h"
+#include "output.h"
 
 #include "nax_aec.h"
 #include "nax_aec_dump.h"
@@ -62,16 +63,12 @@ static void copy_channels(int16_t *to, size_t to_stride, const int16_t *from, si
         memcpy(to, from, width * sizeof *to);
 }
 
-/* Returns null for no path. */
-static SNDFILE *create_wav(const char *path, int rate, size_t channels)
+/* A WAV file whose header is right after each frame, so that it can be read even when the
+ * program does not come to its end. Returns null for no path. */
+static SNDFILE *create_result(const char *path, int rate, size_t channels)
 {
-    SF_INFO info = {
-        .samplerate = rate, .channels = (int)channels, .format = SF_FORMAT_WAV | SF_FORMAT_PCM_16};
-    if (!path) return NULL;
-    claim(path, true);
-    SNDFILE *file = sf_open(path, SFM_WRITE, &info);
-    if (!file) fail_sndfile(path, NULL);
-    claim(path, false);
+    SNDFILE *file = create_wav(path, rate, channels);
+    if (file) sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, NULL, SF_TRUE);
     return file;
 }
 
@@ -95,10 +92,10 @@ static void open_sinks(struct sinks *sinks, const struct options *options,
                        const struct source *source)
 {
     memset(sinks, 0, sizeof *sinks);
-    sinks->cleaned = create_wav(options->out, source->rate, source->mics);
-    sinks->echo = create_wav(options->echo, source->rate, source->mics);
-    sinks->refs = create_wav(options->refs, source->rate, source->kept);
-    sinks->input = create_wav(options->input, source->rate, source->channels);
+    sinks->cleaned = create_result(options->out, source->rate, source->mics);
+    sinks->echo = create_result(options->echo, source->rate, source->mics);
+    sinks->refs = create_result(options->refs, source->rate, source->kept);
+    sinks->input = create_result(options->input, source->rate, source->channels);
     if (options->delays) {
         sinks->delays = create_file(options->delays);
         fputs("time_s,delay_samples\n", sinks->delays);
@@ -337,5 +334,6 @@ int main(int argc, char **argv)
     close_sinks(&sinks, &options);
     close_source(&source, options.quiet);
     if (!options.quiet) print_report(&report, &source, &options);
+    finish_stdout();
     return EXIT_SUCCESS;
 }

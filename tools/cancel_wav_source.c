@@ -3,17 +3,15 @@
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
-#define _POSIX_C_SOURCE 200809L /* stat */
-
 #include "cancel_wav_source.h"
+
+#include "output.h"
 
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 
-enum { MAX_FILES = 16 };
 static const double LOUD_SHARE = 0.001; /* of the samples: more is no converter's overshoot */
 
 int16_t *allocate(size_t samples)
@@ -21,18 +19,6 @@ int16_t *allocate(size_t samples)
     int16_t *memory = calloc(samples > 0 ? samples : 1, sizeof *memory);
     if (!memory) fail(STATUS_FAILED, "memory", "cannot get room for %zu samples", samples);
     return memory;
-}
-
-void claim(const char *path, bool is_output)
-{
-    static struct stat used[MAX_FILES];
-    static int used_count;
-    struct stat now;
-    if (stat(path, &now) != 0 || !S_ISREG(now.st_mode)) return;
-    for (int i = 0; is_output && i < used_count; i++)
-        if (used[i].st_dev == now.st_dev && used[i].st_ino == now.st_ino)
-            fail(STATUS_USAGE, path, "is already an input or another output");
-    if (used_count < MAX_FILES) used[used_count++] = now;
 }
 
 /* The channels that --channels names, in that order. */
@@ -106,6 +92,7 @@ static int open_files(struct source *source, const struct options *options)
     for (int i = 0; i < source->files; i++) {
         sound_open(&source->file[i], options->in[i]);
         claim(options->in[i], false);
+        if (!options->quiet) sound_note_cut_short(&source->file[i]);
         all += source->file[i].channels;
     }
     return all;

@@ -31,10 +31,6 @@ int read_frame(struct source *source, int16_t *audio);
 
 void close_source(struct source *source, bool quiet);
 
-/* Refuses a regular file that is already in use, so that no output overwrites an input or
- * another output, and notes it as in use. */
-void claim(const char *path, bool is_output);
-
 /* Room for so many samples, all 0. */
 int16_t *allocate(size_t samples);
 

@@ -5,6 +5,8 @@
  */
 #include "options.h"
 
+#include "output.h"
+
 #include <getopt.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -93,10 +95,14 @@ static void apply_shared(struct words *words, int max_refs, int option, const ch
     case DELAY: words->delay = parse_int("--delay", value, 0, MAX_DELAY); break;
     case LOOK_AHEAD: words->look_ahead = parse_int("--look-ahead", value, 0, MAX_DELAY); break;
     case NO_ESTIMATION: words->estimate = false; break;
-    case HELP: fputs(USAGE, stdout); exit(EXIT_SUCCESS);
+    case HELP:
+        fputs(USAGE, stdout);
+        finish_stdout();
+        exit(EXIT_SUCCESS);
     default:
         printf("%s (nax_aec) %d.%d.%d\n", PROGRAM, NAX_AEC_VERSION_MAJOR, NAX_AEC_VERSION_MINOR,
                NAX_AEC_VERSION_PATCH);
+        finish_stdout();
         exit(EXIT_SUCCESS);
     }
 }

@@ -9,28 +9,19 @@
 #include "sound_file.h"
 
 #include "options.h"
+#include "output.h"
 
 #include <math.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 
 enum { PIECE = 4096 };                          /* sample instants */
 enum { LOWEST_HZ = 1000, HIGHEST_HZ = 768000 }; /* a rate beyond is a header's fault */
+enum { HEADER_SLACK = 8 };                      /* bytes that careless writers count twice */
+enum { LENGTH_NOT_KNOWN = 0x7ffff000 };         /* bytes: from here on, a recorder's placeholder */
 enum { CONVERTER = SRC_SINC_MEDIUM_QUALITY };   /* 121 dB, nine tenths of the band */
-
-void fail_sndfile(const char *path, SNDFILE *file)
-{
-    const char *reason = sf_strerror(file);
-    const char *colon = strstr(reason, " : "); /* behind "System error" */
-    reason = colon ? colon + 3 : reason;
-    const int length = (int)strcspn(reason, ".\n");
-    if (strstr(reason, "SF_INFO")) fail(STATUS_FAILED, path, "says no rate; mend its header");
-    if (strstr(reason, "ormat"))
-        fail(STATUS_FAILED, path, "%.*s; convert it, for instance by ffmpeg -i %s OTHER.wav",
-             length, reason, path);
-    fail(STATUS_FAILED, path, "%.*s", length, reason);
-}
 
 int library_rate(int rate)
 {
@@ -56,6 +47,22 @@ void sound_open(struct sound_file *sound, const char *path)
     sound->length = sound->left = info.frames;
     sound->taken = calloc((size_t)PIECE * (size_t)info.channels, sizeof *sound->taken);
     if (!sound->taken) fail(STATUS_FAILED, path, "needs more memory than there is");
+}
+
+/* libsndfile takes the length that a file has. Where its header says another, libsndfile's log
+ * holds "ANNOUNCED (should be HELD)", both in bytes, for each part of the file. */
+void sound_note_cut_short(const struct sound_file *sound)
+{
+    char log[8192] = "";
+    sf_command(sound->file, SFC_GET_LOG_INFO, log, sizeof log);
+    for (const char *at = log; (at = strstr(at, ": ")); at++) {
+        unsigned long long announced, held;
+        if (sscanf(at, ": %llu (should be %llu)", &announced, &held) != 2) continue;
+        if (announced <= held + HEADER_SLACK || announced >= LENGTH_NOT_KNOWN) continue;
+        complain(sound->path, "is cut short: %llu of the %llu bytes that its header announces",
+                 held, announced);
+        return;
+    }
 }
 
 /* The next piece of the file, of at most count sample instants. */

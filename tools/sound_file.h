@@ -35,9 +35,9 @@ void sound_convert(struct sound_file *sound, int rate);
  * and after the end comes silence. */
 void sound_read(struct sound_file *sound, int16_t *to, int count);
 
-void sound_close(struct sound_file *sound);
+/* Says on standard error when the file holds less than its header announces. */
+void sound_note_cut_short(const struct sound_file *sound);
 
-/* Ends the program with libsndfile's reason. */
-__attribute__((noreturn)) void fail_sndfile(const char *path, SNDFILE *file);
+void sound_close(struct sound_file *sound);
 
 #endif

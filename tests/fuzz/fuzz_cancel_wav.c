@@ -92,6 +92,8 @@ __attribute__((noreturn)) static void jump_back(int status) { longjmp(way_back, 
 #pragma clang section bss = "program_bss" data = "program_data"
 #include "options.c"
 
+#include "output.c"
+
 #include "cancel_wav_options.c"
 
 #include "sound_file.c"

@@ -5,8 +5,10 @@
  */
 #include "live_alsa_options.h"
 
+#include <math.h>
 #include <stddef.h>
-#include <string.h>
+
+static const double FRAME_S = 0.016, ROUNDING = 1e-6; /* so that 1.6 s are 100 frames */
 
 const char PROGRAM[] = "live_alsa";
 const char USAGE[] =
@@ -50,8 +52,6 @@ const char USAGE[] =
     "\n"
     "Exit status: 0 success, 1 a device or a file failed, 2 the command line is wrong.\n";
 
-static bool same(const char *a, const char *b) { return a && b && !strcmp(a, b); }
-
 /* Ends the program when the options contradict each other. */
 static void check(const struct options *options, const char *all)
 {
@@ -71,8 +71,6 @@ static void check(const struct options *options, const char *all)
     if (words->remap_count > 0 && words->remap_count != words->mics)
         fail(STATUS_USAGE, "--remap", "names %d channel(s) for %d microphone(s)",
              words->remap_count, words->mics);
-    if (same(options->echo, options->capture))
-        fail(STATUS_USAGE, options->echo, "is already another output");
     for (int m = 0; m < words->remap_count; m++)
         if (words->remap[m] >= channels)
             fail(STATUS_USAGE, "--remap", "channel %d is outside the channels, 0 to %d",
@@ -110,10 +108,8 @@ struct options live_alsa_options(int argc, char **argv)
     if (argc - first > 1)
         fail(STATUS_USAGE, argv[first + 1], "is one argument too many, see live_alsa --help");
     options.out = argv[first]; /* null after the last */
-    if (same(options.out, options.echo) || same(options.out, options.capture))
-        fail(STATUS_USAGE, options.out, "is already another output");
     if (seconds > 0) {
-        const int frames = (int)(seconds / 0.016 + 0.999); /* whole frames, rounded up */
+        const int frames = (int)fmax(1, ceil(seconds / FRAME_S - ROUNDING));
         if (options.frames == 0 || frames < options.frames) options.frames = frames;
     }
     return options;

@@ -7,6 +7,8 @@
 
 #include "live_alsa_recorder.h"
 
+#include "output.h"
+
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,17 +17,6 @@
 enum { RING_FRAMES = 512 }; /* 8 s */
 
 enum { STACK_BYTES = 256 * 1024 }; /* it is locked in memory, so no more than needed */
-
-static SNDFILE *create_wav(const char *path, int rate, size_t channels)
-{
-    SF_INFO info = {
-        .samplerate = rate, .channels = (int)channels, .format = SF_FORMAT_WAV | SF_FORMAT_PCM_16};
-    SNDFILE *file = sf_open(path, SFM_WRITE, &info);
-    if (file) return file;
-    const char *reason = sf_strerror(NULL), *colon = strstr(reason, " : ");
-    reason = colon ? colon + 3 : reason; /* behind "System error" */
-    fail(STATUS_FAILED, path, "cannot be created: %.*s", (int)strcspn(reason, ".\n"), reason);
-}
 
 static bool written(struct recorder *recorder, const struct track *track, const int16_t *slot)
 {
@@ -96,7 +87,7 @@ void recorder_open(struct recorder *recorder, const struct options *options, int
     recorder->track[2] = (struct track){options->capture, NULL, 0, all, all};
     for (int i = 0; i < TRACKS; i++) {
         struct track *track = &recorder->track[i];
-        if (track->path) track->file = create_wav(track->path, options->rate, track->width);
+        track->file = create_wav(track->path, options->rate, track->width);
         recorder->wanted = recorder->wanted || track->file;
     }
     recorder->scratch = calloc(samples, sizeof *recorder->scratch);
