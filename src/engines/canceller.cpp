@@ -16,19 +16,20 @@
 
 namespace nax::canceller {
 
-// The library runs on quarter frames, with the same filter length: it then adapts four
-// times a frame. At 8000 Hz that would cost half as much again; half frames must do.
+// The library runs on blocks of a quarter frame with the same filter length, so that it adapts
+// four times a frame. At 8000 Hz that would cost half as much again, so that blocks are half
+// frames there.
 static constexpr int32_t BLOCKS_PER_FRAME = 4;
 static constexpr int32_t MIN_BLOCK = 64; // samples
 
-// More references than any device has; the library computes its sizes in int, and up
-// to here they fit.
+// The largest number of references for which the library's sizes, which it computes in int,
+// do not overflow. No device has as many.
 static constexpr int32_t MAX_SPEAKERS = 1024;
 
-// The library picks the corner of its microphone high-pass from the rate that it is
-// told: about 130 Hz at a true 8000 Hz, where it eats near-end speech. Told at least
-// this rate it uses the lowest corner; its averaging times, which also follow the
-// rate, make no difference that could be measured.
+// The library chooses the corner of its microphone high-pass by the rate that it is told. At
+// 8000 Hz the corner is at about 130 Hz, which takes away near-end speech. From this rate on it
+// uses the lowest corner. Its averaging times also follow the rate; they made no difference that
+// could be measured.
 static constexpr int32_t LEAST_RATE_TOLD = 24000;
 
 struct Instance {
@@ -45,7 +46,7 @@ struct Instance {
 static SpeexEchoState *create_library(const Instance &instance, int32_t filter_length,
                                       int32_t sample_rate)
 {
-    // Volatile, or the compiler would find the trial needless.
+    // Volatile, because a compiler may remove an allocation that nothing uses.
     void *volatile trial =
         malloc(speex_bytes(instance.block_size, filter_length, instance.mics, instance.speakers));
     free(trial);
@@ -75,12 +76,12 @@ Instance *speex_echo_state_init_mc(int32_t frame_size, int32_t filter_length, in
     return instance;
 }
 
-// One block of planar channels, frame_size samples apart, to interleaved, divided by
-// 2^shift.
+// Interleaves one block of planar channels, which lie frame_size samples apart, and divides it
+// by 2^shift.
 static void interleave(const int16_t *from, int32_t frame_size, int32_t channels, int16_t *to,
                        int32_t block_size, int32_t shift)
 {
-    if (channels == 1) { // apart, so that the compiler may vectorise it
+    if (channels == 1) { // a loop of its own, which the compiler can vectorise
         for (int32_t i = 0; i < block_size; i++)
             to[i] = static_cast<int16_t>(from[i] >> shift);
         return;
@@ -95,7 +96,8 @@ static bool cancel_blocks(Instance &instance, const int16_t *mic_frame, const in
                           int16_t *aec_frame, const Decision &decision)
 {
     const int32_t mics = instance.mics, frame = instance.frame_size, block = instance.block_size;
-    float heard = 0, left = 0; // sums over blocks, of the powers that the library sees
+    float heard = 0,
+          left = 0; // powers before and after, as the library sees them, summed over blocks
     for (int32_t start = 0; start < frame; start += block) {
         int16_t *cleaned = aec_frame + start * mics;
         interleave(mic_frame + start, frame, mics, instance.mic_block, block, decision.mic_shift);

@@ -4,30 +4,29 @@
 
 namespace nax::canceller {
 
-// The library's first steps are as large as the reference's power over the
-// microphone's. With a reference much weaker than the microphone it would hardly
-// learn, so the microphone is then attenuated on the way in and amplified on the way
-// out, by as many bits as bring their ratio below this one. The scale is chosen at a
-// restart; where no move of the delay brings one about, one is made for it as soon as
-// Policy::first_frames of the reference were heard.
+// The library's first steps are proportional to the reference's power over the microphone's.
+// With a reference much weaker than the microphone it hardly learns. The microphone is then
+// attenuated before the library and amplified behind it, by as many bits as bring the ratio of
+// powers below this one. The scale changes at a restart only. If the delay does not move, one
+// restart is made for the scale after Policy::first_frames of audible reference.
 static constexpr float WEAK_REF_RATIO = 4; // of powers, 6 dB
 static constexpr int32_t MAX_MIC_SHIFT = 2;
 static constexpr float POWER_KEEP = 0.9f;    // decay per frame of the powers compared
 static constexpr float AUDIBLE_POWER = 1000; // -60 dBFS
 
-// A filter whose output is louder than the microphone for so many frames is worse than
-// none. The library would restart itself after 50 such blocks, but with a message on
-// standard error, from the audio thread.
+// A filter whose output is louder than the microphone for this many frames in a row is worse
+// than none. The library would restart itself after 50 such blocks, with a message on standard
+// error from the audio thread.
 static constexpr int32_t LOUDER_FRAMES = 4;
 static constexpr float LOUDER_MARGIN = 10000; // of mean power; half of the library's
 
-// The library gives a block up, with a message on standard error, when the energy of
-// the reference, of its estimate of the echo or of the residual passes 2e9 a sample,
-// channels added up, behind its pre-emphasis. Once a frame comes near that by its mean
-// power, as square waves do, or a block by its power between samples, references and
-// microphones alike are attenuated on the way in, for a while: the library does not
-// know of the new scale before its 32 ms of past are over. A sine at full scale has a
-// mean power of 5.4e8, uniform noise 7.2e8 between samples.
+// The library gives a block up, with a message on standard error, when the energy of the
+// reference, of its echo estimate or of the residual passes 2e9 a sample. The energies are
+// summed over channels and taken behind its pre-emphasis. References and microphones are
+// attenuated before the library when a frame comes near that limit by its mean power, as square
+// waves do, or when a block does by the power of its first difference. The attenuation stays for
+// HOT_FRAMES, because each change of scale spoils the 32 ms of past in the library. A sine at
+// full scale has a mean power of 5.4e8, the first difference of uniform noise 7.2e8.
 static constexpr float HOT_FRAME_POWER = 8e8f;
 static constexpr float HOT_EDGE_POWER = 1e9f;
 static constexpr int32_t HOT_SHIFT = 2;    // bits
@@ -41,7 +40,7 @@ static float mean_power(const int16_t *samples, int32_t count)
     return static_cast<float>(sum) / static_cast<float>(count);
 }
 
-// Four sums, because compilers do not reorder a float sum.
+// Compilers do not reorder a float sum. Four sums let them use vector instructions.
 float difference_power(const int16_t *samples, int32_t channels, int32_t count)
 {
     float sum[4] = {};
@@ -53,7 +52,8 @@ float difference_power(const int16_t *samples, int32_t channels, int32_t count)
     return (sum[0] + sum[1] + sum[2] + sum[3]) / static_cast<float>(count);
 }
 
-// Of one block of planar channels, frame_size samples apart.
+// Difference power of one block, added up over planar channels that lie frame_size samples
+// apart.
 static float edge_power(const int16_t *from, int32_t channels, int32_t frame_size,
                         int32_t block_size)
 {
@@ -85,7 +85,7 @@ static int32_t wanted_shift(const Policy &policy)
     return shift;
 }
 
-// With the library's filter empty the microphones' scale may change.
+// A restart empties the library's filter, so that the microphones' scale may change with it.
 static void note_restart(Policy &policy)
 {
     policy.louder_frames = 0;
@@ -93,7 +93,8 @@ static void note_restart(Policy &policy)
     policy.mic_shift = wanted_shift(policy);
 }
 
-// Whether the reference was heard for long enough now, for the first time.
+// Counts audible frames of reference. Returns true in the frame that completes
+// Policy::first_frames of them. A restart before that ends the counting.
 static bool first_heard(Policy &policy)
 {
     return policy.first_frames > 0 && policy.ref_power > AUDIBLE_POWER &&
@@ -104,7 +105,7 @@ Decision decide(Policy &policy, const Levels &levels, bool delay_changed)
 {
     policy.mic_power = POWER_KEEP * policy.mic_power + (1 - POWER_KEEP) * levels.mic_power;
     policy.ref_power = POWER_KEEP * policy.ref_power + (1 - POWER_KEEP) * levels.ref_power;
-    // A filter that learnt another alignment is worse than none.
+    // A filter that learnt at another delay is worse than an empty one.
     const bool restart = delay_changed || (first_heard(policy) && wanted_shift(policy) > 0);
     if (restart) note_restart(policy);
 

@@ -1,5 +1,4 @@
-// The debug dump streams. The application opens and closes them; nax_aec_byte only
-// appends.
+// The debug dump streams. The application opens and closes them. nax_aec_byte appends.
 #include "nax_aec_dump.h"
 
 extern "C" {

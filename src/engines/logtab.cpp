@@ -1,6 +1,5 @@
-// Logarithm by table: the exponent of the float gives the whole part, the upper 7
-// bits of the mantissa pick an interval of the table and the rest of the mantissa
-// interpolates linearly in it. The largest error of the chord over an interval of
+// Logarithm by table. The exponent of the float gives the whole part. The upper 7 bits of the
+// mantissa choose an interval of the table; the rest of the mantissa interpolates linearly in it. The largest error of the chord over an interval of
 // width h is h^2 / (8 ln 2) = 1.1e-5 at h = 1/128; rounding adds a little.
 #include "engines/logtab.h"
 
@@ -14,8 +13,8 @@ static constexpr int TABLE_BITS = 7;
 static constexpr int TABLE_SIZE = 1 << TABLE_BITS;
 static constexpr int MANTISSA_BITS = 23;
 
-// Atomic so that states may be created on two threads at once without a lock; a
-// relaxed load is a plain load on every processor that matters here.
+// Atomic, so that states may be created on several threads at once without a lock. A relaxed
+// load is a plain load on all processors served.
 static std::atomic<float> table[TABLE_SIZE + 1];
 static_assert(std::atomic<float>::is_always_lock_free);
 

@@ -1,13 +1,12 @@
-// Log table engine: a process-wide table behind a cheap base-2 logarithm, and the
-// levels in dB made from it.
+// Log table engine: a process-wide table for a cheap base-2 logarithm, and levels in dB by it.
 #pragma once
 
 #include <cstdint>
 
 namespace nax {
 
-// Makes the table ready. May be called any number of times, from several threads
-// at once: every caller writes the same values. Returns 0. Real time: yes.
+// Fills the table. It may be called any number of times and from several threads at once: every
+// call writes the same values. Returns 0. Real time: yes.
 int32_t nax_logtab_init();
 
 // Base-2 logarithm of a positive, finite, normal number. Error at most

@@ -6,9 +6,9 @@
 
 namespace nax::canceller {
 
-// Bytes that are enough for all of its buffers, by version 1.2.1, whose sums these are:
-// transforms, histories and filters, foreground and background. The library looks at
-// none of its allocations, so who creates one tries for as much first.
+// Bytes that are enough for all buffers of version 1.2.1: transforms, histories, foreground and
+// background filters. The library checks none of its allocations, so its creator first tries to
+// allocate this much.
 inline size_t speex_bytes(int32_t block_size, int32_t filter_length, int32_t mics, int32_t speakers)
 {
     constexpr size_t SMALL_RECORDS = 4096; // bytes

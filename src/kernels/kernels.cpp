@@ -30,7 +30,7 @@ void scalar::average_cross(float *__restrict a_re, float *__restrict a_im,
 
 float scalar::spectrum_energy(const float *a_re, const float *a_im, int32_t count)
 {
-    // Four sums, because compilers do not reorder a float sum by themselves.
+    // Compilers do not reorder a float sum. Four sums let them use vector instructions.
     float sum[4] = {};
     for (int32_t k = 0; k < count; k += 4)
         for (int32_t j = 0; j < 4; j++)
@@ -48,8 +48,8 @@ void scalar::swap_bytes(const uint8_t *__restrict source, int16_t *__restrict de
     }
 }
 
-// The strides of the usual layouts are compile-time constants, because only then do
-// compilers use their de-interleaving vector instructions.
+// The strides of the usual layouts are compile-time constants: compilers use de-interleaving
+// vector instructions for constant strides only.
 template <ptrdiff_t FROM, ptrdiff_t TO>
 static void copy(const int16_t *__restrict from, int16_t *__restrict to, int32_t count)
 {

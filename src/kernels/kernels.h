@@ -1,5 +1,5 @@
-// The inner loops of process and engines. Each exists in a scalar variant and, for ARM, in
-// one for NEON with the same results; the library calls them through the pointers below.
+// The inner loops of process and engines. Each has a scalar variant and, for ARM, a NEON variant
+// with the same results. The library calls them through the pointers below.
 #pragma once
 
 #include "kernels/processor.h"
@@ -11,8 +11,8 @@ namespace nax {
 // Low-pass filter and decimation in one: output j is the sum of the tap_count products
 // of taps with samples[j * step ...], scaled by 2^-15.
 //   samples    (outputs - 1) x step + tap_count samples
-//   taps       tap_count coefficients, Q15; the sum of their magnitudes must stay
-//              below 2, so that no sum of products leaves 32 bits
+//   taps       tap_count coefficients, Q15; the sum of their magnitudes must be below 2, so
+//              that a sum of products fits 32 bits
 //   tap_count  a multiple of 8
 //   outputs    a multiple of 4
 using FirDecimate = void(const int16_t *samples, const int16_t *taps, int32_t tap_count,
@@ -30,10 +30,9 @@ using SpectrumEnergy = float(const float *a_re, const float *a_im, int32_t count
 // alignment; the buffers must not overlap.
 using SwapBytes = void(const uint8_t *source, int16_t *destination, int32_t samples);
 
-// Copies count samples, from every from_stride-th position to every to_stride-th
-// one. Strides are 1 or more; the buffers must not overlap, though from and to may be
-// channels of them. Samples between those copied may be read and written again
-// unchanged.
+// Copies count samples from every from_stride-th position to every to_stride-th position.
+// Strides are 1 or more. The buffers must not overlap. Samples of to between those copied may be
+// read and written back unchanged.
 using CopyChannel = void(const int16_t *from, int32_t from_stride, int16_t *to, int32_t to_stride,
                          int32_t count);
 

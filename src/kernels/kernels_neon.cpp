@@ -1,7 +1,7 @@
-// NEON variants of the inner loops, compiled with NEON switched on and called only where the
-// processor has it. Float operations stand in the scalar variants' order and are not
-// fused, so that results are the same to the bit, but for denormal numbers, which
-// NEON takes as zero.
+// NEON variants of the inner loops. They are compiled with NEON switched on and called only where
+// the processor has it. Float operations have the scalar variants' order and are not fused, so
+// that results are the same to the bit. NEON takes denormal numbers as zero; so do the scalar
+// variants in the floating-point mode of the per-frame calls.
 #include "kernels/kernels.h"
 
 #if NAX_AEC_NEON
@@ -10,7 +10,7 @@
 
 namespace nax::neon {
 
-// The sums of each vector's four lanes, in turn.
+// The sums of the four lanes of a, of b, of c and of d.
 static int32x4_t sums_of(int32x4_t a, int32x4_t b, int32x4_t c, int32x4_t d)
 {
     const auto halves = [](int32x4_t v) { return vadd_s32(vget_low_s32(v), vget_high_s32(v)); };
@@ -23,7 +23,7 @@ static int32x4_t multiply_add(int32x4_t sum, int16x8_t a, int16x8_t b)
     return vmlal_s16(sum, vget_high_s16(a), vget_high_s16(b));
 }
 
-// Four outputs at a time share what is loaded of the taps.
+// Four outputs at a time use the same loaded taps.
 void fir_decimate(const int16_t *samples, const int16_t *taps, int32_t tap_count, int32_t step,
                   float *to, int32_t outputs)
 {
@@ -41,7 +41,7 @@ void fir_decimate(const int16_t *samples, const int16_t *taps, int32_t tap_count
     }
 }
 
-// Pointers that move on, here and below, become part of the loads.
+// The compiler turns the moving pointers, here and below, into loads with an increment.
 static float32x4_t next(const float *&from)
 {
     const float32x4_t values = vld1q_f32(from);
@@ -86,7 +86,7 @@ void swap_bytes(const uint8_t *source, int16_t *destination, int32_t samples)
     scalar::swap_bytes(source + 2 * j, destination + j, samples - j);
 }
 
-// Eight samples, from every STRIDE-th position.
+// Loads eight samples from every STRIDE-th position.
 template <int32_t STRIDE> static int16x8_t load(const int16_t *from)
 {
     if constexpr (STRIDE == 1) return vld1q_s16(from);
@@ -95,7 +95,7 @@ template <int32_t STRIDE> static int16x8_t load(const int16_t *from)
     if constexpr (STRIDE == 4) return vld4q_s16(from).val[0];
 }
 
-// Eight samples, to every STRIDE-th position. What lies between is loaded and stored
+// Stores eight samples to every STRIDE-th position. The samples between are loaded and stored
 // again, which is quicker than storing lane by lane.
 template <int32_t STRIDE> static void store(int16_t *to, int16x8_t samples)
 {
@@ -116,8 +116,8 @@ template <int32_t STRIDE> static void store(int16_t *to, int16x8_t samples)
     }
 }
 
-// The last samples are left to the scalar loop, because behind them the buffers end
-// with the last channel.
+// The scalar loop copies the last samples: the vector loads would read past the end of the
+// buffer there.
 template <int32_t FROM, int32_t TO>
 static int32_t copy(const int16_t *from, int16_t *to, int32_t count)
 {

@@ -1,6 +1,6 @@
-// What the processor at hand can do. NAX_AEC_NEON says whether the build holds vector
-// variants for ARM. Every 64-bit processor runs them; whether a 32-bit one does is for the
-// kernel to say, so that one library serves devices with and without NEON.
+// What the processor can do. NAX_AEC_NEON says whether the build holds NEON variants. Every 64-bit
+// ARM processor runs them. For a 32-bit one the operating system's kernel is asked, so that one
+// library serves devices with and without NEON.
 #pragma once
 
 #if defined(__linux__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ &&                             \

@@ -9,8 +9,8 @@
 
 namespace nax {
 
-// Copies count samples at position from of a delay line. A negative delay can put
-// the end of the read past the line; what lies there is silence.
+// Copies count samples from position from of a delay line. With a negative delay the read can
+// pass the end of the line; the samples past the end are zero.
 static void read_line(const int16_t *line, int64_t from, int16_t *to, int32_t count)
 {
     const int64_t line_length = DELAY_LINE_LEN + int64_t{count};
@@ -35,9 +35,9 @@ Alignment align_reference(nax_aec_state &state)
     const bool moved = is_taken_up(candidate, state.cur_delay, block);
     const int64_t delay = std::min<int64_t>(moved ? candidate : state.cur_delay, DELAY_LINE_LEN);
 
-    // The read does not wrap. Past DELAY_LINE_LEN lies a frame that is never written,
-    // so a delay that is not a whole number of frames reads a frame with a silent end
-    // once per lap; the estimator's choice of delays takes that into account.
+    // The read does not wrap. The frame past DELAY_LINE_LEN is never written. A delay that is
+    // not a whole number of frames therefore gives a frame with a silent end once per lap. The
+    // estimator takes that into account when it chooses a delay.
     int64_t from = state.ring_pos - delay;
     if (from < 0) from += DELAY_LINE_LEN;
     for (int64_t k = 0; k < kept; k++)

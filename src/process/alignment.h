@@ -1,4 +1,4 @@
-// Alignment of the reference with its echo: a delay line per kept reference, read
+// Alignment of the reference with its echo. Each kept reference has a delay line, which is read
 // at the delay that the estimator asks for.
 #pragma once
 
@@ -11,9 +11,8 @@ struct Alignment {
     int32_t delay_changed; // 1 when the delay was moved by this call, else 0
 };
 
-// Writes the frame in ref_frame into the delay lines, asks the estimator for the
-// delay and reads ref_frame back from the lines at it. Advances the lines by one
-// frame.
+// Writes the frame in ref_frame into the delay lines, asks the estimator for the delay and
+// reads ref_frame back from the lines at that delay. Advances the lines by one frame.
 Alignment align_reference(nax_aec_state &state);
 
 } // namespace nax

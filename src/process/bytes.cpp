@@ -1,6 +1,7 @@
 // Raw bytes in either channel order: convert, select, process, dump.
 #include "engines/byte_format.h"
 #include "kernels/kernels.h"
+#include "process/refuse.h"
 #include "state/state.h"
 
 #include "nax_aec_dump.h"
@@ -8,12 +9,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace nax {
 
-// Sizes pcm_buf for the samples of this call. It never gets shorter than a frame,
-// because nax_aec_short reads a whole frame whatever its length says.
+// Sizes pcm_buf for the samples of this call. It is never shorter than a frame, because
+// nax_aec_short reads a whole frame whatever its length says.
 static void size_pcm_buf(nax_aec_state &state, int32_t sample_count)
 {
     const int32_t frame_samples = state.frame_size * state.num_channel;
@@ -21,8 +21,7 @@ static void size_pcm_buf(nax_aec_state &state, int32_t sample_count)
     state.pcm_buf = static_cast<int16_t *>(realloc(state.pcm_buf, capacity * sizeof(int16_t)));
 }
 
-// Allocates sel_buf for the selected samples of the first call, and at least a
-// frame of them.
+// Allocates sel_buf for the selected samples of the first call, at least a frame of them.
 static void size_sel_buf(nax_aec_state &state, int64_t sel_len)
 {
     const int64_t stride = int64_t{state.num_channel} - state.drop_channel;
@@ -30,8 +29,8 @@ static void size_sel_buf(nax_aec_state &state, int64_t sel_len)
     state.sel_buf = static_cast<int16_t *>(calloc(static_cast<size_t>(samples), sizeof(int16_t)));
 }
 
-// Copies pcm_buf to sel_buf with the microphones first, picked by the remap table
-// if there is one, and without the dropped references.
+// Copies pcm_buf to sel_buf: the microphones first, picked by the remap table if there is one,
+// then the kept references. Dropped references are left out.
 static void select_channels(nax_aec_state &state, int32_t instants)
 {
     const int32_t mics = state.num_src_channel;
@@ -57,13 +56,6 @@ static void dump(FILE *stream, const int16_t *samples, int64_t count)
         fwrite(samples, static_cast<size_t>(count) * sizeof *samples, 1, stream);
 }
 
-// Without a newline: the texts are part of the interface.
-static int32_t refuse(const char *message)
-{
-    fwrite(message, 1, strlen(message), stderr);
-    return -1;
-}
-
 } // namespace nax
 
 extern "C" int32_t nax_aec_byte(nax_aec_state *state, uint8_t **audio, int16_t *out, int16_t *echo,
@@ -80,8 +72,8 @@ extern "C" int32_t nax_aec_byte(nax_aec_state *state, uint8_t **audio, int16_t *
         nax::nax_bytes2shorts(*audio, state->pcm_buf, len, state->bits_per_sample, byte_order);
     if (!state->sel_buf) nax::size_sel_buf(*state, sel_len);
 
-    // Microphones first, nothing dropped, no table: the samples are in order as they
-    // are. sel_buf, and with it the aec_out dump, then stays silent.
+    // With the microphones first, nothing dropped and no table the samples are in order already.
+    // Nothing is copied then, and sel_buf, which the aec_out dump shows, stays silent.
     const bool in_order = state->pos == 1 && state->drop_channel == 0 && state->remap_en == 0;
     int32_t result = 0;
     if (state->pos == 0 || state->pos == 1) {

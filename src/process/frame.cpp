@@ -2,18 +2,18 @@
 #include "kernels/float_mode.h"
 #include "kernels/kernels.h"
 #include "process/alignment.h"
+#include "process/refuse.h"
 #include "state/state.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 namespace nax {
 
 static constexpr int32_t MAX_FRAME_COUNT = 16384; // where the frame counter stays
 
-// Planar microphones and references from the first frame of in: M microphones, then
-// K references per sample instant.
+// Splits the first frame of in into planar microphones and references. A sample instant of in
+// holds M microphones, then K references.
 static void split(nax_aec_state &state, const int16_t *in)
 {
     const int32_t block = state.block_size;
@@ -27,7 +27,7 @@ static void split(nax_aec_state &state, const int16_t *in)
         copy_channel(in + mics + k, stride, state.ref_frame + k * block, 1, block);
 }
 
-// The full layout: M cleaned microphones, K aligned references, D zeros.
+// Writes the full layout: M cleaned microphones, K aligned references, D zeros.
 static void join(const nax_aec_state &state, int16_t *out)
 {
     const int32_t block = state.block_size;
@@ -42,13 +42,6 @@ static void join(const nax_aec_state &state, int16_t *out)
     for (int64_t c = std::max<int64_t>(0, mics + kept); c < stride; c++)
         for (int32_t i = 0; i < block; i++)
             out[ptrdiff_t{i} * stride + c] = 0;
-}
-
-// Without a newline: the texts are part of the interface.
-static int32_t refuse(const char *message)
-{
-    fwrite(message, 1, strlen(message), stderr);
-    return -1;
 }
 
 } // namespace nax
@@ -68,8 +61,8 @@ extern "C" int32_t nax_aec_short(nax_aec_state *state, const int16_t *in, int16_
     nax::Alignment alignment = {state->delay_len, 0};
     if (state->delay_est[0] == 1) alignment = nax::align_reference(*state);
 
-    // One frame per call is the rule. Further whole frames repeat the first one, so
-    // that an output sized by len is always filled.
+    // A caller passes one frame per call. For a longer len the first frame is processed again
+    // for each further whole frame, so that an output sized by len is always filled.
     for (int32_t end = block; end <= instants; end += block) {
         nax::canceller::speex_fast_echo_cancellation(state->echo_state, state->mic_frame,
                                                      state->ref_frame, state->aec_frame,

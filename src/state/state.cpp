@@ -14,17 +14,17 @@
 // do not meet. It is a plain pointer: its initialisation needs no C++ runtime.
 static thread_local nax_aec_state *st;
 
-// Zero-filled room for count elements, or null for a count that no memory can hold:
-// words of the parameter block are not range-checked, so sizes may come out negative.
+// Zero-filled room for count elements. The result is null for a count that is negative or that
+// no memory can hold: words of the parameter block are not range-checked, so both can happen.
 template <typename T> static T *allocate(int64_t count)
 {
     if (count < 0 || static_cast<uint64_t>(count) > PTRDIFF_MAX / sizeof(T)) return nullptr;
     return static_cast<T *>(calloc(static_cast<size_t>(count), sizeof(T)));
 }
 
-// Whether the allocator would give so many buffers. A count that no device has, from a
-// parameter word gone wrong, would otherwise be granted line by line until the machine
-// has no memory left.
+// Whether the allocator would give count buffers at once. Without this question a wrong
+// parameter word could ask for millions of lines, which would be granted one by one until the
+// machine has no memory left.
 static bool affordable(int64_t count, int64_t samples_each)
 {
     constexpr int64_t PLAUSIBLE = 1024;
@@ -35,8 +35,8 @@ static bool affordable(int64_t count, int64_t samples_each)
     return trial != nullptr;
 }
 
-// An array of count buffers of samples_each samples. The array is asked for even
-// when there are no buffers to go into it. Buffers end with the first one refused.
+// An array of count buffers of samples_each samples. The array is allocated even when count
+// is 0. After a buffer that is refused the rest of the array stays null.
 static int16_t **allocate_lines(int64_t count, int64_t samples_each)
 {
     int16_t **lines = allocate<int16_t *>(count);
@@ -70,8 +70,8 @@ static bool is_served(int32_t sample_rate)
     return false;
 }
 
-// Refuses a format that is not supported, with the reason on standard error.
-static bool refuse(int32_t sample_rate, int32_t bits_per_sample, int32_t mics, int32_t refs)
+// Returns whether a format is refused, and writes the reason to standard error.
+static bool refuse_format(int32_t sample_rate, int32_t bits_per_sample, int32_t mics, int32_t refs)
 {
     if (bits_per_sample != 16 || mics <= 0 || refs <= 0) {
         fprintf(stderr,
@@ -90,7 +90,7 @@ static bool refuse(int32_t sample_rate, int32_t bits_per_sample, int32_t mics, i
     return false;
 }
 
-// The numbers of a record that was allocated zero-filled: what is not named is 0.
+// Sets the numbers of a record that was allocated zero-filled. Numbers not named here stay 0.
 static void fill(nax_aec_state &state, int32_t sample_rate, int32_t mics, int32_t refs,
                  const nax_aec_param &param)
 {
@@ -154,14 +154,15 @@ extern "C" nax_aec_state *nax_aec_state_init(int32_t sample_rate, int32_t bits_p
 {
     const nax::FloatMode mode;
     nax::nax_logtab_init();
-    if (refuse(sample_rate, bits_per_sample, num_src_channel, num_ref_channel)) return nullptr;
+    if (refuse_format(sample_rate, bits_per_sample, num_src_channel, num_ref_channel))
+        return nullptr;
 
     st = allocate<nax_aec_state>(1);
     st->remap_en = static_cast<int16_t>(param->model_aec_en & NAX_AEC_REMAP);
     if (st->remap_en) st->array_list = param->array_list;
     st->look_ahead = param->look_ahead;
 
-    // Here the record stays allocated, and in st: a promise of nax_aec.h.
+    // The record stays allocated, and st keeps pointing to it: nax_aec.h promises this.
     if (!is_served(sample_rate)) {
         static const char message[] = "Not Support Sampling_rate\n";
         fwrite(message, 1, sizeof message - 1, stderr);

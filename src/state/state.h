@@ -1,6 +1,5 @@
-// The record behind the public handle nax_aec_state: everything that one audio
-// stream owns. Made, reported and released by state.cpp; the per-frame calls in
-// src/process work on it directly.
+// The record behind the public handle nax_aec_state. It owns everything of one audio stream.
+// state.cpp creates and releases it; the per-frame calls in src/process work on it directly.
 #pragma once
 
 #include "nax_aec.h"
@@ -11,16 +10,16 @@
 #include <cstddef>
 #include <cstdint>
 
-// Reach of a reference delay line beyond one frame, and the largest delay applied,
-// in samples. A sample count at every rate, so the longest delay in ms shrinks as
-// the rate grows.
+// Length of a reference delay line without its last frame, and the largest delay applied, in
+// samples. It is the same count at every rate, so the longest delay in ms shrinks as the rate
+// grows.
 inline constexpr int32_t DELAY_LINE_LEN = nax::DELAY_REACH;
 
-// Width of the area that the delay estimator keeps its bookkeeping in.
+// Words of the record that belong to the delay estimator.
 inline constexpr int32_t DELAY_EST_WORDS = nax::DELAY_STATE_WORDS;
 
-// The rates that are served, in Hz. A frame is 16 ms and divides the delay line, so that
-// it is written in one piece.
+// The rates that are served, in Hz. A frame is 16 ms. The delay line holds a whole number of
+// frames, so that each frame is written in one piece.
 inline constexpr int32_t SAMPLE_RATES[] = {8000, 16000, 32000, 48000};
 constexpr int32_t frame_size_of(int32_t sample_rate) { return sample_rate / 1000 * 16; }
 constexpr bool frames_fit()
@@ -69,8 +68,8 @@ struct nax_aec_state {
     int16_t **ref_delay_lines; // delay on: K lines of DELAY_LINE_LEN + F
     int16_t **mic_lookahead;   // delay on: M buffers of L + F
     int32_t delay_len;         // base delay, samples
-    // The estimator's own bookkeeping; only word 0, its active flag, is read here.
-    // Aligned for the pointer that the estimator keeps in it.
+    // The estimator's own state. The front end reads word 0 only, the estimator's active flag.
+    // It is aligned for the pointer that the estimator keeps in it.
     alignas(void *) int32_t delay_est[DELAY_EST_WORDS];
     int16_t *spare_e;     // delay on: F x M
     int16_t *spare_f;     // delay on: F x R
@@ -84,7 +83,7 @@ struct nax_aec_state {
 
 namespace nax {
 
-// K, the references that reach the engines. In 64 bits, because neither word is
+// K, the references that reach the engines. It has 64 bits, because neither word is
 // range-checked.
 inline int64_t kept_references(const nax_aec_state &state)
 {
