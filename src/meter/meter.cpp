@@ -69,6 +69,7 @@ static nax_meter_report report_of(const nax_meter_state &state);
 nax_meter_state *nax_meter_state_init(int32_t sample_rate, int32_t num_src_channel,
                                       int32_t num_ref_channel)
 {
+    const nax::FloatMode mode;
     const int32_t frame_size = frame_size_for(sample_rate);
     if (frame_size == 0 || num_src_channel < 1 || num_src_channel > MAX_MICS ||
         num_ref_channel < 1 || num_ref_channel > INT32_MAX - num_src_channel)
@@ -205,7 +206,7 @@ int32_t nax_meter_short(nax_meter_state *state, const int16_t *in, const int16_t
                         int32_t delay)
 {
     if (!state || !in || !out) return -1;
-    const nax::FlushDenormals flush;
+    const nax::FloatMode mode;
     const int32_t into = state->mics + state->kept, from = state->mics + state->refs;
     float mic = 0, cleaned = 0, ref = 0;
     for (int32_t m = 0; m < state->mics; m++) {
