@@ -3,7 +3,7 @@
 
 #include "support.h"
 
-#include "engines/delay_estimator.h"
+#include "engines/delay_lines.h"
 
 using nax::AppliedDelay;
 using nax::DELAY_REACH;
@@ -29,7 +29,8 @@ TEST(AppliedDelay, IsAWholeNumberOfFramesWhereThatCostsLessTail)
         EXPECT_EQ(nax::delay_for(applied, whole + ms + kept, margin), whole + kept);
         EXPECT_EQ(nax::delay_for(applied, whole + 2 * ms + kept, 2 * margin), whole + kept);
         EXPECT_EQ(nax::delay_for(applied, 5, margin), 0);
-        EXPECT_EQ(nax::delay_for(applied, DELAY_REACH + 100 * ms, margin), DELAY_REACH);
+        EXPECT_EQ(nax::delay_for(applied, DELAY_REACH + 100 * ms, margin),
+                  DELAY_REACH - applied.frame);
     }
 }
 
@@ -50,7 +51,8 @@ TEST(AppliedDelay, MovesAtOnceWhereTheFrontEndTakesItUpAndElseByADetourWithinThe
                  {1000, 1256, 1513},
                  {1000, 900, 1257},
                  {1000, 1000, 1000},
-                 {DELAY_REACH, DELAY_REACH - 1, DELAY_REACH - 258}};
+                 {DELAY_REACH - 256, DELAY_REACH - 257, DELAY_REACH - 514},
+                 {DELAY_REACH - 600, DELAY_REACH - 512, DELAY_REACH - 857}};
     for (const auto &[from, to, first] : CASES) {
         SCOPED_TRACE(to);
         AppliedDelay applied = applied_at(16000, from);

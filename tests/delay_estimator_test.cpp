@@ -38,6 +38,17 @@ TEST(DelayEstimator, FindsAnyDelayOfTheLineWithinTwoSecondsAtEveryRate)
     }
 }
 
+// The filter takes out what comes within two frames of the longest delay that is served.
+TEST(DelayEstimator, ServesAnEchoBeyondTheLineByTheLongestDelayThatIsReadWhole)
+{
+    for (const int32_t rate : {8000, 16000}) {
+        const int32_t longest = LINE - frame_size(rate);
+        Call call(rate, 1, 1, longest + 62);
+        call.run(seconds_of(LINE, rate) + 2.0, FAR_END);
+        EXPECT_EQ(call.applied(), longest) << rate;
+    }
+}
+
 TEST(DelayEstimator, HoldsTheDelayThroughSilence)
 {
     for (const int32_t rate : RATES) {

@@ -1,6 +1,6 @@
 #include "engines/applied_delay.h"
 
-#include "engines/delay_estimator.h"
+#include "engines/delay_lines.h"
 
 #include <algorithm>
 
@@ -30,7 +30,8 @@ void applied_delay_init(AppliedDelay &applied, int32_t decimation, int32_t frame
 int32_t delay_for(const AppliedDelay &applied, int32_t arrival, int32_t margin)
 {
     const int32_t quarter_ms = applied.frame / 64;
-    const int32_t exact = std::clamp(arrival - margin * quarter_ms, 0, DELAY_REACH);
+    const int32_t exact =
+        std::clamp(arrival - margin * quarter_ms, 0, longest_served(applied.frame));
     const int32_t past_whole_frame = exact % applied.frame;
     return 100 * past_whole_frame < applied.percent * applied.frame ? exact - past_whole_frame
                                                                     : exact;
@@ -65,7 +66,7 @@ void move_to(AppliedDelay &applied, int32_t wanted)
     const int32_t above = std::max(wanted, now) + detour;
     const int32_t below = std::min(wanted, now) - detour;
     applied.second = wanted;
-    applied.now = above <= DELAY_REACH ? above : below;
+    applied.now = above <= longest_served(applied.frame) ? above : below;
 }
 
 bool finish_move(AppliedDelay &applied)

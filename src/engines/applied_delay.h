@@ -20,9 +20,9 @@ struct AppliedDelay {
 // decimation: of the coarse search, samples per lag.
 void applied_delay_init(AppliedDelay &applied, int32_t decimation, int32_t frame, int32_t base);
 
-// Delay to apply for an echo that arrives after so many samples, 0 to DELAY_REACH. The
-// filter loses tail by as much as the delay falls short of the arrival: at least by the
-// margin, in quarters of a millisecond.
+// Delay to apply for an echo that arrives after so many samples: 0 to longest_served. The
+// filter loses as much of its tail as the delay falls short of the arrival. That is at least
+// the margin, in quarters of a millisecond.
 int32_t delay_for(const AppliedDelay &applied, int32_t arrival, int32_t margin);
 
 // Whether the echo lies before the filter, or in its first hair's breadth.

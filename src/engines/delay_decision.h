@@ -68,7 +68,7 @@ bool is_urgent(const DelayDecision &decision);
 float look_keep(const DelayDecision &decision);
 
 // Takes in what was seen in a frame, onset null when there was no fine look, and
-// returns the delay in samples that the front end shall apply in it: 0 to DELAY_REACH.
+// returns the delay in samples that the front end shall apply in it: 0 to longest_served, or the base delay.
 int32_t decide(DelayDecision &decision, const Sight &sight, const Onset *onset);
 
 } // namespace nax

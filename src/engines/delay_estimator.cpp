@@ -6,6 +6,7 @@
 #include "engines/cross_spectrum.h"
 #include "engines/decimator.h"
 #include "engines/delay_decision.h"
+#include "engines/delay_lines.h"
 #include "engines/lag_peaks.h"
 #include "kernels/saturate.h"
 

@@ -7,17 +7,8 @@
 
 namespace nax {
 
-// Samples that the front end can hold back, and the words that it keeps for the
-// estimator.
-inline constexpr int32_t DELAY_REACH = 12288;
+// Words that the front end keeps for the estimator.
 inline constexpr int32_t DELAY_STATE_WORDS = 28;
-
-// Whether the front end takes a delay up that differs from the applied one: a move of up
-// to a frame is not worth the canceller's adaptation. The estimator counts on this rule.
-inline bool is_taken_up(int64_t wanted, int64_t applied, int32_t frame)
-{
-    return wanted - applied > frame || applied - wanted > frame;
-}
 
 // Initialises the estimator in the 28 zero-filled words at state.
 //   enable       stored in word 0, where the front end reads it

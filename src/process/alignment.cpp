@@ -1,6 +1,7 @@
 #include "process/alignment.h"
 
 #include "engines/delay_estimator.h"
+#include "engines/delay_lines.h"
 #include "kernels/saturate.h"
 
 #include <algorithm>

@@ -6,6 +6,7 @@
 
 #include "engines/canceller.h"
 #include "engines/delay_estimator.h"
+#include "engines/delay_lines.h"
 
 #include <cstddef>
 #include <cstdint>
