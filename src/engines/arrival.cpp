@@ -2,7 +2,6 @@
 // the block of the reference that lies the aim further back, both under Hann windows.
 #include "engines/arrival.h"
 
-#include "engines/decimator.h"
 #include "kernels/kernels.h"
 
 #include <algorithm>
@@ -92,11 +91,11 @@ void arrival_aim(Arrival &arrival, int32_t lag)
 
 // Whitened spectrum of two frames of samples, at the full rate and with what the
 // low-pass needs before them. Returns its mean |.|^2, or 0 when they are silent.
-static float whiten(const Arrival &arrival, const int16_t *samples, float silent, float *power,
+static float whiten(Arrival &arrival, const int16_t *samples, float silent, float *power,
                     FineSpectrum &to)
 {
-    float block[FINE_WINDOW];
-    kiss_fft_cpx spectrum[FINE_WINDOW / 2 + 1];
+    float *block = arrival.block;
+    kiss_fft_cpx *spectrum = arrival.bins_of_block;
     const int32_t window = arrival.window;
     if (arrival.tap_count > 0)
         fir_decimate(samples, arrival.taps, arrival.tap_count, arrival.decimation, block, window);
@@ -126,17 +125,16 @@ static float whiten(const Arrival &arrival, const int16_t *samples, float silent
 
 bool arrival_update(Arrival &arrival, float keep)
 {
-    int16_t block[2 * HOP * MAX_DECIMATION + Arrival::MAX_TAPS];
     const int32_t count = 2 * arrival.frame + arrival.tap_count;
     const int32_t from =
         (arrival.head + 2 * arrival.past_length - arrival.aim - count) % arrival.past_length;
     const int32_t straight = std::min(count, arrival.past_length - from);
-    copy_samples(arrival.ref_past + from, block, straight);
-    copy_samples(arrival.ref_past, block + straight, count - straight);
+    copy_samples(arrival.ref_past + from, arrival.samples, straight);
+    copy_samples(arrival.ref_past, arrival.samples + straight, count - straight);
 
-    FineSpectrum x, y;
+    FineSpectrum &x = arrival.x, &y = arrival.y;
     const int16_t *mic = arrival.mic_past + 3 * arrival.frame - count;
-    const float ref_weight = whiten(arrival, block, SILENT_REF, arrival.ref_power, x);
+    const float ref_weight = whiten(arrival, arrival.samples, SILENT_REF, arrival.ref_power, x);
     const float mic_weight =
         ref_weight > 0 ? whiten(arrival, mic, SILENT_MIC, arrival.mic_power, y) : 0;
     if (mic_weight <= 0) return false;
@@ -148,10 +146,11 @@ bool arrival_update(Arrival &arrival, float keep)
     return true;
 }
 
-Onset arrival_onset(const Arrival &arrival)
+Onset arrival_onset(Arrival &arrival)
 {
-    float lags[FINE_WINDOW];
-    kiss_fft_cpx spectrum[FINE_WINDOW / 2 + 1] = {};
+    float *lags = arrival.block;
+    kiss_fft_cpx *spectrum = arrival.bins_of_block;
+    std::fill_n(spectrum, arrival.window / 2 + 1, kiss_fft_cpx{});
     for (int32_t k = 0; k < arrival.bins; k++)
         spectrum[LOW_BIN_1_KHZ + k] = {arrival.evidence.re[k], arrival.evidence.im[k]};
     kiss_fftri(arrival.inverse, spectrum, lags);

@@ -4,6 +4,8 @@
 // 2 kHz, where a reflection then stands in its place.
 #pragma once
 
+#include "engines/decimator.h"
+
 #include <kiss_fftr.h>
 
 #include <cstdint>
@@ -43,6 +45,13 @@ struct Arrival {
     float mic_power[FINE_BINS];
     FineSpectrum evidence; // averaged conj(X) Y
     float variance;        // of a lag, were the signals unrelated
+
+    // What one call works on. It is too large for the stack of an audio thread.
+    int16_t samples[2 * HOP * MAX_DECIMATION + MAX_TAPS];
+    float block[FINE_WINDOW];
+    kiss_fft_cpx bins_of_block[FINE_WINDOW / 2 + 1];
+    FineSpectrum x;
+    FineSpectrum y;
 };
 
 // What the evidence says. Lags in samples at the full rate.
@@ -68,6 +77,6 @@ void arrival_aim(Arrival &arrival, int32_t lag);
 bool arrival_update(Arrival &arrival, float keep);
 
 // The echo's onset within 6 ms before and 8 ms after the aim. Real time: yes.
-Onset arrival_onset(const Arrival &arrival);
+Onset arrival_onset(Arrival &arrival);
 
 } // namespace nax

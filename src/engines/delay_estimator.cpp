@@ -58,6 +58,8 @@ struct Work {
     LagPeaks peaks;
     Arrival arrival;
     DelayDecision decision;
+    int16_t mono_ref[HOP * MAX_DECIMATION]; // this frame, its channels mixed
+    int16_t mono_mic[HOP * MAX_DECIMATION];
 };
 
 static void release(Work *work)
@@ -144,13 +146,12 @@ static bool look(Work &work, Onset &onset)
 
 static void take_in(Work &work, const int16_t *mic_frame, const int16_t *ref_frame)
 {
-    int16_t ref[HOP * MAX_DECIMATION], mic[HOP * MAX_DECIMATION];
     float slow_ref[HOP], slow_mic[HOP];
-    mix_to_mono(ref_frame, work.refs, work.frame, ref);
-    mix_to_mono(mic_frame, work.mics, work.frame, mic);
-    arrival_listen(work.arrival, ref, mic);
-    decimate(work.ref, ref, slow_ref);
-    decimate(work.mic, mic, slow_mic);
+    mix_to_mono(ref_frame, work.refs, work.frame, work.mono_ref);
+    mix_to_mono(mic_frame, work.mics, work.frame, work.mono_mic);
+    arrival_listen(work.arrival, work.mono_ref, work.mono_mic);
+    decimate(work.ref, work.mono_ref, slow_ref);
+    decimate(work.mic, work.mono_mic, slow_mic);
 
     const DelayDecision &decision = work.decision;
     const Memory memory = is_searching(decision, work.followed) ? Memory::LONG : Memory::SHORT;
