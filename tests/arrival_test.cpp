@@ -111,6 +111,18 @@ TEST(Arrival, LearnsNothingFromSilenceOnEitherSide)
     EXPECT_FALSE(nax::arrival_update(muted.arrival, KEEP));
 }
 
+TEST(Arrival, CountsNoUpdatesWithoutEndAndKeepsOddAndEvenApart)
+{
+    Listener listener(8000, 500, {0.5});
+    listener.hear(10, 9000.0, 1000.0);
+    nax::arrival_aim(listener.arrival, 500);
+    for (int32_t update = 1; update <= 1100; update++) {
+        EXPECT_TRUE(nax::arrival_update(listener.arrival, KEEP));
+        ASSERT_EQ(listener.arrival.updates % 2, update % 2);
+    }
+    EXPECT_LE(listener.arrival.updates, 1000);
+}
+
 TEST(Arrival, ForgetsTheOldAimsEvidence)
 {
     Listener listener(16000, 2000, {0.5}), fresh(16000, 2000, {0.5});

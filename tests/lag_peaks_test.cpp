@@ -141,6 +141,17 @@ TEST_F(LagPeaks, ForgetsAPeakThatNoNewEvidenceUpholds)
     EXPECT_EQ(rival(2000), 0);
 }
 
+// A count that has no end comes round after a year, and the peak would be fresh again.
+TEST_F(LagPeaks, NeverTakesAForgottenPeakForAFreshOne)
+{
+    add_echo(640, 3);
+    search(100);
+    const int32_t oldest = peaks.peaks[10].age;
+    search(1);
+    EXPECT_EQ(peaks.peaks[10].age, oldest);
+    EXPECT_FALSE(nax::is_fresh(peaks.peaks[10]));
+}
+
 TEST_F(LagPeaks, ReflectionsAreNoRivalsOfTheArrival)
 {
     add_echo(1000, 3);

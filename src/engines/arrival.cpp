@@ -17,6 +17,7 @@ static constexpr float RELEASE = 0.8f; // of the whitening power per update
 // Added to the variance: what so many updates of weakly whitened signal would give.
 static constexpr float PRIOR_UPDATES = 6;
 static constexpr float PRIOR_WEIGHT = 0.09f;
+static constexpr int32_t MOST_UPDATES = 1000; // the count ends there
 // Mean power of a block below which it is silent: -62 and -80 dB of full scale.
 static constexpr float SILENT_REF = 677;
 static constexpr float SILENT_MIC = 10;
@@ -142,7 +143,8 @@ bool arrival_update(Arrival &arrival, float keep)
                   arrival.bins);
     const float bins = static_cast<float>(arrival.bins);
     arrival.variance = keep * keep * arrival.variance + 2 * bins * ref_weight * mic_weight;
-    arrival.updates++;
+    // Odd and even numbers of updates go on taking turns.
+    arrival.updates += arrival.updates < MOST_UPDATES ? 1 : -1;
     return true;
 }
 

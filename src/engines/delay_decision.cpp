@@ -32,6 +32,7 @@ static constexpr int32_t LOST_SIGHTINGS = 4;
 static constexpr int32_t TALLER_SIGHTINGS = 24;
 static constexpr int32_t TAIL_SIGHTINGS = 12;
 static constexpr int32_t SAME_LAGS = 2;
+static constexpr int32_t MOST_COUNTED = 1000; // sightings and agreements
 
 // Heights of the fine look, and how many updates they must rest on.
 static constexpr float OBJECTION_HEIGHT = 4; // below it a sure peak has to wait
@@ -216,7 +217,7 @@ static int32_t decide_coarsely(DelayDecision &decision, const Sight &sight)
 {
     const bool seen_before =
         decision.suspect != NONE && is_near(sight.lag, decision.suspect, SAME_LAGS);
-    decision.sightings = seen_before ? decision.sightings + 1 : 1;
+    decision.sightings = seen_before ? std::min(decision.sightings + 1, MOST_COUNTED) : 1;
     if (!seen_before) decision.suspect = sight.lag;
     decision.strongest = std::max(sight.followed, STRONGEST_DECAY * decision.strongest);
     const bool same_path = decision.found != NONE && is_near(sight.lag, decision.found, PATH_LAGS);
@@ -295,7 +296,8 @@ static int32_t settle(DelayDecision &decision, const Onset &onset, int32_t befor
         return decision.applied.now;
     }
     const bool same = is_near(onset.lag, before, quarter_ms);
-    decision.agreements = decision.agreements > 0 && same ? decision.agreements + 1 : 1;
+    decision.agreements =
+        decision.agreements > 0 && same ? std::min(decision.agreements + 1, MOST_COUNTED) : 1;
     if (!is_settled(decision)) return decision.applied.now;
 
     const int32_t wanted = delay_for(decision.applied, onset.lag, FINE_MARGIN);

@@ -50,7 +50,7 @@ struct Work {
     int32_t urgent_period;
     float followed; // latest height at the path that is followed
     int32_t tick;   // frames
-    int32_t rested; // frames since the last fine look
+    int32_t rested; // frames since the last fine look, at most HURRY_PERIOD
     int32_t credit; // frames' worth of looks in a hurry
     Decimator ref;
     Decimator mic;
@@ -123,7 +123,7 @@ static bool is_look_due(Work &work)
     const bool urgent = is_urgent(work.decision);
     work.tick = (work.tick + 1) % (work.settled_period * CREDIT_PERIOD);
     if (urgent || work.tick % CREDIT_PERIOD == 0) work.credit = std::min(work.credit + 1, most);
-    work.rested++;
+    work.rested = std::min(work.rested + 1, HURRY_PERIOD);
     if (!urgent) return work.decision.target != NONE && work.tick % work.settled_period == 0;
     return work.credit >= work.urgent_period &&
            work.rested >= (work.decision.doubted ? 1 : HURRY_PERIOD);

@@ -14,6 +14,7 @@ namespace nax {
 // longer counts.
 static constexpr int32_t REST_FRAMES = 3;
 static constexpr int32_t FRESH_FRAMES = 10;
+static constexpr int32_t FORGOTTEN_AGE = FRESH_FRAMES + 1; // the count ends there
 // An earlier lag is the first arrival when it reaches this share of the tallest one
 // and lies at most so far before it: the strongest path is often a reflection.
 static constexpr float ARRIVAL_SHARE = 0.6f;
@@ -32,7 +33,7 @@ bool lag_peaks_init(LagPeaks &found, int32_t partitions)
     found.peaks = static_cast<Peak *>(calloc(count, sizeof *found.peaks));
     if (!found.inverse || !found.score || !found.peaks) return false;
     for (int32_t p = 0; p < partitions; p++)
-        found.peaks[p].age = FRESH_FRAMES + 1;
+        found.peaks[p].age = FORGOTTEN_AGE;
     return true;
 }
 
@@ -84,7 +85,7 @@ void lag_peaks_search(LagPeaks &found, const CrossSpectrum &cross, int32_t trans
     found.scored = (found.scored + 1) % 4;
 
     for (int32_t p = 0; p < found.partitions; p++)
-        found.peaks[p].age++;
+        found.peaks[p].age = std::min(found.peaks[p].age + 1, FORGOTTEN_AGE);
     for (int32_t n = 0; n < transforms; n++) {
         int32_t best = -1;
         for (int32_t p = 0; p < found.partitions; p++)

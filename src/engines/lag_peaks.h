@@ -20,7 +20,7 @@ inline constexpr int32_t REFLECTION_LAGS = 200;
 struct Peak {
     float height;
     int32_t lag;    // of the first arrival: the earliest lag nearly as tall
-    int32_t age;    // frames since the partition was transformed
+    int32_t age;    // frames since the partition was transformed, until it is forgotten
     float variance; // of the evidence that it was found in
 };
 
