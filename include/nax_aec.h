@@ -37,7 +37,8 @@
  * @par Threads
  * The library starts no thread and takes no lock. A state is used by one thread
  * at a time. Different states may be created, run and destroyed on different threads
- * at the same time. Real-time use is stated call by call.
+ * at the same time. Real-time use is stated call by call. The per-frame calls need at
+ * most 8 KiB of stack, libspeexdsp and kissfft included.
  *
  * @par Messages
  * Everything the library has to say goes to standard error. A line that begins
