@@ -11,6 +11,7 @@ import ctypes
 import functools
 import importlib.util
 import io
+import os
 import pathlib
 import re
 import subprocess
@@ -534,6 +535,26 @@ class Files(unittest.TestCase):
         number = ".".join(re.findall(r"#define NAX_AEC_VERSION_(?:MAJOR|MINOR|PATCH) (\d+)", header))
         status, out, _ = self.run_program("--version")
         self.assertEqual((status, out), (0, f"diagnose_wav (nax_aec) {number}\n"))
+
+    def test_a_reader_that_closes_the_pipe_ends_it_without_a_word(self):
+        self.write("mic.wav", [self.y])
+        self.write("ref.wav", [self.x])
+        arguments = ([self.folder / "mic.wav", self.folder / "ref.wav"], ["--help"])
+        for one in arguments:
+            reading, writing = os.pipe()
+            os.close(reading)
+            result = subprocess.run([sys.executable, "-B", PROGRAM, *one], stdout=writing, stderr=subprocess.PIPE)
+            os.close(writing)
+            self.assertEqual((result.returncode, result.stderr), (1, b""), one)
+
+    @unittest.skipUnless(os.path.exists("/dev/full"), "no /dev/full here")
+    def test_a_full_disk_is_said_in_one_line(self):
+        self.write("all.wav", [self.y, self.x])
+        for one in ([self.folder / "all.wav"], ["--help"], ["--version"]):
+            with open("/dev/full", "wb") as full:
+                result = subprocess.run([sys.executable, "-B", PROGRAM, *one], stdout=full, stderr=subprocess.PIPE)
+            self.assertEqual((result.returncode, result.stderr),
+                             (1, b"diagnose_wav: standard output: No space left on device\n"), one)
 
     def test_it_starts_as_a_program(self):
         result = subprocess.run([sys.executable, "-B", str(PROGRAM), "--help"], capture_output=True, text=True)

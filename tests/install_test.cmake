@@ -66,6 +66,23 @@ run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${elsewhere})
 if(EXISTS ${elsewhere}/bin/cancel_wav)
     run(${elsewhere}/bin/cancel_wav --version)
 endif()
+# A recording of noise and its echo, which diagnose_wav runs through the library.
+execute_process(COMMAND ${PYTHON} -c "import numpy" RESULT_VARIABLE no_numpy ERROR_QUIET)
+if(EXISTS ${elsewhere}/bin/diagnose_wav AND no_numpy EQUAL 0)
+    file(WRITE ${SCRATCH}/call.py "import array, random, wave
+x = random.Random(1).choices(range(-9000, 9000), k=40000)
+y = [0] * 400 + [v // 2 for v in x[:-400]]
+with wave.open('${SCRATCH}/call.wav', 'wb') as file:
+    file.setparams((2, 2, 8000, 0, 'NONE', ''))
+    file.writeframes(array.array('h', [v for pair in zip(y, x) for v in pair]).tobytes())
+")
+    run(${PYTHON} ${SCRATCH}/call.py)
+    execute_process(COMMAND env -u NAX_AEC_LIBRARY -u PYTHONPATH ${elsewhere}/bin/diagnose_wav ${SCRATCH}/call.wav
+        OUTPUT_VARIABLE output ERROR_VARIABLE output)
+    if(NOT output MATCHES "Library:  applied")
+        message(SEND_ERROR "diagnose_wav as installed does not run the library: ${output}")
+    endif()
+endif()
 build(elsewhere_found -D nax_aec_ROOT=${elsewhere})
 run(${SCRATCH}/elsewhere_found/consumer_static)
 set(ENV{PKG_CONFIG_PATH} ${elsewhere}/${LIBDIR}/pkgconfig)

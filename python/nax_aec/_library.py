@@ -1,8 +1,9 @@
 """The library over ctypes: its constants, its parameter block, its calls.
 
-It is the file that NAX_AEC_LIBRARY names, else libnax_aec.so in a build directory of the
-checkout that this file is in (build/default first, then build, build-*, build/*; one built
-for another machine is passed over), else the installed one.
+The library is the file that NAX_AEC_LIBRARY names; else libnax_aec.so.2 beside this file; else
+libnax_aec.so in a build directory of the checkout that this file is in (build/default first,
+then build, build-*, build/*; one built for another machine is passed over); else the installed
+one.
 """
 from __future__ import annotations
 
@@ -29,13 +30,13 @@ def library_names() -> list[str]:
     named = os.environ.get("NAX_AEC_LIBRARY")
     if named:
         return [named]
-    paths = []
+    paths = [pathlib.Path(__file__).with_name("libnax_aec.so.2")]
     root = pathlib.Path(__file__).resolve().parents[2]
     if (root / "include/nax_aec.h").exists():
         folders = [root / "build/default"]
         for pattern in ("build", "build-*", "build/*"):
             folders += sorted(root.glob(pattern))
-        paths = [folder / "libnax_aec.so" for folder in dict.fromkeys(folders)]
+        paths += [folder / "libnax_aec.so" for folder in dict.fromkeys(folders)]
     return [str(path) for path in paths if path.exists()] + ["libnax_aec.so.2"]
 
 

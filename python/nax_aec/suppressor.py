@@ -18,7 +18,7 @@ from .canceller import Result
 @functools.lru_cache(maxsize=None)
 def suppressor_library() -> ctypes.CDLL:
     """libnax_res from the folder of libnax_aec, else the installed one; loaded once."""
-    loaded = pathlib.Path(library()._name)
+    loaded = pathlib.Path(library()._name).resolve()
     beside = loaded.with_name(loaded.name.replace("libnax_aec", "libnax_res"))
     lib = ctypes.CDLL(str(beside) if beside.exists() else "libnax_res.so.2")
     lib.nax_res_state_init.restype = ctypes.c_void_p

@@ -35,8 +35,9 @@ def filter_length(rate):
 
 
 def binding():
-    """The Python package over the library, of the source tree or installed. ImportError where
-    there is none."""
+    """The Python package over the library: of the source tree, else beside diagnose_wav, where
+    the installation from source has it, else installed for this Python. ImportError where there
+    is none."""
     in_tree = pathlib.Path(__file__).resolve().parents[2] / "python"
     if (in_tree / "nax_aec").is_dir() and str(in_tree) not in sys.path:
         sys.path.insert(0, str(in_tree))
