@@ -65,11 +65,10 @@ def in_thousands(count):
 def instructions(neon, scalar):
     """Thousands of instructions per frame, and their share of the canceller's."""
     print('## Instructions per frame\n')
-    print('Thousands, mean of 40 frames. The format is rate, microphones x references. The\n'
-          'canceller is libspeexdsp with the binding around it; the binding is also shown\n'
-          'alone. The front end is de-interleave, alignment (with the estimator left out) and\n'
-          'interleave. Shares are of the canceller. The byte path is what `nax_aec_byte` adds,\n'
-          'with bytes to swap and channels to select.\n')
+    print('Thousands, mean of 40 frames. The format is rate, microphones x references. The canceller\n'
+          'is libspeexdsp and the binding around it; a column shows the binding alone. The front end is\n'
+          'de-interleave, alignment without the estimator, and interleave. Shares are of the canceller.\n'
+          'The byte path is what `nax_aec_byte` adds, with bytes to swap and channels to select.\n')
     rows = []
     for label, on in neon.items():
         if label[3:] != ('on', 'short'):
@@ -95,8 +94,8 @@ def instructions(neon, scalar):
 def suppressor(neon, scalar, heap):
     """Thousands of instructions per frame of nax_res_short, and their share of the canceller's."""
     print('## The suppressor\n')
-    print('Thousands of instructions of `nax_res_short` per frame on the same frames, most of them\n'
-          'kissfft\'s, and their share of the canceller\'s. Bytes of heap are all that it takes.\n')
+    print('Thousands of instructions of `nax_res_short` per frame on the same frames, and their share\n'
+          'of the canceller\'s. The heap is all that it allocates.\n')
     taken = {tuple(words[:3]): words[10] for words in heap if words[4] == 'short'}
     rows = []
     for label, on in neon.items():
@@ -111,9 +110,9 @@ def suppressor(neon, scalar, heap):
 def instructions_64(counts):
     """Thousands of instructions per frame on 64-bit ARM, with their share of the canceller's."""
     print('## 64-bit ARM\n')
-    print('The same for a Cortex-A53, by the build for arm64, whose every processor has NEON.\n'
-          'Debian\'s libspeexdsp fuses multiply-add there and is scalar as well. Heap, without\n'
-          'a table of its own, is within 1 % of what follows.\n')
+    print('The same for a Cortex-A53, by the build for arm64. Every arm64 processor has NEON. Debian\'s\n'
+          'libspeexdsp is scalar there as well and fuses multiply-add. The heap is within 1 % of the\n'
+          'table below.\n')
     rows = []
     for label, on in counts.items():
         if label[3:] != ('on', 'short'):
@@ -132,8 +131,8 @@ def instructions_64(counts):
 
 def kernels(counts):
     print('## Vector code\n')
-    print('Instructions of one call each (de-interleave and interleave: one per channel) on\n'
-          'what a frame at 16000 Hz gives it; 512 instants for the byte swap of two channels.\n')
+    print('Instructions of one call on a frame at 16000 Hz. De-interleave and interleave: one channel.\n'
+          'Byte swap: 512 sample instants of two channels.\n')
     rows = []
     for (name, variant), count in counts.items():
         if variant == 'NEON':
@@ -144,9 +143,9 @@ def kernels(counts):
 
 def heap_by_part(heap):
     print('## Heap per state\n')
-    print('Bytes with the allocator\'s own share, delay estimation on. Ours is all but the\n'
-          'canceller. The byte path\'s buffer is taken by the first `nax_aec_byte`. Nothing\n'
-          'grows after that.\n')
+    print('Bytes with the allocator\'s own share, delay estimation on. "Ours" is everything but the\n'
+          'canceller. The first `nax_aec_byte` allocates the byte path\'s buffer. Nothing grows after\n'
+          'that.\n')
     sel = {tuple(words[:3]): int(words[9]) for words in heap if words[4] == 'byte'}
     rows, largest = [], 0
     for words in heap:
@@ -186,8 +185,8 @@ def deepest_stack(build):
 
 def stack(build):
     print('## Stack per frame\n')
-    print('Bytes of our own code, the deepest chain of calls by the compiler\'s own account.\n'
-          'libspeexdsp and kissfft are not in it.\n')
+    print('Bytes of our own code in the deepest chain of calls, as the compiler counts them, without\n'
+          'libspeexdsp and kissfft. `stack_test` measures the whole: at most 8 KiB.\n')
     depths = deepest_stack(build)
     table(['call', 'bytes'], [[f'`{name}`', str(size)] for name, size in depths.items()])
     for name, size in depths.items():
@@ -197,7 +196,7 @@ def stack(build):
 
 def code_size(build):
     print('## Code size\n')
-    print('The shared libraries, in bytes; libspeexdsp and kissfft apart.\n')
+    print('The shared libraries in bytes, without libspeexdsp and kissfft.\n')
     text = subprocess.run(['arm-linux-gnueabihf-size', *(f'{build}/libnax_{name}.so' for name in ('aec', 'res'))],
                           capture_output=True, check=True, text=True).stdout
     table(['library', 'code and constants', 'data', 'zeroed data'],
@@ -208,9 +207,9 @@ def streams(build):
     print('## Many streams\n')
     cpu = re.search(r'Model name:\s*(.*)', subprocess.run(
         ['lscpu'], capture_output=True, check=True, text=True).stdout).group(1)
-    print('States that take turns with a frame each, delay estimation on, on the workstation\n'
-          f'({cpu}). The time is processor time per frame; the last column compares it with\n'
-          'the single state.\n')
+    print('States that take turns with a frame each, delay estimation on, on a workstation\n'
+          f'({cpu}). The time is processor time per frame. The last column compares it with a\n'
+          'single state.\n')
     rows, single = [], 0.0
     for line in open(f'{build}/streams'):
         words = line.split()
@@ -227,10 +226,9 @@ def main():
     neon, loops, heap = read_counts(build, 'neon')
     scalar, _, _ = read_counts(build, 'scalar')
     print('# What it costs\n')
-    print('Made by `scripts/cost`: the ARM build for Debian\'s baseline, whose inner loops find\n'
-          'NEON at run time, under emulation of a Cortex-A7. Counts are repeatable to the\n'
-          'instruction. They are not times: how many instructions a cycle takes is for the\n'
-          'device to say.\n')
+    print('`scripts/cost` makes this page. It runs the ARM build for Debian\'s baseline, whose inner\n'
+          'loops find NEON at run time, under emulation of a Cortex-A7. The counts are repeatable to the\n'
+          'instruction. They are not times: instructions per cycle depend on the device.\n')
     instructions(neon, scalar)
     suppressor(neon, scalar, heap)
     instructions_64(read_counts(build, 'wide')[0])
@@ -240,12 +238,10 @@ def main():
     code_size(build)
     streams(build)
     print('## The same sound on every machine\n')
-    print('Our sources are compiled with `-ffp-contract=off`: no multiply-add is fused on one\n'
-          'processor and not on the other. The vector code computes in the scalar code\'s order\n'
-          'and does not fuse either, so it gives the same bits; only denormal numbers, which\n'
-          'NEON takes as zero, can differ, far below anything that decides on a delay. Nothing\n'
-          'is compiled or linked with fast-math. `scripts/test --armv7` compares the outputs of\n'
-          'seeded streams on both machines.')
+    print('Our sources are compiled with `-ffp-contract=off`: no processor fuses a multiply-add that\n'
+          'another one does not. The vector code computes in the scalar code\'s order and gives the\n'
+          'same bits. Denormal numbers are flushed to zero everywhere. Nothing is compiled or linked\n'
+          'with fast-math. `scripts/test --armv7` compares the outputs of seeded streams.')
     if exceeded:
         sys.exit('cost: above the limit: ' + '; '.join(exceeded))
 
