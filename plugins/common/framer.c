@@ -10,6 +10,14 @@
 #include <stdlib.h>
 #include <string.h>
 
+/* Samples after which the canceller gives silence for silence. It keeps two frames of the
+ * reference, 1536 samples at 48 kHz. Its high-pass filter of the microphones has a pole at
+ * 0.992: of a step of full scale less than 0.3 is left after as many. */
+enum { CANCELLER_KEEPS = 1536 };
+
+/* Frames that the suppressor keeps of what the canceller gives. */
+enum { SUPPRESSOR_KEEPS = 2 };
+
 static nax_aec_state *create_state(const struct settings *settings, int rate)
 {
     const nax_aec_param param = {
@@ -72,20 +80,34 @@ void framer_destroy(struct framer *framer)
     free(framer);
 }
 
-void framer_advance(struct framer *framer, size_t count)
+static void run_frame(struct framer *framer)
 {
-    framer->at += count;
-    if (framer->at < framer->size) return;
-    framer->at = 0;
     framer->delay = nax_aec_short(framer->state, framer->in, framer->out, framer->echo,
                                   (int32_t)(framer->size * framer->channels));
     if (framer->suppressor)
         nax_res_short(framer->suppressor, framer->out, framer->echo, framer->suppressed);
 }
 
+void framer_advance(struct framer *framer, size_t count)
+{
+    framer->heard = true;
+    framer->at += count;
+    if (framer->at < framer->size) return;
+    framer->at = 0;
+    run_frame(framer);
+}
+
 void framer_restart(struct framer *framer)
 {
     framer->at = 0;
-    memset(framer->out, 0, framer->size * framer->channels * sizeof *framer->out);
-    memset(framer->suppressed, 0, framer->size * framer->mics * sizeof *framer->suppressed);
+    if (!framer->heard) return;
+    framer->heard = false;
+    memset(framer->in, 0, framer->size * framer->selected * sizeof *framer->in);
+    /* With a length of 0 a frame reaches the delay lines but not the canceller. A canceller
+     * that hears the old reference beside a silent microphone would unlearn the echo path. */
+    for (size_t written = 0; written < MAX_DELAY; written += framer->size)
+        nax_aec_short(framer->state, framer->in, framer->out, framer->echo, 0);
+    const size_t kept = CANCELLER_KEEPS + SUPPRESSOR_KEEPS * framer->size;
+    for (size_t run = 0; run < kept; run += framer->size)
+        run_frame(framer);
 }

@@ -187,11 +187,3 @@ gboolean frame_drain(NaxAec *self, GstBuffer *buffer)
     write_frame(self->framer, buffer);
     return cut(self, buffer, &part);
 }
-
-/* Silence as long as the delay lines. */
-void frame_forget(NaxAec *self)
-{
-    silence(self->framer);
-    for (gsize t = 0; t <= MAX_DELAY + self->framer->size; t += self->framer->size)
-        framer_advance(self->framer, self->framer->size);
-}

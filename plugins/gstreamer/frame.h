@@ -30,7 +30,4 @@ gboolean frame_finish(NaxAec *self, GstBuffer *buffer, gboolean ends);
 gboolean frame_holds(const NaxAec *self);
 gboolean frame_drain(NaxAec *self, GstBuffer *buffer);
 
-/* Forgets all that was heard but not what was learnt about the room. */
-void frame_forget(NaxAec *self);
-
 #endif

@@ -98,7 +98,7 @@ static gboolean start_with_microphones(NaxAec *self, gboolean timeout)
 static void adapt(NaxAec *self)
 {
     struct settings wanted;
-    if (self->flushed && self->framer) frame_forget(self);
+    if (self->flushed && self->framer) framer_restart(self->framer);
     self->flushed = FALSE;
     if (!format_differs(self, &wanted)) return;
     drain(self);

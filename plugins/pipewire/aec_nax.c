@@ -13,12 +13,14 @@
 #include "framer.h"
 
 #include <errno.h>
+#include <sched.h>
 #include <spa/interfaces/audio/aec.h>
 #include <spa/param/props.h>
 #include <spa/support/log.h>
 #include <spa/support/plugin.h>
 #include <spa/utils/names.h>
 #include <spa/utils/string.h>
+#include <string.h>
 
 struct plugin {
     struct spa_handle handle;
@@ -26,8 +28,8 @@ struct plugin {
     struct spa_log *log;
     struct settings settings;
     struct framer *framer;
+    bool busy; /* a thread uses the framer: the data thread or, in activate, the main thread */
     int delay; /* of the last frame, in samples: written by the data thread, read by another */
-    bool restart;
 };
 
 /* ---- the data thread ------------------------------------------------------------ */
@@ -62,12 +64,27 @@ static void hand_out(const struct framer *framer, float *out[], size_t done, siz
     }
 }
 
+static bool begin_use(struct plugin *plugin)
+{
+    return !__atomic_exchange_n(&plugin->busy, true, __ATOMIC_ACQUIRE);
+}
+
+static void end_use(struct plugin *plugin)
+{
+    __atomic_store_n(&plugin->busy, false, __ATOMIC_RELEASE);
+}
+
+/* Silent while the main thread restarts the framer: the data thread must not wait for it. */
 static int run(void *object, const float *rec[], const float *play[], float *out[], uint32_t size)
 {
     struct plugin *plugin = object;
     struct framer *framer = plugin->framer;
     if (!framer) return -EIO;
-    if (__atomic_exchange_n(&plugin->restart, false, __ATOMIC_ACQUIRE)) framer_restart(framer);
+    if (!begin_use(plugin)) {
+        for (size_t m = 0; m < framer->mics; m++)
+            memset(out[m], 0, size * sizeof *out[m]);
+        return 0;
+    }
     for (size_t done = 0, count; done < size; done += count) {
         count = SPA_MIN(size - done, framer_room(framer));
         take_in(framer, rec, play, done, count);
@@ -75,6 +92,7 @@ static int run(void *object, const float *rec[], const float *play[], float *out
         framer_advance(framer, count);
     }
     __atomic_store_n(&plugin->delay, framer->delay, __ATOMIC_RELAXED);
+    end_use(plugin);
     return 0;
 }
 
@@ -135,11 +153,15 @@ static int init2(void *object, const struct spa_dict *args, struct spa_audio_inf
 }
 #endif
 
-/* The frame begun before a pause is none any more. */
+/* The data thread may still, or already, run: capturing goes on without a listener. */
 static int activate(void *object)
 {
     struct plugin *plugin = object;
-    __atomic_store_n(&plugin->restart, true, __ATOMIC_RELEASE);
+    if (!plugin->framer) return 0;
+    while (!begin_use(plugin))
+        sched_yield();
+    framer_restart(plugin->framer);
+    end_use(plugin);
     return 0;
 }
 

@@ -61,14 +61,10 @@ protected:
         return pcm;
     }
 
-    // Opens and starts a device for a recording; periods as long as asked for, more or less.
-    snd_pcm_t *start(const Recording &recording, const char *device = "cleaned",
-                     snd_pcm_access_t access = SND_PCM_ACCESS_RW_INTERLEAVED, int mode = 0,
-                     snd_pcm_uframes_t period = 480)
+    void set_parameters(snd_pcm_t *pcm, const Recording &recording,
+                        snd_pcm_access_t access = SND_PCM_ACCESS_RW_INTERLEAVED,
+                        snd_pcm_uframes_t period = 480)
     {
-        snd_pcm_t *pcm = open(device, mode);
-        EXPECT_EQ(status, 0) << messages;
-        if (!pcm) return nullptr;
         snd_pcm_hw_params_t *params;
         snd_pcm_hw_params_alloca(&params);
         snd_pcm_hw_params_any(pcm, params);
@@ -81,6 +77,17 @@ protected:
         snd_pcm_hw_params_set_buffer_size_near(pcm, params, &buffer);
         messages = standard_error_of([&] { status = snd_pcm_hw_params(pcm, params); });
         EXPECT_EQ(status, 0) << messages;
+    }
+
+    // Opens and starts a device for a recording; periods as long as asked for, more or less.
+    snd_pcm_t *start(const Recording &recording, const char *device = "cleaned",
+                     snd_pcm_access_t access = SND_PCM_ACCESS_RW_INTERLEAVED, int mode = 0,
+                     snd_pcm_uframes_t period = 480)
+    {
+        snd_pcm_t *pcm = open(device, mode);
+        EXPECT_EQ(status, 0) << messages;
+        if (!pcm) return nullptr;
+        set_parameters(pcm, recording, access, period);
         EXPECT_EQ(snd_pcm_start(pcm), 0);
         return pcm;
     }
@@ -249,16 +256,23 @@ TEST_F(AlsaPlugin, DoesNotPassOnTheMapOfTheSlavesChannels)
     }
 }
 
-TEST_F(AlsaPlugin, StartsAgainWithoutTheSoundOfBefore)
+TEST_F(AlsaPlugin, StartsAgainInSilenceWithNothingOfBeforeForAWholeSecond)
 {
     const Recording recording = make_recording(16000, 1, 1);
-    configure(recording, "");
-    snd_pcm_t *pcm = start(recording);
-    read(pcm, recording, 10000, {1000});
-    EXPECT_EQ(snd_pcm_drop(pcm), 0);
-    EXPECT_EQ(snd_pcm_prepare(pcm), 0);
-    EXPECT_EQ(read(pcm, recording, 256, {256}), Samples(256));
-    snd_pcm_close(pcm);
+    for (const char *settings : {"suppress no", "suppress yes"})
+        for (const bool new_parameters : {false, true}) {
+            configure(recording, settings, "board", "once yes");
+            snd_pcm_t *pcm = start(recording);
+            read(pcm, recording, 20000, {1000});
+            EXPECT_EQ(snd_pcm_drop(pcm), 0);
+            if (new_parameters)
+                set_parameters(pcm, recording);
+            else
+                EXPECT_EQ(snd_pcm_prepare(pcm), 0);
+            EXPECT_TRUE(read(pcm, recording, 16000, {1000}) == Samples(16000))
+                << settings << (new_parameters ? ", by hw_params" : ", by prepare");
+            snd_pcm_close(pcm);
+        }
 }
 
 // Each channel in memory of its own, pieces of every size.

@@ -6,7 +6,8 @@
  *     pcm.NAME { type nax_test_source  file "all.raw"  channels 4  rate 48000  paced yes }
  *
  * It delivers as fast as it is read or, paced, by the clock, and then it overruns like a
- * sound card when nobody reads. "looped yes" begins the file again instead of the silence.
+ * sound card when nobody reads. "looped yes" begins the file again instead of the silence,
+ * "once yes" plays it only until the device is prepared again.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -26,7 +27,7 @@ struct source {
     int16_t *samples;
     size_t instants; /* in the file */
     long channels, rate;
-    int paced, looped;
+    int paced, looped, once;
     snd_pcm_uframes_t captured; /* sample instants since the start */
     struct timespec started;
 };
@@ -46,6 +47,7 @@ static int stop(snd_pcm_ioplug_t *io)
 static int prepare(snd_pcm_ioplug_t *io)
 {
     struct source *source = io->private_data;
+    if (source->once && source->captured > 0) source->instants = 0;
     source->captured = 0;
     return 0;
 }
@@ -179,6 +181,7 @@ SND_PCM_PLUGIN_DEFINE_FUNC(nax_test_source)
         if (!strcmp(id, "rate")) snd_config_get_integer(node, &source->rate);
         if (!strcmp(id, "paced")) source->paced = snd_config_get_bool(node) == 1;
         if (!strcmp(id, "looped")) source->looped = snd_config_get_bool(node) == 1;
+        if (!strcmp(id, "once")) source->once = snd_config_get_bool(node) == 1;
     }
     int status = load(source, file);
     if (status < 0) return status;

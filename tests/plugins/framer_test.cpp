@@ -1,7 +1,5 @@
 // The part that all plugins share: frames out of buffers of any size, and settings.
-#include "support.h"
-
-#include <algorithm>
+#include "signals.h"
 
 extern "C" {
 #include "framer.h"
@@ -77,13 +75,83 @@ TEST(Framer, RefusesOtherRatesWithoutAWord)
     EXPECT_EQ(said, "");
 }
 
-TEST(Framer, StartsAgainWithSilenceAndAWholeFrame)
+// One microphone that hears its reference late, and noise of the room at -70 dBFS.
+struct Room {
+    Room(int rate, int delay)
+        : seconds_long(static_cast<size_t>(rate)), played(rate, 1), path(delay, {0.4, -0.2, 0.1})
+    {}
+
+    // Runs some seconds, in which the loudspeaker may be silent. Returns the echo removed in dB.
+    double run(framer *framer, size_t seconds, bool silent = false)
+    {
+        double heard = 0, left = 0;
+        for (size_t t = 0; t < seconds * seconds_long; t++) {
+            const double reference = silent ? 0 : played.next();
+            framer_in(framer)[0] = to_sample(path.next(reference) + noise.next(15));
+            framer_in(framer)[1] = to_sample(reference);
+            heard += framer_in(framer)[0] * framer_in(framer)[0];
+            left += framer_out(framer)[0] * framer_out(framer)[0];
+            framer_advance(framer, 1);
+        }
+        return 10 * std::log10(heard / left);
+    }
+
+    size_t seconds_long; // samples
+    Speech played;
+    EchoPath path;
+    Noise noise{3};
+};
+
+// Everything that comes out is looked at, the aligned references too.
+size_t sounding_in_silence(framer *framer, size_t instants)
 {
-    const Framer made = make_framer(DEFAULT_SETTINGS, 8000);
-    exchange(made.get(), 300, 50);
-    framer_restart(made.get());
-    EXPECT_EQ(framer_room(made.get()), 128u);
-    EXPECT_EQ(exchange(made.get(), 128, 128), Samples(128));
+    size_t sounding = 0;
+    for (size_t t = 0; t < instants; t++) {
+        std::fill_n(framer_in(framer), framer->selected, int16_t{0});
+        for (size_t m = 0; m < framer->mics; m++)
+            sounding += framer_out(framer)[m] != 0;
+        for (size_t c = 0; c < framer->channels; c++)
+            sounding += framer->out[framer->at * framer->channels + c] != 0;
+        framer_advance(framer, 1);
+    }
+    return sounding;
+}
+
+TEST(Framer, StartsAgainInSilenceWithNothingOfBeforeForTwoSeconds)
+{
+    for (const int rate : {8000, 16000, 32000, 48000})
+        for (const int delay : {640, 11520}) {
+            settings wanted = DEFAULT_SETTINGS;
+            wanted.suppress = true;
+            wanted.delay = delay;
+            const Framer made = make_framer(wanted, rate);
+            Room(rate, delay + 100).run(made.get(), 2);
+            for (int t = 0; t < 1000; t++) { // ends with a step of full scale, within a frame
+                framer_in(made.get())[0] = -32768;
+                framer_in(made.get())[1] = 0;
+                framer_advance(made.get(), 1);
+            }
+            framer_restart(made.get());
+            EXPECT_EQ(framer_room(made.get()), made->size);
+            EXPECT_EQ(sounding_in_silence(made.get(), 2 * static_cast<size_t>(rate)), 0u)
+                << rate << ", delay " << delay;
+        }
+}
+
+TEST(Framer, StartsAgainWithWhatItLearntAboutTheRoom)
+{
+    for (const int rate : {16000, 48000}) {
+        double removed[2];
+        for (const bool restart : {false, true}) {
+            const Framer made = make_framer(DEFAULT_SETTINGS, rate);
+            Room room(rate, rate / 25);
+            room.run(made.get(), 4);
+            if (restart) framer_restart(made.get());
+            room.run(made.get(), 1, true); // what was played before the restart fades away
+            removed[restart] = room.run(made.get(), 1);
+        }
+        EXPECT_GT(removed[true], removed[false] - 3) << rate;
+    }
 }
 
 TEST(Settings, ReadsEveryOneAndSaysWhatIsWrong)

@@ -12,6 +12,8 @@
 #include <spa/support/plugin.h>
 #include <spa/utils/names.h>
 
+#include <thread>
+
 namespace {
 
 SPA_LOG_IMPL(console); // to standard error
@@ -176,16 +178,30 @@ TEST_F(PipeWirePlugin, RefusesWhatItCannotServeAndLogsWhy)
     EXPECT_EQ(spa_audio_aec_run(aec, nullptr, nullptr, nullptr, 0), -EIO);
 }
 
-TEST_F(PipeWirePlugin, StartsAgainWithoutTheSoundOfBefore)
+TEST_F(PipeWirePlugin, StartsAgainInSilenceWithNothingOfBeforeForAWholeSecond)
 {
-    const Recording recording = make_recording(16000, 1, 1, 0.1);
-    ASSERT_EQ(set_up(16000, 1, {}), 0);
-    run(recording, {1000});
-    EXPECT_EQ(spa_audio_aec_deactivate(aec), 0);
-    EXPECT_EQ(spa_audio_aec_activate(aec), 0);
-    Samples out = run(recording, {1000});
-    out.resize(256);
-    EXPECT_EQ(out, Samples(256));
+    const Recording recording = make_recording(16000, 1, 1),
+                    silence = {16000, 1, 1, Samples(2 * 16000)};
+    for (const char *suppress : {"no", "yes"}) {
+        ASSERT_EQ(set_up(16000, 1, {{"suppress", suppress}}), 0);
+        Planes planes(recording);
+        planes.out[0].resize(20000); // up to where it sounds
+        EXPECT_EQ(run(planes, {1000}), 0);
+        EXPECT_EQ(spa_audio_aec_deactivate(aec), 0);
+        EXPECT_EQ(spa_audio_aec_activate(aec), 0);
+        EXPECT_TRUE(run(silence, {1000}) == Samples(16000)) << suppress;
+    }
+}
+
+// For the thread sanitiser.
+TEST_F(PipeWirePlugin, MayBeActivatedWhileTheDataThreadRuns)
+{
+    Planes planes(make_recording(8000, 1, 1, 1.0));
+    ASSERT_EQ(set_up(8000, 1, {}), 0);
+    std::thread data([&] { EXPECT_EQ(run(planes, {100}), 0); });
+    for (int time = 0; time < 10; time++)
+        EXPECT_EQ(spa_audio_aec_activate(aec), 0);
+    data.join();
 }
 
 TEST_F(PipeWirePlugin, TakesSamplesBeyondFullScaleAndWhatIsNoNumberAsSilence)
