@@ -97,6 +97,13 @@ void framer_advance(struct framer *framer, size_t count)
     run_frame(framer);
 }
 
+void framer_drain(struct framer *framer)
+{
+    memset(framer->out, 0, framer->size * framer->channels * sizeof *framer->out);
+    memset(framer->echo, 0, framer->size * framer->mics * sizeof *framer->echo);
+    nax_res_short(framer->suppressor, framer->out, framer->echo, framer->suppressed);
+}
+
 void framer_restart(struct framer *framer)
 {
     framer->at = 0;

@@ -61,6 +61,10 @@ static inline const int16_t *framer_out(const struct framer *framer)
  * calls nothing of the system. */
 void framer_advance(struct framer *framer, size_t count);
 
+/* Brings out the frame that the suppressor, which there must be, holds. The canceller takes no
+ * part: the delayed reference would make it give an echo of its own. */
+void framer_drain(struct framer *framer);
+
 /* Prepares for a stream that starts again: silence takes the place of all earlier sound, and
  * what was learnt about the room stays. Costs as much as 5 (48 kHz) to 12 frames (8 kHz); allocates nothing,
  * locks nothing and calls nothing of the system. */

@@ -182,8 +182,7 @@ gboolean frame_drain(NaxAec *self, GstBuffer *buffer)
 {
     const struct part part = self->held;
     self->held = (struct part){0};
-    silence(self->framer);
-    framer_advance(self->framer, self->framer->size);
+    framer_drain(self->framer);
     write_frame(self->framer, buffer);
     return cut(self, buffer, &part);
 }

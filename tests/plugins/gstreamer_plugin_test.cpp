@@ -59,13 +59,16 @@ TEST_F(GStreamerPlugin, GivesTheBytesOfCancelWavSuppressedFromBothWirings)
     EXPECT_TRUE(output() == expected);
 }
 
-TEST_F(GStreamerPlugin, LosesNothingOfWholeFramesThatAreSuppressed)
+TEST_F(GStreamerPlugin, EndsLikeCancelWavSuppressedWithinAFrameAndBetweenFramesWhileItPlays)
 {
-    Recording recording = make_recording(RATE, 1, 1, 1.0);
-    recording.samples.resize(60 * 768 * 2);
-    write_raw(folder + "/all.raw", recording.samples);
-    run(raw_file("all.raw", 2) + "! naxaec refs=1 suppress=true ! filesink location=out.raw");
-    EXPECT_TRUE(output() == cancelled(folder, recording, "--suppress"));
+    const Recording whole = make_recording(RATE, 1, 1, 3.0);
+    for (const size_t instants : {80 * 768, 80 * 768 + 100, 100 * 768 + 700}) {
+        Recording recording = whole;
+        recording.samples.resize(2 * instants);
+        write_raw(folder + "/all.raw", recording.samples);
+        run(raw_file("all.raw", 2) + "! naxaec refs=1 suppress=true ! filesink location=out.raw");
+        EXPECT_TRUE(output() == cancelled(folder, recording, "--suppress")) << instants;
+    }
 }
 
 TEST_F(GStreamerPlugin, PassesAudioThroughWithoutAReference)
