@@ -74,7 +74,8 @@ extern "C" {
 #define NAX_METER_NOT_CANCELLING 7   /**< alarm: the echo is there and stays */
 #define NAX_METER_CLIPPED 8          /**< alarm: a reference or microphone clips */
 #define NAX_METER_DELAY_MOVES 9      /**< alarm: the delay does not stay */
-#define NAX_METER_VERDICTS 10        /**< how many there are */
+#define NAX_METER_REFERENCE_IS_MICROPHONE 10 /**< alarm: the reference is the microphone */
+#define NAX_METER_VERDICTS 11                /**< how many there are */
 /** @} */
 
 /** References whose levels are reported; further ones count for the verdict all the same. */
@@ -101,7 +102,7 @@ typedef struct nax_meter_report {
     /** Level of each of the first NAX_METER_REFS references, in dBFS; -100 for the others. */
     float ref_dbfs[NAX_METER_REFS];
     /** Share of samples that are clipped, 0 to 1, in the microphone that clips most, over the
-     * last ten seconds: runs of three and more at the channel's largest value. */
+     * last ten seconds in which it sounded: runs of three and more at the channel's largest value. */
     float mic_clipped;
     /** The same of the references. */
     float ref_clipped;
@@ -113,13 +114,15 @@ typedef struct nax_meter_report {
     int32_t delay;
     /** Seconds for which it has stood. */
     float delay_s;
-    /** How often it moved in the last minute. Out and back within two frames is no move. */
+    /** How often it moved in the last minute, 8 at most. The first move of all, when the echo
+     * is found, is not counted; moves within half a second of each other count as one. */
     int32_t delay_moves;
-    /** How alike the levels of microphone and references are over time, -1 to 1, at the
-     * distance at which they are most alike. */
+    /** Correlation of the changes of the microphones' level with those of the references',
+     * -1 to 1, at the distance at which it is highest; 0 before there was far end. Above 0.25
+     * or so there is an echo. */
     float likeness;
-    /** That distance: by how much the microphone is later than the reference, in ms, in steps
-     * of a frame. It says little while likeness is low. */
+    /** That distance: by how much the microphone is later than the reference, in ms, -512 to
+     * 2032 in steps of a frame. It says little while likeness is low. */
     float likeness_ms;
 } nax_meter_report;
 
@@ -205,7 +208,7 @@ int32_t nax_meter_read(const nax_meter_state *state, nax_meter_report *report);
  * The name of a verdict for programs and logs: lower-case words with hyphens, for instance
  * "not-cancelling".
  *
- * @param verdict  NAX_METER_SEARCHING to NAX_METER_DELAY_MOVES.
+ * @param verdict  NAX_METER_SEARCHING to NAX_METER_VERDICTS - 1.
  * @return the name, which the library owns; null for any other number.
  *
  * Threads: any.
@@ -217,7 +220,7 @@ const char *nax_meter_name(int32_t verdict);
 /**
  * What a verdict says, for people: one English clause, without a full stop, in ASCII.
  *
- * @param verdict  NAX_METER_SEARCHING to NAX_METER_DELAY_MOVES.
+ * @param verdict  NAX_METER_SEARCHING to NAX_METER_VERDICTS - 1.
  * @return the text, which the library owns; null for any other number.
  *
  * Threads: any.
@@ -229,7 +232,7 @@ const char *nax_meter_text(int32_t verdict);
 /**
  * Whether a verdict sounds an alarm.
  *
- * @param verdict  NAX_METER_SEARCHING to NAX_METER_DELAY_MOVES.
+ * @param verdict  NAX_METER_SEARCHING to NAX_METER_VERDICTS - 1.
  * @return 1 from NAX_METER_NO_MICROPHONE on, else 0; 0 for any other number.
  *
  * Threads: any.

@@ -1,34 +1,30 @@
 #include "meter/levels.h"
 
+#include "meter/loops.h"
+#include "meter/time.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 namespace nax::meter {
 
-float power_of(int64_t squares, int64_t sum, int32_t count)
+static constexpr int32_t LEVEL_FRAMES = 62;    // a second
+static constexpr int32_t CLIPPED_FRAMES = 625; // ten seconds
+// A quieter peak may be a few steps of a converter.
+static constexpr int32_t LEAST_CLIPPED = 256;
+
+static float power_of(const Sums &sums, int32_t count)
 {
     constexpr double FULL_SCALE_POWER = 32768.0 * 32768.0;
-    const double n = count, mean = static_cast<double>(sum) / n;
-    const double power = static_cast<double>(squares) / n - mean * mean;
+    const double n = count, mean = sums.sum / n;
+    const double power = static_cast<double>(sums.squares) / n - mean * mean;
     return static_cast<float>(std::max(power, 0.0) / FULL_SCALE_POWER);
 }
 
-FrameLevel scalar::measure_frame(const int16_t *samples, int32_t count)
-{
-    int64_t squares = 0;
-    int32_t sum = 0, least = 0, most = 0;
-    for (int32_t i = 0; i < count; i++) {
-        const int32_t sample = samples[i];
-        squares += sample * sample;
-        sum += sample;
-        least = std::min(least, sample);
-        most = std::max(most, sample);
-    }
-    return {power_of(squares, sum, count), std::min(std::max(most, -least), 32767)};
-}
-
-int32_t samples_at(const int16_t *samples, int32_t count, int32_t magnitude)
+// How many samples stand in runs of three or more of at least this magnitude, a run's ends
+// not counted.
+static int32_t samples_at(const int16_t *samples, int32_t count, int32_t magnitude)
 {
     int32_t found = 0, run = 0;
     for (int32_t i = 0; i < count; i++) {
@@ -36,6 +32,40 @@ int32_t samples_at(const int16_t *samples, int32_t count, int32_t magnitude)
         found += run >= 3;
     }
     return found;
+}
+
+float weight_of_new(int32_t frames, int32_t count)
+{
+    return 1.0f / static_cast<float>(std::min(frames, count - 1) + 1);
+}
+
+// Takes in what a frame has of clipped samples, where it sounds at all.
+static void clip(Channel &channel, const Sums &sums, const int16_t *samples, int32_t count)
+{
+    channel.largest = std::max(channel.largest, sums.peak);
+    if (sums.peak < LEAST_CLIPPED) return;
+    float clipped = 0;
+    if (sums.peak >= channel.largest - 1)
+        clipped = static_cast<float>(samples_at(samples, count, channel.largest - 1)) /
+                  static_cast<float>(count);
+    channel.clipped +=
+        weight_of_new(channel.sounding_frames, CLIPPED_FRAMES) * (clipped - channel.clipped);
+    count_frame(channel.sounding_frames);
+}
+
+float clipped_share(const Channel &channel)
+{
+    return channel.sounding_frames < LEVEL_FRAMES ? 0.0f : channel.clipped;
+}
+
+float take_in(Channel &channel, const int16_t *samples, int32_t count)
+{
+    const Sums sums = sum_samples(samples, count);
+    const float power = power_of(sums, count);
+    channel.power += weight_of_new(channel.frames, LEVEL_FRAMES) * (power - channel.power);
+    count_frame(channel.frames);
+    clip(channel, sums, samples, count);
+    return power;
 }
 
 float decibels(float power)
@@ -53,14 +83,5 @@ float decibels(float power)
     const float u = mantissa - 1.0f;
     return DB_PER_OCTAVE * (static_cast<float>(exponent) + u * (1.3465f - 0.3465f * u));
 }
-
-MeasureFrame *measure_frame = scalar::measure_frame;
-
-#if NAX_AEC_NEON
-[[gnu::constructor]] static void choose_neon()
-{
-    if (processor_has_neon()) measure_frame = neon::measure_frame;
-}
-#endif
 
 } // namespace nax::meter

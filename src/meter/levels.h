@@ -1,42 +1,31 @@
-// What a channel's samples show over one frame. For 32-bit ARM there is a variant for NEON
-// with the same results, chosen when the library is loaded.
+// Levels, and what a channel's samples show over one frame.
 #pragma once
-
-#include "kernels/processor.h"
 
 #include <cstdint>
 
 namespace nax::meter {
 
-struct FrameLevel {
-    float power;  // mean square less the mean's, of full scale 1
-    int32_t peak; // largest magnitude, 32767 at most
+// A channel over time.
+struct Channel {
+    float power;                     // of the last second, full scale 1
+    int32_t largest;                 // magnitude so far
+    float clipped;                   // share of samples in runs at it, over ten seconds of sound
+    int32_t frames, sounding_frames; // taken in, at most 2^31 - 1
 };
 
-// Of count samples, a multiple of 8, at most 768.
-using MeasureFrame = FrameLevel(const int16_t *samples, int32_t count);
+// Channel::clipped, 0 until the channel has sounded for a second.
+float clipped_share(const Channel &channel);
 
-namespace scalar {
-MeasureFrame measure_frame;
-}
+// Takes in a frame of count samples, a multiple of 8, at most 768. Returns its power: the mean
+// square less the mean's, of full scale 1.
+float take_in(Channel &channel, const int16_t *samples, int32_t count);
 
-#if NAX_AEC_NEON
-namespace neon {
-MeasureFrame measure_frame;
-}
-#endif
-
-extern MeasureFrame *measure_frame;
-
-// The power of sums over count samples.
-float power_of(int64_t squares, int64_t sum, int32_t count);
-
-// How many samples stand in runs of three or more of at least this magnitude, their ends not
-// counted.
-int32_t samples_at(const int16_t *samples, int32_t count, int32_t magnitude);
-
-// 10 log10 of a power, -100 or more, right to 0.02 dB. Without a library's logarithm: the
-// same on every processor, and a quarter of its cost.
+// 10 log10 of a power, -100 or more, right to 0.03 dB. Without a library's logarithm: the
+// same on every processor, and cheaper.
 float decibels(float power);
+
+// How much a new value weighs in a mean over the last count values, frames of which came
+// before it: as much as each of them at first.
+float weight_of_new(int32_t frames, int32_t count);
 
 } // namespace nax::meter

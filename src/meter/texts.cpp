@@ -17,6 +17,8 @@ static constexpr Words WORDS[] = {
     {"not-cancelling", "the echo is there and is not cancelled"},
     {"clipped", "a reference or a microphone clips"},
     {"delay-moves", "the delay of the echo does not stay"},
+    {"reference-is-microphone",
+     "the reference is the microphone, so the near end is removed as well"},
 };
 static_assert(sizeof WORDS / sizeof *WORDS == NAX_METER_VERDICTS);
 

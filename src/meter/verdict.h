@@ -7,27 +7,43 @@ namespace nax::meter {
 
 // What is known of a stream at one moment. Seconds are of audio.
 struct Evidence {
-    float far_end_s;     // far end since the start
-    float far_silent_s;  // since the last far end, or since the start
-    float mic_db;        // loudest level of a microphone in the last seconds, dBFS
-    float mic_heard_s;   // how long, since the start, a microphone heard anything
-    float removed_db;    // over the last two seconds of far end
-    float clipped;       // largest share of any channel's samples, 0 to 1
-    int32_t delay_moves; // in the last minute
+    float far_end_s;          // far end since the start
+    float far_since_s;        // far end since the delay moved, or since the start
+    float far_silent_s;       // since the last of it, or since the start
+    float mic_dead_s;         // since any microphone gave anything
+    float heard_s;            // of microphone above its own noise, since the start
+    float unheard_s;          // since the last of it
+    float clipped;            // largest share of a channel's samples, 0 to 1
+    float removed_db;         // over the last two seconds of far end
+    float removing;           // share of the last seconds of far end in which anything was removed
+    bool found;               // the delay has moved at least once
+    int32_t delay_moves;      // in the last minute, the first one of all not counted
+    int32_t delay_moves_long; // in the last ten minutes
+    float likeness;           // of the levels of microphone and reference, -1 to 1,
+    float chance;             // what it is in unrelated sounds,
+    int32_t distance;         // and where it is: by how many frames the microphone is later
+    float applied;            // the applied delay, in frames
 };
 
-// The verdict that the evidence alone gives, one of NAX_METER_*.
+// The verdict that the evidence alone gives, one of NAX_METER_*, or UNDECIDED: the one that
+// stands is as good as any.
+inline constexpr int32_t UNDECIDED = -1;
 int32_t judged(const Evidence &evidence);
 
-// The verdict that stands.
+// The verdict that stands. Times are counts of frames.
 struct Standing {
+    static constexpr int32_t REMEMBERED = 4;
     int32_t verdict;
-    float stood_s; // for how long
-    int32_t next;  // what was judged last,
-    float next_s;  // and for how long without a break
+    int32_t stood;               // for how long
+    int32_t next;                // what was judged last,
+    int32_t next_stood;          // and for how long without a break
+    int32_t changes[REMEMBERED]; // how long ago the last changes were, latest first
 };
 
-// Takes in what was judged, step_s after the last.
-void settle(Standing &standing, int32_t judgement, float step_s);
+// Prepares a zero-filled record.
+void standing_init(Standing &standing);
+
+// Takes in what was judged of a frame.
+void settle(Standing &standing, int32_t judgement);
 
 } // namespace nax::meter

@@ -1,35 +1,36 @@
 // What a frame's samples show.
 #include "meter/levels.h"
 
+#include "meter/loops.h"
+
 #include "support.h"
 
 namespace nax::meter {
 
 TEST(Levels, PowerIsThatOfTheSamplesWithoutTheirMean)
 {
-    const Samples square = [] {
-        Samples samples(256);
-        for (size_t i = 0; i < samples.size(); i++)
-            samples[i] = static_cast<int16_t>(i % 2 == 0 ? 8192 + 4096 : 8192 - 4096);
-        return samples;
-    }();
-    const FrameLevel level = measure_frame(square.data(), 256);
-    EXPECT_FLOAT_EQ(level.power, 1.0f / 64);
-    EXPECT_EQ(level.peak, 8192 + 4096);
+    Samples square(256);
+    for (size_t i = 0; i < square.size(); i++)
+        square[i] = static_cast<int16_t>(i % 2 == 0 ? 8192 + 4096 : 8192 - 4096);
+    Channel channel = {};
+    EXPECT_FLOAT_EQ(take_in(channel, square.data(), 256), 1.0f / 64);
+    EXPECT_FLOAT_EQ(channel.power, 1.0f / 64);
+    EXPECT_EQ(channel.largest, 8192 + 4096);
 }
 
 TEST(Levels, ExtremesDoNotOverflow)
 {
     for (const int16_t sample : {int16_t{INT16_MIN}, int16_t{INT16_MAX}}) {
+        Channel channel = {};
         const Samples still(768, sample);
-        const FrameLevel level = measure_frame(still.data(), 768);
-        EXPECT_EQ(level.power, 0.0f);
-        EXPECT_EQ(level.peak, 32767);
+        EXPECT_EQ(take_in(channel, still.data(), 768), 0.0f);
+        EXPECT_EQ(channel.largest, 32767);
     }
     Samples swing(768, INT16_MIN);
     for (size_t i = 0; i < swing.size(); i += 2)
         swing[i] = INT16_MAX;
-    EXPECT_NEAR(measure_frame(swing.data(), 768).power, 1.0f, 1e-4f);
+    Channel channel = {};
+    EXPECT_NEAR(take_in(channel, swing.data(), 768), 1.0f, 1e-4f);
 }
 
 TEST(Levels, DecibelsAreRightToAFewHundredths)
@@ -39,16 +40,46 @@ TEST(Levels, DecibelsAreRightToAFewHundredths)
     EXPECT_EQ(decibels(0.0f), -100.0f);
 }
 
-TEST(Levels, SamplesInRunsOfThreeAndMoreAreCounted)
+// Noise of a peak of 8000, at a limit in 64 of 256 samples.
+static float clipped_at(int16_t limit, size_t run, int32_t frames)
 {
-    const Samples samples = {0, 100, 100, 0, 100, -101, 100, 99, 100, 100, 100, 100};
-    EXPECT_EQ(samples_at(samples.data(), 12, 100), 1 + 2);
-    EXPECT_EQ(samples_at(samples.data(), 12, 99), 6);
+    Noise noise(1);
+    Channel channel = {};
+    for (int32_t t = 0; t < frames; t++) {
+        Samples samples = noise.frame(256, 8000);
+        for (size_t start = 0; start < 256; start += 4 * run)
+            for (size_t i = start; i < start + run; i++)
+                samples[i] = t % 2 == 0 ? limit : static_cast<int16_t>(-limit - 1);
+        take_in(channel, samples.data(), 256);
+    }
+    return clipped_share(channel);
+}
+
+TEST(Clipping, IsTheShareOfSamplesInRunsAtTheLargestValueWhereverThatIs)
+{
+    for (const int16_t limit : {int16_t{INT16_MAX}, int16_t{12000}})
+        EXPECT_NEAR(clipped_at(limit, 8, 1000), 0.25 * 6 / 8, 0.005) << limit;
+}
+
+TEST(Clipping, IsNotToldOfPeaksOfTwoSamplesNorInTheFirstSecond)
+{
+    EXPECT_EQ(clipped_at(12000, 2, 1000), 0.0f);
+    EXPECT_EQ(clipped_at(12000, 8, 61), 0.0f);
+    EXPECT_GT(clipped_at(12000, 8, 63), 0.1f);
+}
+
+TEST(Clipping, IsNotToldOfWhatIsHardlyASound)
+{
+    Channel channel = {};
+    const Samples still(256, 200);
+    for (int32_t t = 0; t < 200; t++)
+        take_in(channel, still.data(), 256);
+    EXPECT_EQ(clipped_share(channel), 0.0f);
 }
 
 #if NAX_AEC_NEON
 
-TEST(NeonLevels, AreThoseOfTheScalarVariant)
+TEST(NeonLoops, GiveTheSameAsTheScalarOnes)
 {
     if (!processor_has_neon()) GTEST_SKIP() << "this processor has no NEON";
     Noise noise(1);
@@ -56,11 +87,21 @@ TEST(NeonLevels, AreThoseOfTheScalarVariant)
         for (const double peak : {1.0, 300.0, 32767.0}) {
             Samples samples = noise.frame(count, peak);
             samples[5] = INT16_MIN;
-            const FrameLevel level = neon::measure_frame(samples.data(), count);
-            const FrameLevel expected = scalar::measure_frame(samples.data(), count);
-            EXPECT_EQ(level.power, expected.power);
-            EXPECT_EQ(level.peak, expected.peak);
+            const Sums sums = neon::sum_samples(samples.data(), count);
+            const Sums expected = scalar::sum_samples(samples.data(), count);
+            EXPECT_EQ(sums.squares, expected.squares);
+            EXPECT_EQ(sums.sum, expected.sum);
+            EXPECT_EQ(sums.peak, expected.peak);
         }
+    std::vector<float> from(160), to(160);
+    for (size_t i = 0; i < from.size(); i++) {
+        from[i] = static_cast<float>(noise.next(6));
+        to[i] = static_cast<float>(noise.next(1e3));
+    }
+    std::vector<float> expected = to;
+    neon::average_products(to.data(), 0.998f, -3.1f, from.data(), 160);
+    scalar::average_products(expected.data(), 0.998f, -3.1f, from.data(), 160);
+    EXPECT_TRUE(to == expected);
 }
 
 #endif

@@ -105,3 +105,145 @@ TEST(MeterLevels, AreThoseOfEachChannel)
         EXPECT_EQ(report.delay_moves, 0);
     }
 }
+
+// Seconds of a call through the canceller, and what the meter makes of it.
+class Call {
+public:
+    explicit Call(int32_t rate, double noise_peak = 10)
+        : frame_(frame_size(rate)), far_(rate, 1), near_(rate * 3 / 5, 2), // of another rhythm
+          noise_(3), noise_peak_(noise_peak), meter_(nax_meter_state_init(rate, 1, 1)),
+          aec_(make_state(rate, 1, 1, {.pos = 1, .model_aec_en = 1}))
+    {}
+
+    // sample(far, near) gives the microphone and the reference of an instant.
+    template <typename Sample> int32_t run(double span_s, Sample sample)
+    {
+        const size_t count = static_cast<size_t>(2 * frame_);
+        Samples in(count), out(count), echo(count / 2);
+        for (double t = 0; t < span_s; t += 0.016) {
+            for (size_t i = 0; i < count; i += 2) {
+                const auto [mic, ref] = sample(far_.next(), near_.next());
+                in[i] = to_sample(mic + noise_.next(noise_peak_));
+                in[i + 1] = to_sample(ref);
+            }
+            const int32_t delay = nax_aec_short(aec_.get(), in.data(), out.data(), echo.data(),
+                                                static_cast<int32_t>(count));
+            nax_meter_short(meter_.get(), in.data(), out.data(), delay);
+        }
+        return report_of(meter_).verdict;
+    }
+    nax_meter_report report() const { return report_of(meter_); }
+
+private:
+    int32_t frame_;
+    Speech far_, near_;
+    Noise noise_;
+    double noise_peak_;
+    Meter meter_;
+    State aec_;
+};
+
+struct Instant {
+    double mic, ref;
+};
+
+TEST(Meter, SaysThatItCancelsAtEveryRate)
+{
+    for (const int32_t rate : RATES) {
+        Call call(rate);
+        EchoPath path(rate / 20, room_response(rate, 1));
+        EXPECT_EQ(call.run(6,
+                           [&](double far, double) {
+                               return Instant{path.next(far), far};
+                           }),
+                  NAX_METER_CANCELLING)
+            << rate;
+        EXPECT_GT(call.report().removed_db, 6.0f);
+        EXPECT_GT(call.report().likeness, 0.5f);
+        EXPECT_NEAR(call.report().likeness_ms, 50, 16);
+        EXPECT_GT(call.report().delay, 0);
+    }
+}
+
+TEST(Meter, SaysThatAnEchoOutOfReachIsNotCancelled)
+{
+    for (const int32_t rate : {8000, 16000}) {
+        Call call(rate);
+        EchoPath path(13000);
+        EXPECT_EQ(call.run(8,
+                           [&](double far, double) {
+                               return Instant{path.next(far), far};
+                           }),
+                  NAX_METER_NOT_CANCELLING)
+            << rate;
+        EXPECT_NEAR(call.report().likeness_ms, 13e6 / rate, 16);
+    }
+}
+
+TEST(Meter, SaysThatExchangedChannelsDoNotCancel)
+{
+    Call call(16000);
+    EchoPath path(800);
+    EXPECT_EQ(call.run(8,
+                       [&](double far, double) {
+                           return Instant{far, path.next(far)};
+                       }),
+              NAX_METER_NOT_CANCELLING);
+    EXPECT_NEAR(call.report().likeness_ms, -50, 16);
+}
+
+TEST(Meter, SaysThatAReferenceIsNotHeardWhoeverTalks)
+{
+    Call call(16000);
+    EXPECT_EQ(call.run(8, [](double far, double) { return Instant{0, far}; }), NAX_METER_NOT_HEARD);
+    EXPECT_EQ(call.run(8,
+                       [](double far, double near) {
+                           return Instant{near, far};
+                       }),
+              NAX_METER_NOT_HEARD);
+}
+
+TEST(Meter, SaysWhatIsMissing)
+{
+    Call no_reference(16000);
+    EXPECT_EQ(no_reference.run(8,
+                               [](double far, double) {
+                                   return Instant{far, 0};
+                               }),
+              NAX_METER_NO_REFERENCE);
+    Call quiet(16000, 2);
+    EXPECT_EQ(quiet.run(8, [](double, double) { return Instant{0, 0}; }), NAX_METER_NO_MICROPHONE);
+}
+
+TEST(Meter, SaysThatTheReferenceIsTheMicrophone)
+{
+    Call call(16000);
+    EXPECT_EQ(call.run(8,
+                       [](double far, double near) {
+                           return Instant{far + near, far + near};
+                       }),
+              NAX_METER_REFERENCE_IS_MICROPHONE);
+}
+
+TEST(Meter, SaysThatTheDelayDoesNotStay)
+{
+    Call call(16000);
+    for (const int32_t late : {800, 1600, 2400})
+        call.run(4, [path = EchoPath(late)](double far, double) mutable {
+            return Instant{path.next(far), far};
+        });
+    EXPECT_EQ(call.report().verdict, NAX_METER_DELAY_MOVES);
+    EXPECT_EQ(call.report().delay_moves, 2);
+}
+
+TEST(Meter, SaysThatAMicrophoneClips)
+{
+    Call call(16000, 0);
+    EchoPath path(800);
+    const auto clipped = [&](double far, double) {
+        return Instant{std::clamp(path.next(far), -2000.0, 2000.0), far};
+    };
+    EXPECT_EQ(call.run(6, clipped), NAX_METER_CLIPPED);
+    EXPECT_GT(call.report().mic_clipped, 0.01f);
+    EXPECT_EQ(call.report().ref_clipped, 0.0f);
+}

@@ -1,8 +1,147 @@
 // What is judged of which evidence, and how a verdict settles.
 #include "meter/verdict.h"
 
+#include "meter/time.h"
 #include "nax_meter.h"
 
 #include <gtest/gtest.h>
 
-namespace nax::meter {} // namespace nax::meter
+#include <functional>
+
+namespace nax::meter {
+
+// Ten seconds of far end, whose echo is found two frames late and removed.
+static Evidence healthy()
+{
+    Evidence e = {};
+    e.far_end_s = e.far_since_s = e.heard_s = 10;
+    e.removed_db = 12;
+    e.removing = 0.6f;
+    e.found = true;
+    e.likeness = 0.6f;
+    e.chance = 0.2f;
+    e.distance = 2;
+    e.applied = 2.2f;
+    return e;
+}
+
+struct Case {
+    const char *what;
+    std::function<void(Evidence &)> change;
+    int32_t verdict;
+};
+
+static const Case CASES[] = {
+    {"nothing changed", [](Evidence &) {}, NAX_METER_CANCELLING},
+    {"a start", [](Evidence &e) { e = {}; }, NAX_METER_SEARCHING},
+    {"two seconds of far end, found", [](Evidence &e) { e.far_end_s = e.far_since_s = 2; },
+     NAX_METER_CANCELLING},
+    {"two seconds of far end, nothing removed",
+     [](Evidence &e) { e.far_end_s = e.far_since_s = 2, e.removing = 0; }, NAX_METER_SEARCHING},
+    {"both talk: little is removed, now and then",
+     [](Evidence &e) { e.removing = 0.15f, e.removed_db = 0.2f, e.likeness = 0.1f; },
+     NAX_METER_CANCELLING},
+    {"the delay of the start fits", [](Evidence &e) { e.found = false, e.applied = 0; },
+     NAX_METER_CANCELLING},
+
+    {"no sound from the start", [](Evidence &e) { e = {}, e.mic_dead_s = e.far_silent_s = 6; },
+     NAX_METER_NO_MICROPHONE},
+    {"the microphone is muted", [](Evidence &e) { e.mic_dead_s = 6; }, NAX_METER_NO_MICROPHONE},
+    {"the microphone is muted for a moment", [](Evidence &e) { e.mic_dead_s = 4; },
+     NAX_METER_CANCELLING},
+
+    {"nothing was ever played, a quiet room",
+     [](Evidence &e) { e = {}, e.far_silent_s = 20, e.unheard_s = 20; },
+     NAX_METER_REFERENCE_SILENT},
+    {"nothing was ever played, the microphone hears something",
+     [](Evidence &e) { e = {}, e.far_silent_s = 20, e.heard_s = 3; }, NAX_METER_NO_REFERENCE},
+    {"a pause of the far end", [](Evidence &e) { e.far_silent_s = 9; }, NAX_METER_CANCELLING},
+    {"the far end is gone, somebody talks",
+     [](Evidence &e) { e.far_silent_s = 11, e.unheard_s = 2; }, NAX_METER_NEAR_END_ONLY},
+    {"the far end is gone and nobody talks",
+     [](Evidence &e) { e.far_silent_s = 11, e.unheard_s = 11; }, NAX_METER_REFERENCE_SILENT},
+
+    {"clipped", [](Evidence &e) { e.clipped = 0.001f; }, NAX_METER_CLIPPED},
+    {"hardly clipped", [](Evidence &e) { e.clipped = 0.0004f; }, NAX_METER_CANCELLING},
+    {"the delay moved once more", [](Evidence &e) { e.delay_moves = 1; }, NAX_METER_CANCELLING},
+    {"samples are lost", [](Evidence &e) { e.delay_moves = 2; }, NAX_METER_DELAY_MOVES},
+    {"clocks drift", [](Evidence &e) { e.delay_moves_long = 3; }, NAX_METER_DELAY_MOVES},
+    {"the reference is the microphone",
+     [](Evidence &e) { e.likeness = 0.99f, e.distance = 0, e.removed_db = 30; },
+     NAX_METER_REFERENCE_IS_MICROPHONE},
+    {"an echo like its reference",
+     [](Evidence &e) { e.likeness = 0.9f, e.distance = 0, e.applied = 0, e.removed_db = 30; },
+     NAX_METER_CANCELLING},
+
+    {"an echo beyond the reach",
+     [](Evidence &e) { e.removing = 0.1f, e.found = false, e.applied = 0, e.distance = 60; },
+     NAX_METER_NOT_CANCELLING},
+    {"an echo before its reference",
+     [](Evidence &e) { e.removing = 0.3f, e.found = false, e.applied = 0, e.distance = -6; },
+     NAX_METER_NOT_CANCELLING},
+    {"a tune that repeats: like itself elsewhere, and removed",
+     [](Evidence &e) { e.removing = 0.7f, e.distance = 60; }, NAX_METER_CANCELLING},
+    {"an echo where it should be, and nothing removed", [](Evidence &e) { e.removing = 0.05f; },
+     NAX_METER_NOT_CANCELLING},
+    {"an echo where it should be, and less removed than before",
+     [](Evidence &e) { e.removing = 0.09f; }, UNDECIDED},
+    {"the delay moved a second ago", [](Evidence &e) { e.removing = 0, e.far_since_s = 1; },
+     UNDECIDED},
+
+    {"headphones",
+     [](Evidence &e) { e.removing = 0, e.found = false, e.applied = 0, e.likeness = 0.15f; },
+     NAX_METER_NOT_HEARD},
+    {"a reference of something else, removed now and then by chance",
+     [](Evidence &e) { e.removing = 0.15f, e.found = false, e.applied = 0, e.likeness = 0.15f; },
+     NAX_METER_NOT_HEARD},
+    {"the loudspeaker is switched off", [](Evidence &e) { e.removing = 0.02f, e.likeness = 0.1f; },
+     NAX_METER_NOT_HEARD},
+};
+
+TEST(Verdict, OfEveryCaseIsThatOfTheTable)
+{
+    for (const Case &one : CASES) {
+        Evidence evidence = healthy();
+        one.change(evidence);
+        EXPECT_EQ(judged(evidence), one.verdict) << one.what;
+    }
+}
+
+// Lets a judgement come for some seconds; returns the verdict that stands then.
+static int32_t after(Standing &standing, int32_t judgement, float span_s)
+{
+    for (int32_t frame = 0; seconds(frame) < span_s; frame++)
+        settle(standing, judgement);
+    return standing.verdict;
+}
+
+TEST(Standing, ChangesWhenAJudgementLastsForASecond)
+{
+    Standing standing = {};
+    standing_init(standing);
+    EXPECT_EQ(after(standing, NAX_METER_CANCELLING, 0.9f), NAX_METER_SEARCHING);
+    EXPECT_EQ(after(standing, NAX_METER_NOT_HEARD, 0.2f), NAX_METER_SEARCHING);
+    EXPECT_EQ(after(standing, NAX_METER_CANCELLING, 0.9f), NAX_METER_SEARCHING);
+    EXPECT_EQ(after(standing, NAX_METER_CANCELLING, 0.2f), NAX_METER_CANCELLING);
+    EXPECT_LT(seconds(standing.stood), 0.2f);
+    EXPECT_EQ(after(standing, UNDECIDED, 5.0f), NAX_METER_CANCELLING);
+    EXPECT_GT(seconds(standing.stood), 5.0f);
+}
+
+TEST(Standing, ChangesNoMoreThanFourTimesInAnyMinute)
+{
+    Standing standing = {};
+    standing_init(standing);
+    int32_t last = standing.verdict, frame = 0;
+    std::vector<int32_t> changes;
+    for (; seconds(frame) < 300; frame++) {
+        settle(standing, 1 + frame / 80 % 2); // another one every 1.3 s
+        if (standing.verdict != last) changes.push_back(frame);
+        last = standing.verdict;
+    }
+    EXPECT_GE(changes.size(), size_t{16});
+    for (size_t i = 4; i < changes.size(); i++)
+        EXPECT_GE(seconds(changes[i] - changes[i - 4]), 60.0f);
+}
+
+} // namespace nax::meter

@@ -1,0 +1,98 @@
+// What is kept of a stream's frames.
+#include "meter/stream.h"
+
+#include <gtest/gtest.h>
+
+namespace nax::meter {
+
+static Stream new_stream()
+{
+    Stream stream = {};
+    stream_init(stream, 256);
+    return stream;
+}
+
+static void run(Stream &stream, float span_s, const Frame &frame)
+{
+    for (int32_t t = 0; seconds(t) < span_s; t++)
+        take_in(stream, frame);
+}
+
+static constexpr float LOUD = 1e-3f, FAINT = 1e-7f; // -30 and -70 dBFS
+
+TEST(Stream, RemovedIsOfTheLastTwoSecondsOfFarEndAlone)
+{
+    Stream stream = new_stream();
+    EXPECT_EQ(removed_db(stream), 0.0f);
+    run(stream, 5, {LOUD, LOUD, LOUD, 0});
+    run(stream, 2.1f, {LOUD, LOUD / 100, LOUD, 0});
+    EXPECT_NEAR(removed_db(stream), 20, 0.1);
+    run(stream, 5, {LOUD, LOUD, FAINT, 0}); // the near end
+    EXPECT_NEAR(removed_db(stream), 20, 0.1);
+}
+
+TEST(Stream, MovesOfTheDelayAreCountedForAMinuteTheFirstAndItsCorrectionsNot)
+{
+    Stream stream = new_stream();
+    const auto at = [](int32_t delay) { return Frame{LOUD, LOUD, LOUD, delay}; };
+    run(stream, 5, at(100));
+    EXPECT_FALSE(evidence_of(stream).found);
+    take_in(stream, at(513)); // out
+    run(stream, 5, at(256));  // and back
+    EXPECT_TRUE(evidence_of(stream).found);
+    EXPECT_EQ(delay_moves(stream), 0);
+    run(stream, 10, at(700));
+    EXPECT_EQ(delay_moves(stream), 1);
+    EXPECT_NEAR(seconds(stream.delay.stood), 10, 0.05);
+    run(stream, 20, at(300));
+    EXPECT_EQ(delay_moves(stream), 2);
+    run(stream, 35, at(300));
+    EXPECT_EQ(delay_moves(stream), 1);
+    run(stream, 30, at(300));
+    EXPECT_EQ(delay_moves(stream), 0);
+    EXPECT_EQ(evidence_of(stream).delay_moves_long, 2);
+}
+
+TEST(Stream, AMoveForgetsWhereTheEchoWas)
+{
+    Stream stream = new_stream();
+    for (int32_t t = 0; t < 1000; t++)
+        take_in(stream, {t % 20 < 10 ? LOUD : FAINT, FAINT, t % 20 < 10 ? LOUD : 2e-6f, 0});
+    EXPECT_GT(evidence_of(stream).likeness, 0.9f);
+    EXPECT_GT(evidence_of(stream).far_since_s, 9.0f);
+    take_in(stream, {LOUD, LOUD, LOUD, 512});
+    EXPECT_EQ(evidence_of(stream).likeness, 0.0f);
+    EXPECT_EQ(evidence_of(stream).far_since_s, 0.0f);
+    EXPECT_GT(evidence_of(stream).far_end_s, 9.0f);
+}
+
+TEST(Stream, SteadyNoiseIsNotHeardAndWordsAre)
+{
+    Stream stream = new_stream();
+    run(stream, 10, {1e-5f, 1e-5f, 0, 0});
+    EXPECT_EQ(evidence_of(stream).heard_s, 0.0f);
+    run(stream, 1, {LOUD, LOUD, 0, 0});
+    EXPECT_NEAR(evidence_of(stream).heard_s, 1, 0.05);
+    EXPECT_EQ(evidence_of(stream).unheard_s, 0.0f);
+    run(stream, 5, {1e-5f, 1e-5f, 0, 0});
+    EXPECT_NEAR(evidence_of(stream).unheard_s, 5, 0.05);
+}
+
+TEST(Stream, AMicrophoneThatGivesNothingIsDead)
+{
+    Stream stream = new_stream();
+    run(stream, 3, {1e-9f, 0, LOUD, 0});
+    EXPECT_NEAR(evidence_of(stream).mic_dead_s, 3, 0.05);
+    run(stream, 0.1f, {FAINT, 0, LOUD, 0});
+    EXPECT_EQ(evidence_of(stream).mic_dead_s, 0.0f);
+}
+
+TEST(Stream, TimesStayWhereTheirCountsEnd)
+{
+    int32_t frames = INT32_MAX - 1;
+    count_frame(frames);
+    count_frame(frames);
+    EXPECT_EQ(frames, INT32_MAX);
+}
+
+} // namespace nax::meter
