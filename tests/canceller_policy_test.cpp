@@ -186,11 +186,14 @@ constexpr int32_t FRAME = 256, BLOCK = 64;
 // A planar frame of channels, silent but for what is put into it.
 Samples silent(int32_t channels) { return Samples(static_cast<size_t>(FRAME * channels)); }
 
-Levels levels_of(const Samples &mic, const Samples &ref)
+// Behind each frame lies a sample that must not count.
+Levels levels_of(Samples mic, Samples ref)
 {
-    return nax::canceller::measure_levels(mic.data(), static_cast<int32_t>(mic.size()) / FRAME,
-                                          ref.data(), static_cast<int32_t>(ref.size()) / FRAME,
-                                          FRAME, BLOCK);
+    const int32_t mics = static_cast<int32_t>(mic.size()) / FRAME;
+    const int32_t refs = static_cast<int32_t>(ref.size()) / FRAME;
+    mic.push_back(INT16_MIN);
+    ref.push_back(INT16_MIN);
+    return nax::canceller::measure_levels(mic.data(), mics, ref.data(), refs, FRAME, BLOCK);
 }
 
 } // namespace

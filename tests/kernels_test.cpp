@@ -40,8 +40,10 @@ Samples loud_taps(size_t count)
 std::vector<float> decimated(nax::FirDecimate *kernel, int32_t step, const Samples &from)
 {
     const Samples taps = loud_taps(static_cast<size_t>(12 * step));
-    std::vector<float> to(64);
+    std::vector<float> to(65, 99);
     kernel(from.data(), taps.data(), 12 * step, step, to.data(), 64);
+    EXPECT_EQ(to.back(), 99) << "written behind the last output";
+    to.pop_back();
     return to;
 }
 
