@@ -16,15 +16,17 @@ True
 >>> bool(np.std(result.cleaned[last_second]) < 0.1 * np.std(microphone[last_second]))
 True
 
-Canceller does the same for a stream, call by call. Suppressor suppresses the echo that is left.
+Canceller does the same for a stream, call by call. Stream does it for sound that arrives in
+pieces, with or without times, on one thread or two. Suppressor suppresses the echo that is left.
 Samples are int16, or floats of full scale 1. An array has one row per sample instant and one
 column per channel; an array of one dimension is one channel.
 """
 from ._library import BIG_ENDIAN, HOST_ENDIAN, LITTLE_ENDIAN, LONGEST_DELAY, library
 from ._state import frame_size
 from .canceller import Canceller, Result, cancel
+from .stream import Counts, Stream
 from .suppressor import Suppressor
 
 __version__ = "2.0.0"
-__all__ = ["BIG_ENDIAN", "HOST_ENDIAN", "LITTLE_ENDIAN", "LONGEST_DELAY", "Canceller", "Result",
-           "Suppressor", "cancel", "frame_size", "library"]
+__all__ = ["BIG_ENDIAN", "HOST_ENDIAN", "LITTLE_ENDIAN", "LONGEST_DELAY", "Canceller", "Counts",
+           "Result", "Stream", "Suppressor", "cancel", "frame_size", "library"]
