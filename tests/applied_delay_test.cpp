@@ -43,6 +43,27 @@ TEST(AppliedDelay, IsLateForAnEchoBeforeTheFilterOrInItsFirstThreeEighthsOfAMill
     EXPECT_FALSE(nax::is_late(applied, 1006));
 }
 
+TEST(AppliedDelay, TakesMoreThanHalfAFrameForMuchTail)
+{
+    AppliedDelay applied = applied_at(16000);
+    applied.now = 1000;
+    EXPECT_FALSE(nax::is_much_tail(applied, 1128));
+    EXPECT_TRUE(nax::is_much_tail(applied, 1129));
+    EXPECT_FALSE(nax::is_much_tail(applied, 600));
+}
+
+TEST(AppliedDelay, KeepsABaseDelayThatServesUntilItHasBeenLeft)
+{
+    AppliedDelay applied = applied_at(16000, 1000);
+    EXPECT_TRUE(nax::does_base_serve(applied, 1006));
+    EXPECT_TRUE(nax::does_base_serve(applied, 1256));
+    EXPECT_FALSE(nax::does_base_serve(applied, 1257)); // more than a frame of tail
+    EXPECT_FALSE(nax::does_base_serve(applied, 1005)); // late
+    nax::move_to(applied, 3000);
+    EXPECT_FALSE(nax::does_base_serve(applied, 3100));
+    EXPECT_FALSE(nax::does_base_serve(applied_at(16000), 100)) << "nobody asked for one";
+}
+
 TEST(AppliedDelay, MovesAtOnceWhereTheFrontEndTakesItUpAndElseByADetourWithinTheLine)
 {
     const struct {

@@ -8,6 +8,7 @@
 #include "engines/logtab.h"
 
 #include <algorithm>
+#include <span>
 
 using nax::HOP;
 using nax::Memory;
@@ -115,6 +116,40 @@ TEST(CrossSpectrum, RemembersLongOrFollowsSoon)
     quick.hear(50, {.echo = 0.0}, Memory::SHORT);
     EXPECT_GT(patient.height(500), of_patient / 4);
     EXPECT_LT(quick.height(500), of_quick / 4);
+}
+
+// The variance has to forget as the evidence does, or the height of an echo that goes on would
+// fall with the root of time.
+TEST(CrossSpectrum, HoldsTheHeightOfAnEchoThatGoesOn)
+{
+    for (const Memory memory : {Memory::SHORT, Memory::LONG}) {
+        Search search(500);
+        search.hear(150, {}, memory);
+        const float height = search.height(500);
+        search.hear(600, {}, memory);
+        EXPECT_NEAR(search.height(500) / height, 1, 0.25);
+    }
+}
+
+// The whitening follows a level that falls, on both sides. Were the power of the loud sound
+// kept, or raised in silence, what follows would count for nothing.
+TEST(CrossSpectrum, HearsAQuietEchoAfterALoudOneAndAPause)
+{
+    const Search::Mix loud = {.far = 30000.0, .near = 300.0};
+    const Search::Mix quiet = {.far = 2000.0, .near = 20.0};
+    for (const bool pause_of_far_end : {true, false}) {
+        Search search(500), fresh(500);
+        search.hear(50, loud);
+        search.hear(60, pause_of_far_end ? Search::Mix{.far = 0.0, .near = 300.0}
+                                         : Search::Mix{.far = 30000.0, .echo = 0.0, .near = 0.0});
+        const float before = search.height(500);
+        for (nax::Partition &lags : std::span(search.cross.partition, 48))
+            lags = {};
+        search.hear(30, quiet);
+        fresh.hear(30, quiet);
+        EXPECT_GT(before, 8);
+        EXPECT_GT(search.height(500), 0.4f * fresh.height(500)) << pause_of_far_end;
+    }
 }
 
 // Ninety-six partitions take turns once nothing is searched for: half of the evidence,

@@ -49,6 +49,19 @@ TEST(DelayEstimator, ServesAnEchoBeyondTheLineByTheLongestDelayThatIsReadWhole)
     }
 }
 
+// Below 2 kHz a reflection stands in the place of the direct sound, which is heard above.
+TEST(DelayEstimator, PlacesTheDelayByADirectSoundThatIsHeardOnlyAbove2Kilohertz)
+{
+    constexpr int32_t DELAY = 2190;
+    std::vector<double> response = {0.4, -2.4, 6.0, -8.0, 6.0, -2.4, 0.4}; // no lows
+    response.resize(64);
+    response.resize(64 + 12, 0.5); // 4 ms later; no highs
+    Call call(16000, 1, 1, EchoPath(DELAY, response));
+    call.run(2.5, {.noise = 10.0});
+    EXPECT_LE(call.applied(), DELAY);
+    EXPECT_GE(call.applied(), DELAY - 256);
+}
+
 TEST(DelayEstimator, HoldsTheDelayThroughSilence)
 {
     for (const int32_t rate : RATES) {

@@ -10,13 +10,18 @@
 class Call {
 public:
     Call(int32_t sample_rate, int32_t mics, int32_t refs, int32_t delay, int32_t delay_len = 0)
+        : Call(sample_rate, mics, refs, EchoPath(delay), delay_len)
+    {}
+
+    Call(int32_t sample_rate, int32_t mics, int32_t refs, const EchoPath &path,
+         int32_t delay_len = 0)
         : rate_(sample_rate), frame_(frame_size(sample_rate)), mics_(mics), refs_(refs),
           state_(make_state(sample_rate, mics, refs, {.model_aec_en = 1, .delay_len = delay_len})),
           near_(sample_rate, 99), noise_(98)
     {
         for (int32_t k = 0; k < refs; k++) {
             far_.emplace_back(sample_rate, 1 + static_cast<uint32_t>(k));
-            paths_.emplace_back(delay);
+            paths_.push_back(path);
         }
     }
 
