@@ -25,12 +25,16 @@ namespace {
 
 class AlsaPlugin : public testing::Test {
 protected:
-    void SetUp() override { folder = fresh_folder(); }
+    void SetUp() override
+    {
+        if (SND_LIB_VERSION < 0x10205) GTEST_SKIP() << "the test's source needs ALSA 1.2.5";
+        folder = fresh_folder();
+    }
 
     void TearDown() override
     {
         snd_config_update_free_global();
-        if (!HasFailure()) std::filesystem::remove_all(folder);
+        if (!folder.empty() && !HasFailure()) std::filesystem::remove_all(folder);
     }
 
     // The device "cleaned" over a recording, and "mic" over that; settings as in a stanza.

@@ -7,7 +7,8 @@
  *
  * It delivers as fast as it is read or, paced, by the clock, and then it overruns like a
  * sound card when nobody reads. "looped yes" begins the file again instead of the silence,
- * "once yes" plays it only until the device is prepared again.
+ * "once yes" plays it only until the device is prepared again. ALSA before 1.2.5 gives a reader
+ * that maps the device, as an external plugin does, old samples where its buffer begins again.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */

@@ -20,7 +20,12 @@ inline Memory memory_now()
 {
     long pages = 0;
     std::ifstream("/proc/self/statm") >> pages >> pages;
-    return {mallinfo2().uordblks, pages * (sysconf(_SC_PAGESIZE) / 1024)};
+#if __GLIBC_PREREQ(2, 33)
+    const size_t heap_bytes = mallinfo2().uordblks;
+#else
+    const auto heap_bytes = static_cast<size_t>(mallinfo().uordblks);
+#endif
+    return {heap_bytes, pages * (sysconf(_SC_PAGESIZE) / 1024)};
 }
 
 // Runs a stream of as many seconds as NAX_AEC_PLUGIN_SECONDS says, by default 2, and holds
