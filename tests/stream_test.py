@@ -9,12 +9,18 @@ NumPy is missing.
 import doctest
 import importlib.util
 import itertools
+import os
 import pathlib
 import resource
+import socket
+import struct
+import subprocess
 import sys
+import tempfile
 import threading
 import time
 import unittest
+import wave
 
 if importlib.util.find_spec("numpy") is None:
     print("stream_test: skipped, python3-numpy is not installed")
@@ -356,6 +362,104 @@ class Errors(unittest.TestCase):
 
     def test_the_docstrings_example(self):
         self.assertEqual(doctest.testmod(nax_aec.stream).failed, 0)
+
+
+def spoken(most_s):
+    """Speech (n) int16 at 48000 Hz, from the sounds of Debian's alsa-utils; None without them."""
+    files = sorted(pathlib.Path("/usr/share/sounds/alsa").glob("*_*.wav"))
+    parts = []
+    for file in files:
+        with wave.open(str(file)) as sound:
+            parts.append(np.frombuffer(sound.readframes(sound.getnframes()), "<i2"))
+    return np.concatenate(parts)[:int(most_s * 48000)] if parts else None
+
+
+class Examples(unittest.TestCase):
+    """Each in a process of its own, as its user starts it."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        package = pathlib.Path(nax_aec.__file__).parents[1]
+        self.environment = dict(os.environ, PYTHONPATH=str(package), HOME="/nonexistent")
+
+    def start(self, name, *arguments):
+        process = subprocess.Popen([sys.executable, "-B", ROOT / "examples/python" / name, *arguments],
+                                   cwd=self.folder, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                   env=self.environment)
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        return process
+
+    def write(self, name, samples, rate):
+        with wave.open(str(self.folder / name), "wb") as file:
+            file.setparams((1, 2, rate, 0, "NONE", ""))
+            file.writeframes(samples.astype("<i2").tobytes())
+
+    def read(self, name):
+        with wave.open(str(self.folder / name)) as file:
+            return np.frombuffer(file.readframes(file.getnframes()), "<i2")
+
+    def test_files_in_odd_pieces(self):
+        mic, ref = call(3)
+        self.write("mic.wav", mic, RATE)
+        self.write("ref.wav", ref, RATE)
+        process = self.start("stream_files.py", "mic.wav", "ref.wav", "cleaned.wav")
+        self.assertIn("late=0", process.communicate()[0])
+        np.testing.assert_array_equal(self.read("cleaned.wav"), cancel(mic, ref, RATE).cleaned)
+
+    @unittest.skipUnless(importlib.util.find_spec("pyaudio"), "python3-pyaudio is not installed")
+    def test_a_full_duplex_loop_on_alsa_devices(self):
+        mic, ref = call(4)
+        self.write("sound.wav", ref, RATE)
+        (self.folder / "mic.raw").write_bytes(mic.tobytes())
+        (self.folder / "asound.conf").write_text(
+            'pcm.speaker { type null }\n'
+            f'pcm.mic {{ type file slave.pcm null file /dev/null infile "{self.folder}/mic.raw" format raw }}\n')
+        self.environment["ALSA_CONFIG_PATH"] = f"/usr/share/alsa/alsa.conf:{self.folder}/asound.conf"
+        process = self.start("full_duplex.py", "sound.wav", "cleaned.wav", "speaker", "mic")
+        self.assertEqual((process.communicate()[1].count("Traceback"), process.returncode), (0, 0))
+        cleaned = self.read("cleaned.wav")
+        self.assertGreaterEqual(len(cleaned), len(ref) // PIECE * PIECE)
+        self.assertGreater(removed_db(mic, cleaned), 12)
+
+    @unittest.skipUnless(importlib.util.find_spec("websockets"), "python3-websockets is not installed")
+    def test_a_server_cancels_for_a_satellite_whose_messages_jitter(self):
+        import asyncio
+        import websockets
+        ref = spoken(8)
+        if ref is None:
+            self.skipTest("alsa-utils is not installed")
+        rate, rng, player = 48000, np.random.default_rng(1), Player()
+        room = 0.3 * rng.standard_normal(960) * np.exp(-np.arange(960) / 150)
+        mic = np.convolve(np.concatenate([np.zeros(3000), ref]), room)[:len(ref)]
+        mic = np.rint(mic + 3 * rng.standard_normal(len(mic))).astype(np.int16)
+        for i in range(0, len(ref), 960):       # a piece of 20 ms each, on its way for up to half a second
+            at = 1000 + i / rate
+            player.add(at + rng.uniform(0, 0.4), b"p", ref[i:i + 960], at)
+            player.add(at + 0.02, b"c", mic[i:i + 960], at)
+
+        async def satellite(port):
+            cleaned = b""
+            async with websockets.connect(f"ws://localhost:{port}") as socket:
+                for _, _, kind, (samples, at) in sorted(player.events, key=lambda event: event[:2]):
+                    await socket.send(kind + struct.pack(">d", at) + samples.tobytes())
+                    if kind == b"c":
+                        cleaned += await socket.recv()
+            return np.frombuffer(cleaned, "<i2")
+
+        with socket.socket() as free:
+            free.bind(("localhost", 0))
+            port = free.getsockname()[1]
+        server = self.start("satellite_server.py", str(port), str(rate))
+        self.assertEqual(server.stdout.readline(), "listening\n")
+        cleaned = asyncio.run(satellite(port))
+        self.assertIn("late=0, discarded=0", server.stdout.readline())
+        wanted = cancel(mic, ref, rate).cleaned[:len(cleaned)]
+        self.assertEqual(len(cleaned), (len(mic) - rate // 2) // 768 * 768)
+        np.testing.assert_array_equal(cleaned, wanted)
+        self.assertGreater(removed_db(mic, cleaned), 10)
 
 
 class Long(unittest.TestCase):
