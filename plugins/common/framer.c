@@ -58,7 +58,9 @@ struct framer *framer_create(const struct settings *settings, int rate)
     framer->stride = settings->suppress ? framer->mics : framer->channels;
     if (settings->suppress)
         framer->suppressor = nax_res_state_init(rate, settings->mics, settings->refs);
-    if (framer->in && framer->out && framer->echo && framer->suppressed &&
+    framer->meter = nax_meter_state_init(rate, settings->mics, settings->refs);
+    nax_meter_drop(framer->meter, settings->drop);
+    if (framer->in && framer->out && framer->echo && framer->suppressed && framer->meter &&
         (framer->suppressor || !settings->suppress))
         framer->state = create_state(settings, rate);
     if (!framer->state) {
@@ -73,6 +75,7 @@ void framer_destroy(struct framer *framer)
     if (!framer) return;
     nax_aec_state_destroy(framer->state);
     nax_res_state_destroy(framer->suppressor);
+    nax_meter_state_destroy(framer->meter);
     free(framer->in);
     free(framer->out);
     free(framer->echo);
@@ -95,6 +98,7 @@ void framer_advance(struct framer *framer, size_t count)
     if (framer->at < framer->size) return;
     framer->at = 0;
     run_frame(framer);
+    nax_meter_short(framer->meter, framer->in, framer->out, framer->delay);
 }
 
 void framer_drain(struct framer *framer)

@@ -16,6 +16,7 @@
 #include "settings.h"
 
 #include "nax_aec.h"
+#include "nax_meter.h"
 #include "nax_res.h"
 
 #include <stddef.h>
@@ -23,6 +24,7 @@
 struct framer {
     nax_aec_state *state;
     nax_res_state *suppressor; /* null without one */
+    nax_meter_state *meter;    /* any thread may read it */
     size_t size;               /* samples of a channel in a frame */
     size_t mics;               /* channels that come out */
     size_t selected; /* channels that go in: microphones and references that are not dropped */

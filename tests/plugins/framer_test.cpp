@@ -154,6 +154,25 @@ TEST(Framer, StartsAgainWithWhatItLearntAboutTheRoom)
     }
 }
 
+TEST(Framer, MetersTheCancellerAndNotTheSilenceOfARestart)
+{
+    settings wanted = DEFAULT_SETTINGS;
+    wanted.refs = 2; // the meter must know the dropped one
+    wanted.drop = 1;
+    const Framer made = make_framer(wanted, 16000);
+    Room room(16000, 640);
+    room.run(made.get(), 6);
+    nax_meter_report before, after;
+    ASSERT_EQ(nax_meter_read(made->meter, &before), 0);
+    EXPECT_EQ(before.verdict, NAX_METER_CANCELLING);
+    EXPECT_EQ(before.frames, 6 * 16000 / 256);
+    EXPECT_EQ(before.delay, made->delay);
+    EXPECT_GT(before.removed_db, 10);
+    framer_restart(made.get());
+    nax_meter_read(made->meter, &after);
+    EXPECT_EQ(after.frames, before.frames);
+}
+
 TEST(Settings, ReadsEveryOneAndSaysWhatIsWrong)
 {
     const char *const right[][2] = {{"mics", "2"},      {"refs", "4"},
