@@ -3,11 +3,9 @@
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
-#include "format.h"
-#include "pads.h"
-#include "properties.h"
+#include "naxaec.h"
 
-/* Frames until a probe that is named and not there is worth a warning: a second. */
+/* Frames after which a warning says that the probe is missing: a second. */
 enum { PATIENCE_FRAMES = 62 };
 
 GstAudioInfo format_of(GstPad *pad)
@@ -21,7 +19,7 @@ GstAudioInfo format_of(GstPad *pad)
     return info;
 }
 
-GstCaps *format_wish(NaxAec *self, GstPad *pad, GstCaps *filter)
+GstCaps *format_accepted(NaxAec *self, GstPad *pad, GstCaps *filter)
 {
     GstPad *reference = pads_reference(self);
     const GstAudioInfo other = format_of(pad == self->mic ? reference : self->mic);
@@ -36,20 +34,23 @@ GstCaps *format_wish(NaxAec *self, GstPad *pad, GstCaps *filter)
     return caps;
 }
 
+void format_take_captured(NaxAec *self) { self->format.captured = properties_refs(self); }
+
 GstFlowReturn format_update_src_caps(GstAggregator *aggregator, GstCaps *downstream, GstCaps **caps)
 {
     NaxAec *self = NAX_AEC_ELEMENT(aggregator);
+    const gint captured = self->format.captured;
     GstAudioInfo info = format_of(self->mic);
     if (info.channels == 0) return GST_AGGREGATOR_FLOW_NEED_DATA;
-    if (self->captured > 0) {
-        if (info.channels <= self->captured) {
-            GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS, ("The echo canceller cannot run."),
-                              ("%d channels leave no microphone beside %d references",
-                               info.channels, self->captured));
+    if (captured > 0) {
+        if (info.channels <= captured) {
+            GST_ELEMENT_ERROR(
+                self, LIBRARY, SETTINGS, ("The echo canceller cannot run."),
+                ("%d channels leave no microphone beside %d references", info.channels, captured));
             return GST_FLOW_NOT_NEGOTIATED;
         }
-        gst_audio_info_set_format(&info, GST_AUDIO_FORMAT_S16, info.rate,
-                                  info.channels - self->captured, NULL);
+        gst_audio_info_set_format(&info, GST_AUDIO_FORMAT_S16, info.rate, info.channels - captured,
+                                  NULL);
     }
     GstCaps *own = gst_audio_info_to_caps(&info);
     *caps = gst_caps_intersect(own, downstream);
@@ -57,43 +58,43 @@ GstFlowReturn format_update_src_caps(GstAggregator *aggregator, GstCaps *downstr
     return GST_FLOW_OK;
 }
 
-void format_fail(NaxAec *self, const char *fault)
+void format_fail(NaxAec *self, const char *reason)
 {
-    GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS, ("The echo canceller cannot run."), ("%s", fault));
-    self->failed = TRUE;
+    GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS, ("The echo canceller cannot run."), ("%s", reason));
+    self->format.failed = TRUE;
 }
+
+/* ---- the references -------------------------------------------------------------- */
 
 static void warn_of_no_probe(NaxAec *self)
 {
     GST_ELEMENT_WARNING(
         self, RESOURCE, NOT_FOUND, ("No reference: audio passes through with its echo."),
         ("the naxechoprobe that \"probe\" names %s",
-         self->probe ? "plays nothing, or not at the microphones' rate" : "does not exist"));
+         self->format.probe ? "plays nothing, or not at the microphones' rate" : "does not exist"));
 }
 
-/* One that plays nothing may have been replaced by another of its name; when it is gone
- * silence is played, so that what was learnt about the room stays. */
+/* A probe that plays nothing may have been replaced by another of its name: it is looked for
+ * before each frame. A probe that is gone keeps its number of channels, and its audio is
+ * silence, so that the canceller stays with what it learnt. */
 static void follow_probe(NaxAec *self, gint rate)
 {
-    gint channels = self->probe ? nax_echo_probe_channels(self->probe, rate) : 0;
-    NaxEchoProbe *before = NULL;
-    GST_OBJECT_LOCK(self);
-    const gboolean named = self->probe_name != NULL, other = self->probe_changed;
-    if (other || channels == 0) {
-        before = self->probe;
-        self->probe = named ? nax_echo_probe_find(self->probe_name, rate) : NULL;
-        self->probe_changed = FALSE;
+    struct format *format = &self->format;
+    gboolean named;
+    const gboolean changed = properties_take_probe(self, &named);
+    gint channels = format->probe ? nax_echo_probe_channels(format->probe, rate) : 0;
+    if (changed || channels == 0) {
+        gst_clear_object(&format->probe);
+        format->probe = properties_find_probe(self, rate);
+        channels = format->probe ? nax_echo_probe_channels(format->probe, rate) : 0;
     }
-    GST_OBJECT_UNLOCK(self);
-    gst_clear_object(&before); /* perhaps the last one's: not under the lock */
-    channels = self->probe ? nax_echo_probe_channels(self->probe, rate) : 0;
-    if (other || channels > 0 || rate != self->rate) self->probe_channels = channels;
-    self->frames_without_probe =
-        named && self->probe_channels == 0 ? self->frames_without_probe + 1 : 0;
-    if (self->frames_without_probe == PATIENCE_FRAMES) warn_of_no_probe(self);
+    if (changed || channels > 0 || rate != format->rate) format->probe_channels = channels;
+    format->frames_without_probe =
+        named && format->probe_channels == 0 ? format->frames_without_probe + 1 : 0;
+    if (format->frames_without_probe == PATIENCE_FRAMES) warn_of_no_probe(self);
 }
 
-/* The references at the pad; 0 without it. */
+/* References at the pad; 0 without the pad. */
 static gint count_at_pad(NaxAec *self, GstPad *reference, gint rate)
 {
     const GstAudioInfo info = format_of(reference);
@@ -101,49 +102,72 @@ static gint count_at_pad(NaxAec *self, GstPad *reference, gint rate)
         gst_aggregator_pad_has_buffer(GST_AGGREGATOR_PAD(reference))) {
         GST_ELEMENT_ERROR(self, STREAM, FORMAT, ("Microphones and reference differ in rate."),
                           ("%d and %d Hz", rate, info.rate));
-        self->failed = TRUE;
+        self->format.failed = TRUE;
     }
     return info.channels;
 }
 
+/* The probe's lead is reduced where playback comes later than it asks for. */
+const gint16 *format_read_probe(NaxAec *self, GstClockTime running)
+{
+    struct format *format = &self->format;
+    const gsize instants = format->framer->size;
+    if (!format->probe || !format->from_probe || !GST_CLOCK_TIME_IS_VALID(running)) return NULL;
+    const GstClockTime now = gst_element_get_base_time(GST_ELEMENT(self)) + running;
+    gsize late;
+    while ((late = nax_echo_probe_read(format->probe, now > format->lag ? now - format->lag : 0,
+                                       format->settings.refs, format->played, instants)) > 0 &&
+           late < instants && format->lag < NAX_ECHO_PROBE_LEAD)
+        format->lag = MIN(format->lag + 5 * GST_MSECOND, NAX_ECHO_PROBE_LEAD);
+    return format->played;
+}
+
+/* ---- the canceller --------------------------------------------------------------- */
+
 gboolean format_differs(NaxAec *self, struct settings *wanted)
 {
+    struct format *format = &self->format;
     const GstAudioInfo mic = format_of(self->mic);
     GstPad *reference = pads_reference(self);
     follow_probe(self, mic.rate);
-    GST_OBJECT_LOCK(self);
-    *wanted = self->settings;
-    const gboolean changed = self->settings_changed;
-    self->settings_changed = FALSE;
-    GST_OBJECT_UNLOCK(self);
+    const gboolean changed = properties_take(self, wanted);
 
-    self->from_probe = self->captured == 0 && !reference;
-    wanted->mics = mic.channels - self->captured;
-    wanted->refs = self->captured > 0 ? self->captured
-                   : reference        ? count_at_pad(self, reference, mic.rate)
-                                      : self->probe_channels;
-    if (self->captured == 0) wanted->mics_first = true; /* the pads tell */
+    format->from_probe = format->captured == 0 && !reference;
+    wanted->mics = mic.channels - format->captured;
+    wanted->refs = format->captured > 0 ? format->captured
+                   : reference          ? count_at_pad(self, reference, mic.rate)
+                                        : format->probe_channels;
+    if (format->captured == 0) wanted->mics_first = true; /* they have pads of their own */
     gst_clear_object(&reference);
-    const gboolean other_rate = mic.rate != self->rate;
-    self->rate = mic.rate;
-    if (!self->framer) return wanted->refs > 0;
-    return changed || other_rate || wanted->refs != self->used.refs ||
-           wanted->mics != self->used.mics;
+    const gboolean other_rate = mic.rate != format->rate;
+    format->rate = mic.rate;
+    if (!format->framer) return wanted->refs > 0;
+    return changed || other_rate || wanted->refs != format->settings.refs ||
+           wanted->mics != format->settings.mics;
 }
 
 void format_set_up(NaxAec *self, const struct settings *wanted)
 {
-    framer_destroy(self->framer);
-    self->framer = NULL;
-    self->used = *wanted;
-    self->heard = self->left = 0;
-    self->lag = 0;
-    if (wanted->refs == 0) return properties_tell(self, 0, 0);
+    struct format *format = &self->format;
+    framer_destroy(format->framer);
+    format->framer = NULL;
+    format->settings = *wanted;
+    format->lag = 0;
+    if (wanted->refs == 0) return properties_tell(self, NULL);
     const char *fault = wanted->mics < 1 || wanted->mics > MAX_MICS
                             ? "there must be 1 or 2 microphones beside the references"
                             : settings_check(wanted);
-    if (!fault && !(self->framer = framer_create(wanted, self->rate))) fault = "memory is short";
+    if (!fault && !(format->framer = framer_create(wanted, format->rate)))
+        fault = "memory is short";
     if (fault) return format_fail(self, fault);
-    g_free(self->played);
-    self->played = g_new0(gint16, self->framer->size * (gsize)wanted->refs);
+    g_free(format->played);
+    format->played = g_new0(gint16, format->framer->size * (gsize)wanted->refs);
+}
+
+void format_clear(NaxAec *self)
+{
+    framer_destroy(self->format.framer);
+    gst_clear_object(&self->format.probe);
+    g_free(self->format.played);
+    self->format = (struct format){0};
 }

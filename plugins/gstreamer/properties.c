@@ -1,9 +1,9 @@
 /*
- * The element's properties, named like the options of the tools.
+ * The element's properties. The settings are named like the options of the tools.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
-#include "properties.h"
+#include "naxaec.h"
 
 enum {
     PROPERTY_PROBE = 1,
@@ -18,7 +18,7 @@ enum {
     PROPERTY_ECHO_REMOVED,
     PROPERTIES
 };
-static GParamSpec *properties[PROPERTIES];
+static GParamSpec *specs[PROPERTIES];
 
 enum { MICS_FIRST, REFS_FIRST };
 
@@ -38,45 +38,44 @@ void properties_install(GObjectClass *object)
     const GParamFlags read = G_PARAM_READABLE | G_PARAM_STATIC_STRINGS;
     const GParamFlags ready = read | G_PARAM_WRITABLE | GST_PARAM_MUTABLE_READY;
     const GParamFlags playing = read | G_PARAM_WRITABLE | GST_PARAM_MUTABLE_PLAYING;
-    properties[PROPERTY_PROBE] = g_param_spec_string(
+    specs[PROPERTY_PROBE] = g_param_spec_string(
         "probe", "Probe",
         "Name of the naxechoprobe in the playback pipeline, where neither the reference pad nor "
         "refs is used",
         NULL, playing);
-    properties[PROPERTY_REFS] =
+    specs[PROPERTY_REFS] =
         g_param_spec_int("refs", "References",
                          "Channels of the sink pad that are references; 0: all are microphones", 0,
                          MAX_REFS, 0, ready);
-    properties[PROPERTY_ORDER] =
+    specs[PROPERTY_ORDER] =
         g_param_spec_enum("order", "Order", "Which come first at the sink pad, if refs says any",
                           order_type(), MICS_FIRST, playing);
-    properties[PROPERTY_DROP] = g_param_spec_int(
+    specs[PROPERTY_DROP] = g_param_spec_int(
         "drop", "Drop", "Number of references, the last ones, that are kept from the canceller", 0,
         MAX_REFS, 0, playing);
-    properties[PROPERTY_DELAY] = g_param_spec_int(
-        "delay", "Delay", "Where the search for the echo starts, in samples after the reference", 0,
+    specs[PROPERTY_DELAY] = g_param_spec_int(
+        "delay", "Delay", "Samples by which the reference is held back until the echo is found", 0,
         MAX_DELAY, 0, playing);
-    properties[PROPERTY_DELAY_ESTIMATION] = g_param_spec_boolean(
+    specs[PROPERTY_DELAY_ESTIMATION] = g_param_spec_boolean(
         "delay-estimation", "Delay estimation",
-        "Find the echo's delay and follow it; else the reference is held back by delay", TRUE,
-        playing);
-    properties[PROPERTY_REMAP] = g_param_spec_string(
+        "Find the echo's delay and follow it; else the reference is not held back", TRUE, playing);
+    specs[PROPERTY_REMAP] = g_param_spec_string(
         "remap", "Remap",
         "Channels, from 0, that are the microphones, as in \"1,0\"; the reference's follow the "
         "sink pad's; empty: in their order",
         "", playing);
-    properties[PROPERTY_SUPPRESS] = g_param_spec_boolean(
+    specs[PROPERTY_SUPPRESS] = g_param_spec_boolean(
         "suppress", "Suppress",
         "Suppress the echo that the canceller leaves, for 16 ms more of latency", FALSE, playing);
-    properties[PROPERTY_APPLIED_DELAY] = g_param_spec_int(
+    specs[PROPERTY_APPLIED_DELAY] = g_param_spec_int(
         "applied-delay", "Applied delay",
         "Samples that the reference is held back, notified when it changes", 0, MAX_DELAY, 0, read);
-    properties[PROPERTY_ECHO_REMOVED] = g_param_spec_double(
+    specs[PROPERTY_ECHO_REMOVED] = g_param_spec_double(
         "echo-removed", "Echo removed",
-        "Level of the microphones less that of the output, in dB, over the last two seconds in "
-        "which something was played; not notified",
-        -100, 100, 0, read);
-    g_object_class_install_properties(object, PROPERTIES, properties);
+        "Energy of the microphones over that of the canceller's output, in dB, over the last two "
+        "seconds in which something was played; not notified",
+        -200, 200, 0, read);
+    g_object_class_install_properties(object, PROPERTIES, specs);
     gst_type_mark_as_plugin_api(order_type(), 0);
 }
 
@@ -111,11 +110,11 @@ static void set_settings(NaxAec *self, guint id, const GValue *value, GParamSpec
 {
     const gboolean another = is_another(self, value, spec);
     GST_OBJECT_LOCK(self);
-    struct settings settings = self->settings;
+    struct settings settings = self->properties.settings;
     const char *fault = set_setting(&settings, id, value);
     if (!fault) {
-        self->settings_changed |= another;
-        self->settings = settings;
+        self->properties.settings_changed |= another;
+        self->properties.settings = settings;
     }
     GST_OBJECT_UNLOCK(self);
     if (fault) g_warning("naxaec: remap: '%s' %s", g_value_get_string(value), fault);
@@ -128,17 +127,18 @@ static void set_settings(NaxAec *self, guint id, const GValue *value, GParamSpec
 void properties_set(GObject *object, guint id, const GValue *value, GParamSpec *spec)
 {
     NaxAec *self = NAX_AEC_ELEMENT(object);
+    struct properties *properties = &self->properties;
     switch (id) {
     case PROPERTY_PROBE:
         GST_OBJECT_LOCK(self);
-        g_free(self->probe_name);
-        self->probe_name = g_value_dup_string(value);
-        self->probe_changed = TRUE;
+        g_free(properties->probe);
+        properties->probe = g_value_dup_string(value);
+        properties->probe_changed = TRUE;
         GST_OBJECT_UNLOCK(self);
         break;
     case PROPERTY_REFS:
         GST_OBJECT_LOCK(self);
-        self->captured_refs = g_value_get_int(value);
+        properties->refs = g_value_get_int(value);
         GST_OBJECT_UNLOCK(self);
         break;
     case PROPERTY_ORDER:
@@ -163,33 +163,72 @@ static void get_remap(const struct settings *settings, GValue *value)
 void properties_get(GObject *object, guint id, GValue *value, GParamSpec *spec)
 {
     NaxAec *self = NAX_AEC_ELEMENT(object);
+    const struct properties *properties = &self->properties;
+    const struct settings *settings = &properties->settings;
     GST_OBJECT_LOCK(self);
     switch (id) {
-    case PROPERTY_PROBE: g_value_set_string(value, self->probe_name); break;
-    case PROPERTY_REFS: g_value_set_int(value, self->captured_refs); break;
+    case PROPERTY_PROBE: g_value_set_string(value, properties->probe); break;
+    case PROPERTY_REFS: g_value_set_int(value, properties->refs); break;
     case PROPERTY_ORDER:
-        g_value_set_enum(value, self->settings.mics_first ? MICS_FIRST : REFS_FIRST);
+        g_value_set_enum(value, settings->mics_first ? MICS_FIRST : REFS_FIRST);
         break;
-    case PROPERTY_DROP: g_value_set_int(value, self->settings.drop); break;
-    case PROPERTY_DELAY: g_value_set_int(value, self->settings.delay); break;
-    case PROPERTY_DELAY_ESTIMATION:
-        g_value_set_boolean(value, self->settings.delay_estimation);
-        break;
-    case PROPERTY_SUPPRESS: g_value_set_boolean(value, self->settings.suppress); break;
-    case PROPERTY_REMAP: get_remap(&self->settings, value); break;
-    case PROPERTY_APPLIED_DELAY: g_value_set_int(value, self->applied_delay); break;
-    case PROPERTY_ECHO_REMOVED: g_value_set_double(value, self->echo_removed); break;
+    case PROPERTY_DROP: g_value_set_int(value, settings->drop); break;
+    case PROPERTY_DELAY: g_value_set_int(value, settings->delay); break;
+    case PROPERTY_DELAY_ESTIMATION: g_value_set_boolean(value, settings->delay_estimation); break;
+    case PROPERTY_SUPPRESS: g_value_set_boolean(value, settings->suppress); break;
+    case PROPERTY_REMAP: get_remap(settings, value); break;
+    case PROPERTY_APPLIED_DELAY: g_value_set_int(value, properties->applied_delay); break;
+    case PROPERTY_ECHO_REMOVED: g_value_set_double(value, properties->echo_removed); break;
     default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
     }
     GST_OBJECT_UNLOCK(self);
 }
 
-void properties_tell(NaxAec *self, gint applied_delay, gdouble echo_removed)
+gboolean properties_take(NaxAec *self, struct settings *settings)
 {
     GST_OBJECT_LOCK(self);
-    const gboolean moved = self->applied_delay != applied_delay;
-    self->applied_delay = applied_delay;
-    self->echo_removed = echo_removed;
+    *settings = self->properties.settings;
+    const gboolean changed = self->properties.settings_changed;
+    self->properties.settings_changed = FALSE;
     GST_OBJECT_UNLOCK(self);
-    if (moved) g_object_notify_by_pspec(G_OBJECT(self), properties[PROPERTY_APPLIED_DELAY]);
+    return changed;
+}
+
+gboolean properties_take_probe(NaxAec *self, gboolean *named)
+{
+    GST_OBJECT_LOCK(self);
+    *named = self->properties.probe != NULL;
+    const gboolean changed = self->properties.probe_changed;
+    self->properties.probe_changed = FALSE;
+    GST_OBJECT_UNLOCK(self);
+    return changed;
+}
+
+NaxEchoProbe *properties_find_probe(NaxAec *self, gint rate)
+{
+    GST_OBJECT_LOCK(self);
+    const gchar *name = self->properties.probe;
+    NaxEchoProbe *probe = name ? nax_echo_probe_find(name, rate) : NULL;
+    GST_OBJECT_UNLOCK(self);
+    return probe;
+}
+
+gint properties_refs(NaxAec *self)
+{
+    GST_OBJECT_LOCK(self);
+    const gint refs = self->properties.refs;
+    GST_OBJECT_UNLOCK(self);
+    return refs;
+}
+
+void properties_tell(NaxAec *self, const nax_meter_report *report)
+{
+    struct properties *properties = &self->properties;
+    const gint delay = report ? report->delay : 0;
+    GST_OBJECT_LOCK(self);
+    const gboolean moved = properties->applied_delay != delay;
+    properties->applied_delay = delay;
+    properties->echo_removed = report ? (gdouble)report->removed_db : 0;
+    GST_OBJECT_UNLOCK(self);
+    if (moved) g_object_notify_by_pspec(G_OBJECT(self), specs[PROPERTY_APPLIED_DELAY]);
 }
