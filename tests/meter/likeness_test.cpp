@@ -3,6 +3,9 @@
 
 #include "support.h"
 
+#include <algorithm>
+#include <cmath>
+
 namespace nax::meter {
 
 // Powers that rise and fall by chance between -40 and -20 dBFS.
