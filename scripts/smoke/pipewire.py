@@ -95,20 +95,18 @@ def beside_the_server(folder):
 # quotation marks without looking into them.
 LOAD = "load-module module-echo-cancel source_master=micfeed sink_master=speaker"
 if server.version() >= STREAMS_MAY_DIFFER:
-    BY_PACTL = LOAD + """ aec_method=nax aec_args="delay=SETTING\""""
-    MISTAKES = {
-        LOAD + " aec_method=nix": ["aec plugin audio.aec not available library.name aec/libspa-aec-nix"],
-        BY_PACTL.replace("SETTING", "far"): ["aec plugin nax create failed: Invalid argument",
-                                            "Failure: Invalid argument"],
-    }
+    BY_PACTL = LOAD + """ aec_method=nax aec_args="delay=768\""""
+    WRONG_METHOD = {" aec_method=nix": ["aec plugin audio.aec not available library.name aec/libspa-aec-nix"]}
 else:
-    BY_PACTL = LOAD + """ aec_args='delay=SETTING" library.name="aec/libspa-aec-nax'"""
-    MISTAKES = {
-        LOAD + " aec_method=nax": ["aec.method is not supported anymore use library.name",
-                                   "Using plugin AEC webrtc"],
-        BY_PACTL.replace("-nax", "-nix"): ["aec plugin audio.aec not available library.name aec/libspa-aec-nix"],
-        BY_PACTL.replace("SETTING", "far"): ["nax_aec: aec.args: delay: 'far' is not a number of samples"],
-    }
+    BY_PACTL = LOAD + """ aec_args='delay=768" library.name="aec/libspa-aec-nax'"""
+    WRONG_METHOD = {" aec_method=nax": ["aec.method is not supported anymore use library.name",
+                                        "Using plugin AEC webrtc"]}
+MISTAKES = {LOAD + method: answers for method, answers in WRONG_METHOD.items()} | {
+    BY_PACTL.replace("nax", "nix"): ["aec plugin audio.aec not available library.name aec/libspa-aec-nix"],
+    BY_PACTL.replace("768", "far"): ["nax_aec: aec.args: delay: 'far' is not a number of samples from 0 to 12288",
+                                     "aec plugin nax create failed: Invalid argument"],
+    BY_PACTL + " channels=4": ["nax_aec: 4 captured and 4 played channels: 1 or 2 and 1 to 30"],
+}
 
 
 def by_pactl(folder):
@@ -122,7 +120,7 @@ def by_pactl(folder):
             time.sleep(0.3)
             told &= server.check(f"PipeWire, pactl {mistake}", said + it.log(), answers)
             it.ask("pactl", "unload-module", "module-echo-cancel")
-        it.ask("pactl", *BY_PACTL.replace("SETTING", "768").split())
+        it.ask("pactl", *BY_PACTL.split())
         it.wait_for_ports("echo-cancel-sink:playback_FL", "echo-cancel-source:capture_FL")
         loaded = server.check("PipeWire, pactl, the canceller", it.log(), ["Using plugin AEC nax"])
         out = server.play_and_record(it, "echo-cancel-source", "echo-cancel-sink")
