@@ -183,6 +183,43 @@ class Samples(unittest.TestCase):
         self.assertEqual([len(x) for x in cancel(noise(0), noise(0), 16000)], [0, 0, 0, 0])
 
 
+class Reports(unittest.TestCase):
+    def test_a_canceller_that_cancels_says_so_from_samples_and_bytes(self):
+        reference = noise(10 * 16000 // 256 * 256)
+        microphone = echo_of(reference, 700)
+        with Canceller(16000) as samples, Canceller(16000) as raw:
+            samples.process(microphone, reference)
+            stream = np.hstack([microphone, reference])
+            for start in range(0, len(stream), 256):
+                raw.process_bytes(stream[start:start + 256].tobytes())
+            report = samples.report()
+            self.assertEqual(raw.report(), report)
+        self.assertEqual((report.verdict, report.is_alarm, report.frames), ("cancelling", False, 625))
+        self.assertGreater(report.removed_db, 20)
+        self.assertEqual([len(x) for x in (report.microphone_dbfs, report.output_dbfs,
+                                           report.reference_dbfs)], [1, 1, 1])
+        self.assertAlmostEqual(report.reference_dbfs[0], 20 * np.log10(2000 / 32768), delta=1)
+
+    def test_dropped_references_are_not_looked_for(self):
+        with Canceller(16000, 1, 2, drop_channel=1) as canceller:
+            canceller.process(noise(16000 * 3), noise(16000 * 3, 2))
+            levels = canceller.report().reference_dbfs
+        self.assertEqual((levels[0] > -30, levels[1]), (True, -100.0))
+
+    def test_wrong_wiring_sounds_an_alarm(self):
+        reference = noise(10 * 16000)
+        with Canceller(16000) as canceller:
+            canceller.process(echo_of(reference, 700), 0 * reference)
+            report = canceller.report()
+        self.assertEqual((report.verdict, report.is_alarm), ("no-reference", True))
+
+    def test_a_report_of_a_closed_canceller_is_refused(self):
+        with Canceller(16000) as canceller:
+            self.assertEqual(canceller.report().verdict, "searching")
+        with self.assertRaisesRegex(ValueError, "closed"):
+            canceller.report()
+
+
 class Bytes(unittest.TestCase):
     def compare(self, byte_order, pos, array_list=None):
         """process_bytes gives what process gives, for 2 microphones and 2 references of

@@ -193,6 +193,18 @@ class WithoutTimes(unittest.TestCase):
         np.testing.assert_array_equal(np.concatenate(out), cancel(mic, used, RATE).cleaned)
         self.assertEqual(stream.counts.silent, 768 + 19968 - 9000 + -len(ref) % 256)
 
+    def test_a_stream_reports_as_its_canceller_does(self):
+        mic, ref = call(8)
+        stream = Stream(RATE)
+        stream.played(ref)
+        stream.captured(mic)
+        with Canceller(RATE) as canceller:
+            canceller.process(mic[:len(mic) // 256 * 256], ref[:len(mic) // 256 * 256])
+            self.assertEqual(stream.report(), canceller.report())
+        self.assertEqual(stream.report().verdict, "cancelling")
+        stream.finish()
+        self.assertRaisesRegex(ValueError, "closed", stream.report)
+
     def test_an_interrupt_takes_back_what_is_still_to_be_played(self):
         mic, ref = call(2)
         stream = Stream(RATE)

@@ -24,9 +24,10 @@ column per channel; an array of one dimension is one channel.
 from ._library import BIG_ENDIAN, HOST_ENDIAN, LITTLE_ENDIAN, LONGEST_DELAY, library
 from ._state import frame_size
 from .canceller import Canceller, Result, cancel
+from .meter import Report
 from .stream import Counts, Stream
 from .suppressor import Suppressor
 
 __version__ = "2.0.0"
 __all__ = ["BIG_ENDIAN", "HOST_ENDIAN", "LITTLE_ENDIAN", "LONGEST_DELAY", "Canceller", "Counts",
-           "Result", "Stream", "Suppressor", "cancel", "frame_size", "library"]
+           "Report", "Result", "Stream", "Suppressor", "cancel", "frame_size", "library"]

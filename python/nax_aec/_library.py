@@ -68,3 +68,11 @@ def library() -> ctypes.CDLL:
     lib.nax_aec_byte.argtypes = [pointer, ctypes.POINTER(pointer), pointer, pointer, int32,
                                  ctypes.c_uint32]
     return lib
+
+
+def companion(name: str) -> ctypes.CDLL:
+    """Another of the project's libraries, such as libnax_res: from the folder of libnax_aec, else
+    the installed one."""
+    loaded = pathlib.Path(library()._name).resolve()
+    beside = loaded.with_name(loaded.name.replace("libnax_aec", name))
+    return ctypes.CDLL(str(beside) if beside.exists() else f"{name}.so.2")

@@ -11,6 +11,7 @@ from ._library import (BIG_ENDIAN, DELAY_ESTIMATION, HOST_ENDIAN, LITTLE_ENDIAN,
                        REMAP, Param, library)
 from ._samples import columns, like, samples_of
 from ._state import State, whole
+from .meter import Meter, Report, meter_library
 
 ANY_WORD = (-2**31, 2**31 - 1)  # what a parameter word of 32 bits holds
 
@@ -77,6 +78,28 @@ class Canceller(State):
         lib = library()
         self._keep(lib.nax_aec_state_init(self.sample_rate, 16, mics, refs,
                                           ctypes.byref(self.param)), lib.nax_aec_state_destroy)
+        self._meter = Meter(self.sample_rate, mics, refs, drop_channel)
+
+    def close(self) -> None:
+        """Releases the state. Waits for another thread's call. A second close does nothing."""
+        is_open = self._state is not None
+        super().close()
+        if is_open:
+            self._meter.close()
+
+    __del__ = close
+
+    def report(self) -> Report:
+        """How the canceller does: levels, echo removed, and a verdict. Any thread may ask at any
+        time, also while another one is in process(). Raises ValueError when the canceller is
+        closed.
+
+        >>> with Canceller(16000) as canceller:
+        ...     result = canceller.process(np.zeros(32000), np.zeros(32000))
+        ...     canceller.report().verdict
+        'no-microphone'
+        """
+        return self._meter.read()
 
     def print_param(self) -> None:
         """Writes the parameter block to standard error (nax_aec_param_printf)."""
@@ -106,9 +129,12 @@ class Canceller(State):
         starts = [a.ctypes.data for a in (stream, out, echo)]
         steps = [a.nbytes // max(frames, 1) for a in (stream, out, echo)]
         call, length = library().nax_aec_short, frame * (m + self.references)
+        measure = meter_library().nax_meter_short
         with self._in_use() as state:
             for i in range(frames):
-                delays[i] = call(state, *(p + i * s for p, s in zip(starts, steps)), length)
+                into, cleaned, taken = (p + i * s for p, s in zip(starts, steps))
+                delays[i] = delay = call(state, into, cleaned, taken, length)
+                measure(self._meter.state, into, cleaned, delay)
         check_delays(delays)
         return Result(like(mic, out[:n, :m]), like(ref, out[:n, m:]), like(mic, echo[:n]), delays)
 
@@ -137,6 +163,8 @@ class Canceller(State):
             delays[0] = library().nax_aec_byte(state, ctypes.byref(audio), out.ctypes.data,
                                                echo.ctypes.data, len(data), byte_order)
             check_delays(delays)
+            meter_library().nax_meter_short(self._meter.state, audio, out.ctypes.data,
+                                            int(delays[0]))
             samples = np.frombuffer(ctypes.string_at(audio, 2 * frame * (m + self.kept)), np.int16)
         return (Result(out[:, :m], out[:, m:], echo, delays),
                 samples.reshape(frame, m + self.kept))

@@ -16,6 +16,7 @@ from ._rates import Converter, library_rate
 from ._samples import like, samples_of
 from ._timeline import LONGEST_S, Fifo, Timeline
 from .canceller import Canceller
+from .meter import Report, meter_library
 from .suppressor import Suppressor, suppressor_library
 
 Pcm = Union[bytes, bytearray, memoryview, NDArray[Any]]
@@ -206,6 +207,11 @@ class Stream:
                           line.late, line.discarded, line.too_early, self._steps + line.steps,
                           1e6 * line.drift, self._delay)
 
+    def report(self) -> Report:
+        """How the canceller does, before suppression: levels, echo removed, and a verdict. Any
+        thread may ask at any time. Raises ValueError when the stream is closed."""
+        return self._canceller.report()
+
     def close(self) -> None:
         """Releases everything. A second close does nothing."""
         with self._lock:
@@ -291,12 +297,14 @@ class Stream:
         line = self._line()
         with self._canceller._in_use() as state:
             call, length = library().nax_aec_short, frame * self._out.shape[1]
+            measure, meter = meter_library().nax_meter_short, self._canceller._meter.state
             pointers = [a.ctypes.data for a in (self._in, self._out, self._echo)]
             for i in range(count):
                 start = first + i * frame
                 self._in[:, :m] = self._mic.rows(start, start + frame)
                 timeline.read(self._in[:, m:], line)
                 self._delay = call(state, *pointers, length)
+                measure(meter, pointers[0], pointers[1], self._delay)
                 cleaned[i * frame:(i + 1) * frame] = \
                     self._suppress() if self._suppressor else self._out[:, :m]
         self._mic.drop(timeline.done)

@@ -3,13 +3,12 @@ from __future__ import annotations
 
 import ctypes
 import functools
-import pathlib
 from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
 
-from ._library import library
+from ._library import companion
 from ._samples import like, samples_of
 from ._state import State
 from .canceller import Result
@@ -18,9 +17,7 @@ from .canceller import Result
 @functools.lru_cache(maxsize=None)
 def suppressor_library() -> ctypes.CDLL:
     """libnax_res from the folder of libnax_aec, else the installed one; loaded once."""
-    loaded = pathlib.Path(library()._name).resolve()
-    beside = loaded.with_name(loaded.name.replace("libnax_aec", "libnax_res"))
-    lib = ctypes.CDLL(str(beside) if beside.exists() else "libnax_res.so.2")
+    lib = companion("libnax_res")
     lib.nax_res_state_init.restype = ctypes.c_void_p
     lib.nax_res_state_init.argtypes = [ctypes.c_int32] * 3
     lib.nax_res_short.restype = ctypes.c_int32
