@@ -82,7 +82,7 @@ extern "C" {
 #define NAX_METER_REFS 8
 
 /**
- * What nax_meter_read fills in. Levels are of the last second, -100 when there is nothing;
+ * What nax_meter_read fills in, brought up to date every 4 frames (64 ms). Levels are of the last second, -100 when there is nothing;
  * a channel's mean (DC) is not counted. A frame is of the far end when its references together
  * are above -60 dBFS.
  */
@@ -191,10 +191,11 @@ int32_t nax_meter_short(nax_meter_state *state, const int16_t *in, const int16_t
                         int32_t delay);
 
 /**
- * Copies the report as the last whole frame left it; all its fields are of one frame.
+ * Copies the latest report; all its fields are of one moment.
  *
  * @param state   from nax_meter_state_init.
- * @param report  filled in. Before the first frame the verdict is NAX_METER_SEARCHING.
+ * @param report  filled in. Before the first four frames the verdict is
+ *                NAX_METER_SEARCHING and the levels are -100.
  * @return 0, or -1 when a pointer is null; then nothing is written.
  *
  * Threads: any, at any time between creation and release; it never waits for

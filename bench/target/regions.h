@@ -3,7 +3,18 @@
 
 #include <cstdint>
 
-enum Region { OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN, SUPPRESSOR };
+enum Region {
+    OUTSIDE,
+    BYTES,
+    SPLIT,
+    ALIGNMENT,
+    ESTIMATOR,
+    BINDING,
+    LIBRARY,
+    JOIN,
+    SUPPRESSOR,
+    METER
+};
 
 // A system call that only the plugin understands. By hand, because the C library's
 // wrapper costs more instructions than some of what is counted.

@@ -9,9 +9,12 @@ import sys
 from collections import defaultdict
 
 # As in regions.h.
-OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN, SUPPRESSOR = range(9)
+OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN, SUPPRESSOR, METER = range(10)
 OUR_HEAP_LIMIT = 400 * 1024
 STACK_LIMIT = 8 * 1024
+METER_LIMIT = 4 * 1024         # heap
+METER_SHARES = {'8000': 1.5, '16000': 1.0, '32000': 1.0, '48000': 1.0} # % of the canceller's, 1 x 1, NEON
+LIBRARIES = 'aec', 'meter', 'res'
 exceeded = []                   # what is above its limit
 
 
@@ -91,20 +94,33 @@ def instructions(neon, scalar):
            'estimator without NEON'], rows)
 
 
-def suppressor(neon, scalar, heap):
-    """Thousands of instructions per frame of nax_res_short, and their share of the canceller's."""
-    print('## The suppressor\n')
-    print('Thousands of instructions of `nax_res_short` per frame on the same frames, and their share\n'
+def companion(name, call, region, word, neon, scalar, heap):
+    """Thousands of instructions per frame of a companion's call, and their share of the canceller's;
+    its heap is a word of the heap lines."""
+    print(f'## The {name}\n')
+    print(f'Thousands of instructions of `{call}` per frame on the same frames, and their share\n'
           'of the canceller\'s. The heap is all that it allocates.\n')
-    taken = {tuple(words[:3]): words[10] for words in heap if words[4] == 'short'}
+    taken = {tuple(words[:3]): words[word] for words in heap if words[4] == 'short'}
     rows = []
     for label, on in neon.items():
         if label[3:] == ('on', 'short'):
             plain = scalar[label]
-            rows.append([form(label), in_thousands(mean(on, SUPPRESSOR)), in_thousands(mean(plain, SUPPRESSOR)),
-                         *(f'{100 * mean(r, SUPPRESSOR) / mean(r, BINDING, LIBRARY):.1f} %' for r in (on, plain)),
-                         taken[label[:3]]])
+            rows.append([form(label), in_thousands(mean(on, region)), in_thousands(mean(plain, region)),
+                         *(f'{share(r, region):.2f} %' for r in (on, plain)), taken[label[:3]]])
     table(['format', 'NEON', 'without', 'share, NEON', 'share without', 'heap, bytes'], rows)
+
+
+def share(rows, region):
+    """Of the canceller's instructions, in %."""
+    return 100 * mean(rows, region) / mean(rows, BINDING, LIBRARY)
+
+
+def check_meter(neon, heap):
+    for words in heap:
+        check(f'heap of the meter at {form(words)}', int(words[11]), METER_LIMIT)
+    for label, on in neon.items():
+        if label[1:] == ('1', '1', 'on', 'short') and share(on, METER) > METER_SHARES[label[0]]:
+            exceeded.append(f'meter at {form(label)}: {share(on, METER):.2f} % of the canceller, limit {METER_SHARES[label[0]]} %')
 
 
 def instructions_64(counts):
@@ -180,7 +196,7 @@ def deepest_stack(build):
 
     def depth(name):
         return frame.get(name, 0) + max((depth(target) for target in calls[name]), default=0)
-    return {name: depth(name) for name in ('nax_aec_short', 'nax_aec_byte', 'nax_res_short')}
+    return {name: depth(name) for name in ('nax_aec_short', 'nax_aec_byte', 'nax_meter_short', 'nax_res_short')}
 
 
 def stack(build):
@@ -197,10 +213,10 @@ def stack(build):
 def code_size(build):
     print('## Code size\n')
     print('The shared libraries in bytes, without libspeexdsp and kissfft.\n')
-    text = subprocess.run(['arm-linux-gnueabihf-size', *(f'{build}/libnax_{name}.so' for name in ('aec', 'res'))],
+    text = subprocess.run(['arm-linux-gnueabihf-size', *(f'{build}/libnax_{name}.so' for name in LIBRARIES)],
                           capture_output=True, check=True, text=True).stdout
     table(['library', 'code and constants', 'data', 'zeroed data'],
-          [[f'libnax_{name}', *line.split()[:3]] for name, line in zip(('aec', 'res'), text.splitlines()[1:])])
+          [[f'libnax_{name}', *line.split()[:3]] for name, line in zip(LIBRARIES, text.splitlines()[1:])])
 
 
 def streams(build):
@@ -230,7 +246,9 @@ def main():
           'loops find NEON at run time, under emulation of a Cortex-A7. The counts are repeatable to the\n'
           'instruction. They are not times: instructions per cycle depend on the device.\n')
     instructions(neon, scalar)
-    suppressor(neon, scalar, heap)
+    companion('suppressor', 'nax_res_short', SUPPRESSOR, 10, neon, scalar, heap)
+    companion('meter', 'nax_meter_short', METER, 11, neon, scalar, heap)
+    check_meter(neon, heap)
     instructions_64(read_counts(build, 'wide')[0])
     kernels(loops)
     heap_by_part(heap)

@@ -1,6 +1,7 @@
 // The library's cost on the device, for the counting plugin and scripts/cost. Prints what
 // each of the plugin's rows stands for, and the heap that each state takes.
 #include "nax_aec.h"
+#include "nax_meter.h"
 #include "nax_res.h"
 
 #include "kernels/kernels.h"
@@ -70,6 +71,8 @@ void count_frames(const Format &format, bool estimate, bool bytes)
     const size_t whole = heap_in_use() - before;
     nax_res_state *suppressor = nax_res_state_init(format.rate, format.mics, format.refs);
     const size_t of_suppressor = heap_in_use() - before - whole;
+    nax_meter_state *meter = nax_meter_state_init(format.rate, format.mics, format.refs);
+    const size_t of_meter = heap_in_use() - before - whole - of_suppressor;
     for (int frame = 0; frame < WARM_UP + COUNTED; frame++) {
         material.next(in);
         if (frame == WARM_UP) print_row(UINT32_MAX); // what came before is not counted
@@ -77,7 +80,9 @@ void count_frames(const Format &format, bool estimate, bool bytes)
             uint8_t *audio = reinterpret_cast<uint8_t *>(in.data());
             nax_aec_byte(state, &audio, out.data(), echo.data(), 2 * samples, NAX_AEC_BIG_ENDIAN);
         } else {
-            nax_aec_short(state, in.data(), out.data(), echo.data(), samples);
+            const int32_t delay = nax_aec_short(state, in.data(), out.data(), echo.data(), samples);
+            enter(METER);
+            nax_meter_short(meter, in.data(), out.data(), delay);
             enter(SUPPRESSOR);
             nax_res_short(suppressor, out.data(), echo.data(), echo.data());
             enter(OUTSIDE);
@@ -87,13 +92,14 @@ void count_frames(const Format &format, bool estimate, bool bytes)
                estimate ? "on" : "off", bytes ? "byte" : "short");
         print_row(next_row++);
     }
-    const size_t with_bytes = heap_in_use() - before - of_suppressor;
+    const size_t with_bytes = heap_in_use() - before - of_suppressor - of_meter;
     nax_res_state_destroy(suppressor);
+    nax_meter_state_destroy(meter);
     nax_aec_state_destroy(state);
-    printf("heap %d %d %d %s %s %zu %zu %zu %zu %zu %zu\n", format.rate, format.mics, format.refs,
-           estimate ? "on" : "off", bytes ? "byte" : "short",
+    printf("heap %d %d %d %s %s %zu %zu %zu %zu %zu %zu %zu\n", format.rate, format.mics,
+           format.refs, estimate ? "on" : "off", bytes ? "byte" : "short",
            whole - heap_parts.lines - heap_parts.estimator - heap_parts.canceller, heap_parts.lines,
-           heap_parts.estimator, heap_parts.canceller, with_bytes - whole, of_suppressor);
+           heap_parts.estimator, heap_parts.canceller, with_bytes - whole, of_suppressor, of_meter);
 }
 
 template <typename Call> void count_kernel(const char *name, const char *variant, Call call)

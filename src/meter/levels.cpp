@@ -6,10 +6,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 
 namespace nax::meter {
 
-static constexpr int32_t LEVEL_FRAMES = 62;    // a second
+static constexpr int32_t FIRST_FRAMES = 62;    // a second
 static constexpr int32_t CLIPPED_FRAMES = 625; // ten seconds
 // A quieter peak may be a few steps of a converter.
 static constexpr int32_t LEAST_CLIPPED = 256;
@@ -53,16 +54,27 @@ static void clip(Channel &channel, const Sums &sums, const int16_t *samples, int
     count_frame(channel.sounding_frames);
 }
 
+float power_of(const Channel &channel)
+{
+    constexpr int32_t PIECE = Channel::PIECE, ALL = Channel::PIECES * PIECE;
+    const int32_t since_piece = channel.frames % PIECE; // frames of the piece begun
+    const int32_t begun = since_piece == 0 ? PIECE : since_piece;
+    const int32_t frames = std::min(channel.frames, ALL - PIECE + begun);
+    const float sum = std::accumulate(channel.pieces, channel.pieces + Channel::PIECES, 0.0f);
+    return frames == 0 ? 0.0f : sum / static_cast<float>(frames);
+}
+
 float clipped_share(const Channel &channel)
 {
-    return channel.sounding_frames < LEVEL_FRAMES ? 0.0f : channel.clipped;
+    return channel.sounding_frames < FIRST_FRAMES ? 0.0f : channel.clipped;
 }
 
 float take_in(Channel &channel, const int16_t *samples, int32_t count)
 {
     const Sums sums = sum_samples(samples, count);
     const float power = power_of(sums, count);
-    channel.power += weight_of_new(channel.frames, LEVEL_FRAMES) * (power - channel.power);
+    float &piece = channel.pieces[channel.frames / Channel::PIECE % Channel::PIECES];
+    piece = power + (channel.frames % Channel::PIECE == 0 ? 0.0f : piece);
     count_frame(channel.frames);
     clip(channel, sums, samples, count);
     return power;

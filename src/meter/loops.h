@@ -14,11 +14,11 @@ struct Sums {
     int32_t peak; // largest magnitude, 32767 at most
 };
 
-// Over count samples, a multiple of 8, at most 768.
+// Over count samples, a multiple of 16, at most 768.
 using SumSamples = Sums(const int16_t *samples, int32_t count);
 
-// Products a scalar and an array, averaged: to = keep to + factor from, for count values, a
-// multiple of 4.
+// Adds an array times a factor to a fading sum: to = keep to + factor from, for count values, a
+// multiple of 16. The arrays must not overlap.
 using AverageProducts = void(float *to, float keep, float factor, const float *from, int32_t count);
 
 namespace scalar {

@@ -15,6 +15,7 @@
 using namespace nax::meter;
 
 static constexpr int32_t MAX_FRAME = 768, MAX_MICS = 2;
+static constexpr int32_t REPORT_EVERY = 4; // frames
 
 struct nax_meter_state {
     int32_t frame_size;       // F, samples
@@ -37,30 +38,41 @@ static int32_t frame_size_for(int32_t sample_rate)
     }
 }
 
+// The report, its levels still powers: in decibels they are wanted when somebody reads.
 static nax_meter_report report_of(const nax_meter_state &state)
 {
     const Stream &stream = state.stream;
     nax_meter_report report = {};
-    report.verdict = state.standing.verdict;
     report.frames = stream.frames;
-    report.verdict_s = seconds(state.standing.stood);
     report.far_end_s = seconds(stream.far_end);
-    for (int32_t m = 0; m < MAX_MICS; m++) {
-        report.mic_dbfs[m] = decibels(state.mic[m].power);
-        report.out_dbfs[m] = decibels(state.out[m].power);
+    for (int32_t m = 0; m < state.mics; m++) {
+        report.mic_dbfs[m] = power_of(state.mic[m]);
+        report.out_dbfs[m] = power_of(state.out[m]);
         report.mic_clipped = std::max(report.mic_clipped, clipped_share(state.mic[m]));
     }
-    for (int32_t r = 0; r < NAX_METER_REFS; r++) {
-        report.ref_dbfs[r] = decibels(state.ref[r].power);
+    for (int32_t r = 0; r < std::min(state.kept, NAX_METER_REFS); r++) {
+        report.ref_dbfs[r] = power_of(state.ref[r]);
         report.ref_clipped = std::max(report.ref_clipped, clipped_share(state.ref[r]));
     }
     report.removed_db = removed_db(stream);
     report.delay = stream.delay.now;
-    report.delay_s = seconds(stream.delay.stood);
+    report.delay_s = seconds(stream.frames - stream.delay.since);
     report.delay_moves = delay_moves(stream);
     report.likeness = stream.likeness.best;
     report.likeness_ms = 1e3f * FRAME_S * static_cast<float>(stream.likeness.distance);
     return report;
+}
+
+// Judges what is known and publishes it.
+static void report(nax_meter_state &state)
+{
+    nax_meter_report report = report_of(state);
+    Evidence evidence = evidence_of(state.stream);
+    evidence.clipped = std::max(report.mic_clipped, report.ref_clipped);
+    settle(state.standing, judged(evidence), state.stream.frames);
+    report.verdict = state.standing.verdict;
+    report.verdict_s = seconds(state.stream.frames - state.standing.since);
+    publish(state.published, report);
 }
 
 nax_meter_state *nax_meter_state_init(int32_t sample_rate, int32_t num_src_channel,
@@ -77,7 +89,6 @@ nax_meter_state *nax_meter_state_init(int32_t sample_rate, int32_t num_src_chann
     state->mics = num_src_channel;
     state->refs = state->kept = num_ref_channel;
     stream_init(state->stream, frame_size);
-    standing_init(state->standing);
     publish(state->published, report_of(*state));
     return state;
 }
@@ -117,13 +128,7 @@ int32_t nax_meter_short(nax_meter_state *state, const int16_t *in, const int16_t
         frame.ref += take_in(*state, channel, in + mics + r, into);
     }
     take_in(state->stream, frame);
-    Evidence evidence = evidence_of(state->stream);
-    for (const Channel &mic : state->mic)
-        evidence.clipped = std::max(evidence.clipped, clipped_share(mic));
-    for (const Channel &ref : state->ref)
-        evidence.clipped = std::max(evidence.clipped, clipped_share(ref));
-    settle(state->standing, judged(evidence));
-    publish(state->published, report_of(*state));
+    if (state->stream.frames % REPORT_EVERY == 0) report(*state);
     return 0;
 }
 
@@ -131,5 +136,11 @@ int32_t nax_meter_read(const nax_meter_state *state, nax_meter_report *report)
 {
     if (!state || !report) return -1;
     *report = latest(state->published);
+    for (float &level : report->mic_dbfs)
+        level = decibels(level);
+    for (float &level : report->out_dbfs)
+        level = decibels(level);
+    for (float &level : report->ref_dbfs)
+        level = decibels(level);
     return 0;
 }

@@ -6,14 +6,12 @@
 
 namespace nax::meter {
 
-static constexpr int32_t LONG_AGO = INT32_MAX;
 static constexpr float FAR_POWER = 1e-6f; // -60 dBFS: a recorded reference's noise is below
 
 void stream_init(Stream &stream, int32_t frame_size)
 {
     stream.frame_size = frame_size;
-    stream.unheard = LONG_AGO;
-    std::fill_n(stream.delay.ages, Delay::REMEMBERED, LONG_AGO);
+    stream.unheard = INT32_MAX;
     likeness_init(stream.likeness);
 }
 
@@ -40,38 +38,37 @@ float removed_db(const Stream &stream)
 // A correction shows as moves in neighbouring frames, out and back, and what has just been
 // found may be corrected: moves within half a second are one. Returns whether the delay moved
 // at all.
-static bool take_in(Delay &delay, int32_t now, bool first)
+static bool take_in(Delay &delay, int32_t samples, int32_t frame)
 {
     constexpr int32_t ONE_MOVE = 31; // frames
-    const bool moved = now != delay.now && !first;
-    delay.now = now;
-    count_frame(delay.stood);
-    count_frame(delay.since_move);
-    for (int32_t &age : delay.ages)
-        count_frame(age);
+    const bool moved = samples != delay.now && frame > 0;
+    delay.now = samples;
     if (!moved) return false;
-    delay.stood = 0;
-    if (delay.found && delay.since_move <= ONE_MOVE) return true;
-    delay.since_move = 0;
+    delay.since = frame;
+    if (delay.found && frame - delay.last <= ONE_MOVE) return true;
+    delay.last = frame;
     if (delay.found) {
-        std::copy_backward(delay.ages, delay.ages + Delay::REMEMBERED - 1,
-                           delay.ages + Delay::REMEMBERED);
-        delay.ages[0] = 0;
+        std::copy_backward(delay.moved, delay.moved + Delay::REMEMBERED - 1,
+                           delay.moved + Delay::REMEMBERED);
+        delay.moved[0] = frame;
+        delay.moves = std::min(delay.moves + 1, Delay::REMEMBERED);
     }
     delay.found = true;
     return true;
 }
 
-static int32_t moves_within(const Delay &delay, float span_s)
+static int32_t moves_within(const Stream &stream, float span_s)
 {
-    return static_cast<int32_t>(std::count_if(delay.ages, delay.ages + Delay::REMEMBERED,
-                                              [&](int32_t age) { return seconds(age) < span_s; }));
+    const int32_t *moved = stream.delay.moved;
+    return static_cast<int32_t>(
+        std::count_if(moved, moved + stream.delay.moves,
+                      [&](int32_t frame) { return seconds(stream.frames - frame) < span_s; }));
 }
 
 int32_t delay_moves(const Stream &stream)
 {
     constexpr float MINUTE_S = 60.0f;
-    return moves_within(stream.delay, MINUTE_S);
+    return moves_within(stream, MINUTE_S);
 }
 
 // Whether the microphone gave anything at all, and anything but its own noise.
@@ -114,7 +111,7 @@ void take_in(Stream &stream, const Frame &frame)
         take_in_far_end(stream, frame);
         stream.far_silent = 0;
     }
-    if (take_in(stream.delay, frame.delay, stream.frames == 0)) {
+    if (take_in(stream.delay, frame.delay, stream.frames)) {
         forget(stream.likeness); // where the echo was says nothing about where it is
         stream.far_since = 0;
     }
@@ -139,7 +136,7 @@ Evidence evidence_of(const Stream &stream)
     evidence.removing = stream.removing;
     evidence.found = stream.delay.found;
     evidence.delay_moves = delay_moves(stream);
-    evidence.delay_moves_long = moves_within(stream.delay, LONG_S);
+    evidence.delay_moves_long = moves_within(stream, LONG_S);
     evidence.likeness = stream.likeness.best;
     evidence.chance = chance(stream.likeness);
     evidence.distance = stream.likeness.distance;

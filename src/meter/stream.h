@@ -23,14 +23,14 @@ struct Removal {
     int32_t piece;
 };
 
-// Times are counts of frames.
 struct Delay {
     static constexpr int32_t REMEMBERED = 8;
-    int32_t now;              // samples
-    bool found;               // has moved once
-    int32_t stood;            // frames
-    int32_t since_move;       // frames since the last move that is not part of another
-    int32_t ages[REMEMBERED]; // frames since the last moves, latest first, the first not counted
+    int32_t now;               // samples
+    int32_t since;             // the frame from which on it has been that
+    bool found;                // has moved once
+    int32_t last;              // frame of the last move that is not part of another
+    int32_t moved[REMEMBERED]; // frames of the moves, latest first, the first of all not counted
+    int32_t moves;             // how many of them there are
 };
 
 struct Stream {

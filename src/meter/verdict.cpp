@@ -67,28 +67,21 @@ int32_t judged(const Evidence &e)
     return judged_by_echo(e);
 }
 
-void standing_init(Standing &standing)
-{
-    std::fill_n(standing.changes, Standing::REMEMBERED, INT32_MAX);
-}
-
-void settle(Standing &standing, int32_t judgement)
+void settle(Standing &standing, int32_t judgement, int32_t frames)
 {
     constexpr float SURE_S = 1.0f; // for how long a judgement must be the same
     constexpr float MINUTE_S = 60.0f;
     if (judgement == UNDECIDED) judgement = standing.verdict;
-    count_frame(standing.stood);
-    for (int32_t &change : standing.changes)
-        count_frame(change);
-    if (judgement != standing.next) standing.next_stood = 0;
+    if (judgement != standing.next) standing.next_since = frames;
     standing.next = judgement;
-    count_frame(standing.next_stood);
-    if (judgement == standing.verdict || seconds(standing.next_stood) < SURE_S) return;
+    if (judgement == standing.verdict || seconds(frames - standing.next_since) < SURE_S) return;
     // Not more often than four times a minute, whatever happens.
-    if (seconds(standing.changes[Standing::REMEMBERED - 1]) < MINUTE_S) return;
-    std::copy_backward(standing.changes, standing.changes + Standing::REMEMBERED - 1,
-                       standing.changes + Standing::REMEMBERED);
-    standing.changes[0] = standing.stood = 0;
+    const int32_t fourth = standing.changed[Standing::REMEMBERED - 1];
+    if (standing.changes == Standing::REMEMBERED && seconds(frames - fourth) < MINUTE_S) return;
+    std::copy_backward(standing.changed, standing.changed + Standing::REMEMBERED - 1,
+                       standing.changed + Standing::REMEMBERED);
+    standing.changed[0] = standing.since = frames;
+    standing.changes = std::min(standing.changes + 1, Standing::REMEMBERED);
     standing.verdict = judgement;
 }
 

@@ -30,20 +30,18 @@ struct Evidence {
 inline constexpr int32_t UNDECIDED = -1;
 int32_t judged(const Evidence &evidence);
 
-// The verdict that stands. Times are counts of frames.
+// The verdict that stands. Times are numbers of frames.
 struct Standing {
     static constexpr int32_t REMEMBERED = 4;
     int32_t verdict;
-    int32_t stood;               // for how long
+    int32_t since;               // when it began to stand
     int32_t next;                // what was judged last,
-    int32_t next_stood;          // and for how long without a break
-    int32_t changes[REMEMBERED]; // how long ago the last changes were, latest first
+    int32_t next_since;          // and since when without a break
+    int32_t changed[REMEMBERED]; // when the verdict changed, latest first
+    int32_t changes;             // how many of them there are
 };
 
-// Prepares a zero-filled record.
-void standing_init(Standing &standing);
-
-// Takes in what was judged of a frame.
-void settle(Standing &standing, int32_t judgement);
+// Takes in what was judged after so many frames.
+void settle(Standing &standing, int32_t judgement, int32_t frames);
 
 } // namespace nax::meter

@@ -14,8 +14,26 @@ TEST(Levels, PowerIsThatOfTheSamplesWithoutTheirMean)
         square[i] = static_cast<int16_t>(i % 2 == 0 ? 8192 + 4096 : 8192 - 4096);
     Channel channel = {};
     EXPECT_FLOAT_EQ(take_in(channel, square.data(), 256), 1.0f / 64);
-    EXPECT_FLOAT_EQ(channel.power, 1.0f / 64);
+    EXPECT_FLOAT_EQ(power_of(channel), 1.0f / 64);
     EXPECT_EQ(channel.largest, 8192 + 4096);
+}
+
+TEST(Levels, APowerIsTheMeanOfTheLastSecond)
+{
+    Channel channel = {};
+    EXPECT_EQ(power_of(channel), 0.0f);
+    const Samples loud = Noise(1).frame(256, 8000), silent(256);
+    for (int32_t t = 0; t < 100; t++) {
+        const float power = take_in(channel, loud.data(), 256);
+        EXPECT_NEAR(power_of(channel), power, 1e-5 * power) << t;
+    }
+    const float loudly = power_of(channel);
+    for (int32_t t = 0; t < 30; t++)
+        take_in(channel, silent.data(), 256);
+    EXPECT_NEAR(power_of(channel) / loudly, 0.5, 0.15);
+    for (int32_t t = 0; t < 34; t++)
+        take_in(channel, silent.data(), 256);
+    EXPECT_EQ(power_of(channel), 0.0f);
 }
 
 TEST(Levels, ExtremesDoNotOverflow)

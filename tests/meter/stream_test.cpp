@@ -43,7 +43,7 @@ TEST(Stream, MovesOfTheDelayAreCountedForAMinuteTheFirstAndItsCorrectionsNot)
     EXPECT_EQ(delay_moves(stream), 0);
     run(stream, 10, at(700));
     EXPECT_EQ(delay_moves(stream), 1);
-    EXPECT_NEAR(seconds(stream.delay.stood), 10, 0.05);
+    EXPECT_NEAR(seconds(stream.frames - stream.delay.since), 10, 0.05);
     run(stream, 20, at(300));
     EXPECT_EQ(delay_moves(stream), 2);
     run(stream, 35, at(300));

@@ -107,35 +107,40 @@ TEST(Verdict, OfEveryCaseIsThatOfTheTable)
     }
 }
 
-// Lets a judgement come for some seconds; returns the verdict that stands then.
-static int32_t after(Standing &standing, int32_t judgement, float span_s)
+class Settling : public testing::Test {
+protected:
+    // Lets a judgement come for some seconds; returns the verdict that stands then.
+    int32_t after(int32_t judgement, float span_s)
+    {
+        for (const int32_t end = frames_ + static_cast<int32_t>(span_s / FRAME_S); frames_ < end;)
+            settle(standing_, judgement, ++frames_);
+        return standing_.verdict;
+    }
+    float stood_s() const { return seconds(frames_ - standing_.since); }
+
+private:
+    Standing standing_ = {};
+    int32_t frames_ = 0;
+};
+
+TEST_F(Settling, ChangesWhenAJudgementLastsForASecond)
 {
-    for (int32_t frame = 0; seconds(frame) < span_s; frame++)
-        settle(standing, judgement);
-    return standing.verdict;
+    EXPECT_EQ(after(NAX_METER_CANCELLING, 0.9f), NAX_METER_SEARCHING);
+    EXPECT_EQ(after(NAX_METER_NOT_HEARD, 0.2f), NAX_METER_SEARCHING);
+    EXPECT_EQ(after(NAX_METER_CANCELLING, 0.9f), NAX_METER_SEARCHING);
+    EXPECT_EQ(after(NAX_METER_CANCELLING, 0.2f), NAX_METER_CANCELLING);
+    EXPECT_LT(stood_s(), 0.2f);
+    EXPECT_EQ(after(UNDECIDED, 5.1f), NAX_METER_CANCELLING);
+    EXPECT_GT(stood_s(), 5.0f);
 }
 
-TEST(Standing, ChangesWhenAJudgementLastsForASecond)
+TEST_F(Settling, ChangesNoMoreThanFourTimesInAnyMinute)
 {
     Standing standing = {};
-    standing_init(standing);
-    EXPECT_EQ(after(standing, NAX_METER_CANCELLING, 0.9f), NAX_METER_SEARCHING);
-    EXPECT_EQ(after(standing, NAX_METER_NOT_HEARD, 0.2f), NAX_METER_SEARCHING);
-    EXPECT_EQ(after(standing, NAX_METER_CANCELLING, 0.9f), NAX_METER_SEARCHING);
-    EXPECT_EQ(after(standing, NAX_METER_CANCELLING, 0.2f), NAX_METER_CANCELLING);
-    EXPECT_LT(seconds(standing.stood), 0.2f);
-    EXPECT_EQ(after(standing, UNDECIDED, 5.0f), NAX_METER_CANCELLING);
-    EXPECT_GT(seconds(standing.stood), 5.0f);
-}
-
-TEST(Standing, ChangesNoMoreThanFourTimesInAnyMinute)
-{
-    Standing standing = {};
-    standing_init(standing);
     int32_t last = standing.verdict, frame = 0;
     std::vector<int32_t> changes;
     for (; seconds(frame) < 300; frame++) {
-        settle(standing, 1 + frame / 80 % 2); // another one every 1.3 s
+        settle(standing, 1 + frame / 80 % 2, frame); // another one every 1.3 s
         if (standing.verdict != last) changes.push_back(frame);
         last = standing.verdict;
     }
