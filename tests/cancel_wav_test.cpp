@@ -112,6 +112,58 @@ protected:
     std::string folder;
 };
 
+TEST_F(CancelWav, ReportsEachSecondWhetherItCancels)
+{
+    write_call(make_call(16000, 6));
+    const Result result = run("--report mic.wav ref.wav out.wav");
+    ASSERT_EQ(result.status, 0) << result.err;
+    std::istringstream lines(result.out);
+    std::string line;
+    std::getline(lines, line);
+    EXPECT_NE(line.find("removed dB  delay ms  verdict"), std::string::npos) << line;
+    double time = 0, mic = 0, ref = 0, out = 0, removed = 0, delay = 0;
+    for (int second = 1; second <= 6; second++) {
+        char verdict[40] = "";
+        std::getline(lines, line);
+        ASSERT_EQ(std::sscanf(line.c_str(), "%lf %lf %lf %lf %lf %lf %39s", &time, &mic, &ref, &out,
+                              &removed, &delay, verdict),
+                  7)
+            << line;
+        EXPECT_NEAR(time, second, 0.15);
+        EXPECT_STREQ(verdict, second > 2 ? "cancelling" : verdict);
+    }
+    EXPECT_NEAR(mic, ref - 5, 5);
+    EXPECT_GT(removed, 12);
+    EXPECT_NEAR(delay, 40, 16);
+    EXPECT_NE(result.out.find(" s cancelling: the echo is being cancelled\n"), std::string::npos);
+}
+
+TEST_F(CancelWav, ChecksWhetherItCancelsAndWritesNothing)
+{
+    const Call call = make_call(16000, 8);
+    write_call(call);
+    const Samples silence(call.mic.size());
+    Samples hiss;
+    std::mt19937 random(1);
+    for (size_t t = 0; t < silence.size(); t++)
+        hiss.push_back(static_cast<int16_t>(random() % 31) - 15);
+    write_wav(folder + "silence.wav", 16000, 1, silence);
+    write_wav(folder + "hiss.wav", 16000, 1, hiss);
+    for (const auto &[files, status, name] : {std::tuple{"mic.wav ref.wav", 0, "cancelling"},
+                                              {"mic.wav silence.wav", 3, "no-reference"},
+                                              {"silence.wav ref.wav", 3, "no-microphone"},
+                                              {"mic.wav mic.wav", 3, "reference-is-microphone"},
+                                              {"hiss.wav ref.wav", 4, "not-heard"},
+                                              {"hiss.wav silence.wav", 4, "reference-silent"}}) {
+        const Result result = run(std::string("--check ") + files);
+        EXPECT_EQ(result.status, status) << files;
+        EXPECT_EQ(result.out.find(std::string(name) + ": "), 0u) << files << "\n" << result.out;
+        EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1) << result.out;
+        EXPECT_EQ(run(std::string("--quiet --check ") + files).out, "");
+    }
+    expect_failure("--check", 2, "command line: --check needs MIC.wav REF.wav or ALL.wav");
+}
+
 TEST_F(CancelWav, FindsTheDelayAndRemovesTheEchoAtEveryRate)
 {
     for (const int rate : {8000, 16000, 32000, 48000}) {

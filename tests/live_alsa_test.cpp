@@ -238,6 +238,10 @@ TEST_F(LiveAlsa, says_in_one_line_how_it_went)
     std::getline(lines, line);
     EXPECT_LT(heading.size(), 80u);
     EXPECT_LT(line.size(), 80u) << line;
+    std::getline(lines, more);
+    EXPECT_NE(more.find(" s searching: too little far end"), std::string::npos) << more;
+    std::getline(lines, more);
+    EXPECT_NE(more.find(" s cancelling: the echo is being cancelled"), std::string::npos) << more;
     EXPECT_FALSE(std::getline(lines, more)) << more;
     double time = 0, delay = 0, in = 0, out = 0, removed = 0, load = 0, peak = 0;
     long mic = 0, ref = 0, overruns = 0;
@@ -252,6 +256,7 @@ TEST_F(LiveAlsa, says_in_one_line_how_it_went)
     EXPECT_NEAR(removed, in - out, 2);
     EXPECT_EQ(mic + ref + overruns, 0) << line;
     EXPECT_GE(peak, load);
+    EXPECT_NE(line.find(" cancelling"), std::string::npos) << line;
 }
 
 TEST_F(LiveAlsa, waits_for_the_disk_where_the_device_has_no_clock)
@@ -319,9 +324,9 @@ TEST_F(LiveAlsa, stops_by_seconds_at_a_whole_frame)
 // The last line of figures, by the names of its columns.
 std::map<std::string, std::string> last_figures(const std::string &messages)
 {
-    const char *columns[] = {"time",    "delay",   "in",       "out",
-                             "removed", "clipped", "overruns", "load"};
-    const size_t end = messages.find_last_not_of('\n');
+    const char *columns[] = {"time",    "delay",    "in",   "out",    "removed",
+                             "clipped", "overruns", "load", "verdict"};
+    const size_t end = messages.rfind('+'); // of the counts of clipped samples
     std::istringstream line(messages.substr(messages.rfind('\n', end) + 1));
     std::map<std::string, std::string> figures;
     for (const char *column : columns)

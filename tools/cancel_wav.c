@@ -13,6 +13,7 @@
 
 #include "cancel_wav_source.h"
 #include "output.h"
+#include "verdicts.h"
 
 #include "nax_aec.h"
 #include "nax_aec_dump.h"
@@ -27,11 +28,13 @@
 #include <time.h>
 #include <unistd.h>
 
+enum { STATUS_ALARM = 3, STATUS_NO_ECHO = 4 }; /* of --check */
 enum { MAX_LISTED_CHANGES = 32, PATH_ROOM = 4096 };
 
 /* A reference frame above -60 dB of full scale (mean square, samples squared)
  * counts as active: room noise in a recorded reference stays below it. */
 static const double ACTIVE_MEAN_SQUARE = 32.768 * 32.768;
+static const double FRAME_S = 0.016;
 
 struct sinks {
     SNDFILE *cleaned, *echo, *refs, *input;
@@ -50,6 +53,8 @@ struct report {
     struct change change[MAX_LISTED_CHANGES];
     double mic_energy[2], cleaned_energy[2]; /* of active frames in each half of the file */
     double library_s;
+    struct verdicts verdicts;
+    nax_meter_report last, last_far_end; /* the latter: of the last frame of far end */
 };
 
 /* ---- output ------------------------------------------------------------------ */
@@ -180,6 +185,41 @@ static void note_delay(struct report *report, double time_s, int delay)
     last_delay = delay;
 }
 
+/* Takes in what the meter says of a frame. */
+static void note_verdict(struct report *report, const nax_meter_report *now)
+{
+    report->verdicts.frames[now->verdict]++;
+    if (now->far_end_s > report->last.far_end_s) report->last_far_end = *now;
+    report->last = *now;
+}
+
+static void print_second(const nax_meter_report *now, int rate)
+{
+    static bool headed;
+    if (!headed) puts("  time s  mic dBFS  ref dBFS  out dBFS  removed dB  delay ms  verdict");
+    headed = true;
+    float ref = now->ref_dbfs[0];
+    for (int r = 1; r < NAX_METER_REFS; r++)
+        ref = fmaxf(ref, now->ref_dbfs[r]);
+    printf("%8.1f %9.1f %9.1f %9.1f %11.1f %9.1f  %s\n", FRAME_S * now->frames,
+           fmaxf(now->mic_dbfs[0], now->mic_dbfs[1]), ref,
+           fmaxf(now->out_dbfs[0], now->out_dbfs[1]), now->removed_db, 1e3 * now->delay / rate,
+           nax_meter_name(now->verdict));
+}
+
+/* The verdict on the whole: the one that stood when the far end was last heard, since what
+ * comes after it says nothing about the echo. */
+static int final_verdict(const struct report *report)
+{
+    return report->last.far_end_s > 0 ? report->last_far_end.verdict : report->last.verdict;
+}
+
+static int check_status(int verdict)
+{
+    if (nax_meter_is_alarm(verdict)) return STATUS_ALARM;
+    return verdict == NAX_METER_CANCELLING ? EXIT_SUCCESS : STATUS_NO_ECHO;
+}
+
 static void print_ratio(const char *title, double mic_energy, double cleaned_energy)
 {
     if (mic_energy <= 0)
@@ -208,6 +248,8 @@ static void print_report(const struct report *report, const struct source *sourc
     printf("\n  (microphone over cleaned energy in the %ld frames with an active reference, where\n"
            "  a near-end talker counts in both%s)\n",
            report->active_frames, options->suppress ? "; before the suppression" : "");
+    puts("Verdicts:");
+    verdicts_print(&report->verdicts, stdout);
     printf("Frames: %ld of %d samples, %.3f s of audio\n", report->frames, source->frame, audio_s);
     printf("Speed: %.0f times real time\n", audio_s / fmax(report->library_s, 1e-9));
 }
@@ -287,6 +329,9 @@ static void cancel(const struct options *options, struct source *source, struct 
     int16_t *in = allocate(samples), *out = allocate(samples), *echo = allocate(samples);
     nax_aec_state *state = create_state(options, source);
     struct suppressor suppressor = create_suppressor(options, source);
+    nax_meter_state *meter = create_meter(source->rate, (int)mics, (int)source->refs,
+                                          (int)(source->refs - source->kept));
+    const long second = lrint(1 / FRAME_S); /* in frames */
 
     for (int count; (count = read_frame(source, in)) > 0; report->frames++) {
         const double time_s = (double)report->frames * source->frame / source->rate;
@@ -296,6 +341,11 @@ static void cancel(const struct options *options, struct source *source, struct 
         const int delay = nax_aec_byte(state, &audio, out, echo, (int32_t)(samples * sizeof *in),
                                        NAX_AEC_HOST_ENDIAN);
         report->library_s += now_s() - start_s;
+        nax_meter_report now;
+        nax_meter_short(meter, (const int16_t *)(const void *)audio, out, delay);
+        nax_meter_read(meter, &now);
+        note_verdict(report, &now);
+        if (options->report && (report->frames + 1) % second == 0) print_second(&now, source->rate);
 
         if (suppressor.state)
             write_suppressed(&suppressor, options, sinks, source, out, echo, count);
@@ -314,6 +364,7 @@ static void cancel(const struct options *options, struct source *source, struct 
         memset(echo, 0, samples * sizeof *echo);
         write_suppressed(&suppressor, options, sinks, source, out, echo, 0);
     }
+    nax_meter_state_destroy(meter);
     nax_res_state_destroy(suppressor.state);
     free(suppressor.out);
     nax_aec_state_destroy(state);
@@ -333,7 +384,10 @@ int main(int argc, char **argv)
     cancel(&options, &source, &sinks, &report);
     close_sinks(&sinks, &options);
     close_source(&source, options.quiet);
-    if (!options.quiet) print_report(&report, &source, &options);
+    const int verdict = final_verdict(&report);
+    if (options.check && !options.quiet)
+        printf("%s: %s\n", nax_meter_name(verdict), nax_meter_text(verdict));
+    if (!options.check && !options.quiet) print_report(&report, &source, &options);
     finish_stdout();
-    return EXIT_SUCCESS;
+    return options.check ? check_status(verdict) : EXIT_SUCCESS;
 }

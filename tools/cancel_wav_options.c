@@ -13,6 +13,8 @@ const char PROGRAM[] = "cancel_wav";
 const char USAGE[] =
     "Usage: cancel_wav [OPTION]... MIC REF OUT.wav\n"
     "  or:  cancel_wav [OPTION]... ALL OUT.wav\n"
+    "  or:  cancel_wav --check [OPTION]... MIC REF\n"
+    "  or:  cancel_wav --check [OPTION]... ALL\n"
     "Removes the echo of the reference from the microphones and writes the cleaned\n"
     "microphones to OUT.wav. MIC and REF, or ALL with microphones and references in one\n"
     "file, are sound files of any format and rate that libsndfile reads; results are\n"
@@ -28,6 +30,11 @@ const char USAGE[] =
     "  --remap A[,B]          channels, from 0, that are the microphones: array_list\n" USAGE_DELAY
     "Echo left:\n"
     "  --suppress             suppresses what the canceller leaves in OUT.wav\n"
+    "Does it cancel:\n"
+    "  --report               prints levels, echo removed and the verdict each second\n"
+    "  --check                writes no OUT.wav; prints the verdict in one line and makes it\n"
+    "                         the exit status. The recording should hold ten seconds of far\n"
+    "                         end\n"
     "More results:\n"
     "  --echo FILE            the echo that was taken out, a channel per microphone (WAV)\n"
     "  --refs FILE            the references as aligned (WAV)\n"
@@ -37,7 +44,8 @@ const char USAGE[] =
     "  --quiet                no progress, no notes and no figures\n"
     "  --help, --version      print this text or the version\n"
     "\n"
-    "Exit status: 0 success, 1 a file is unusable, 2 the command line is.\n";
+    "Exit status: 0 success, 1 a file is unusable, 2 the command line is. With --check:\n"
+    "0 it cancels, 3 the verdict is an alarm, 4 there was no echo to judge by.\n";
 
 /* Reads numbers between commas, of which the last ends the text. Returns how many. */
 static int parse_list(const char *text, int *number, int most)
@@ -74,7 +82,9 @@ static void check(const struct options *options)
 {
     const struct words *words = &options->words;
     if (options->in_count < 1 || options->in_count > 2)
-        fail(STATUS_USAGE, "command line", "needs MIC.wav REF.wav OUT.wav or ALL.wav OUT.wav");
+        fail(STATUS_USAGE, "command line",
+             options->check ? "--check needs MIC.wav REF.wav or ALL.wav"
+                            : "needs MIC.wav REF.wav OUT.wav or ALL.wav OUT.wav");
     if (options->picked.mics > 0 &&
         (words->order != NOT_GIVEN || words->mics != NOT_GIVEN || words->remap_count > 0))
         fail(STATUS_USAGE, "--channels", "says what --order, --mics and --remap say");
@@ -93,17 +103,19 @@ struct options cancel_wav_options(int argc, char **argv)
                                       {"channels", TEXT, &channels, 0, 0},
                                       {"delays", TEXT, &options.delays, 0, 0},
                                       {"dump", TEXT, &options.dump, 0, 0},
+                                      {"report", FLAG, &options.report, 0, 0},
+                                      {"check", FLAG, &options.check, 0, 0},
                                       {"quiet", FLAG, &options.quiet, 0, 0},
                                       {"suppress", FLAG, &options.suppress, 0, 0},
                                       {NULL, FLAG, NULL, 0, 0}};
     struct words *words = &options.words;
     const int first = parse_options(words, MAX_REFS, own, argc, argv);
     if (channels) options.picked = parse_channels(channels);
-    options.in_count = argc - first - 1;
+    options.in_count = argc - first - !options.check;
     check(&options);
     for (int i = 0; i < options.in_count; i++)
         options.in[i] = argv[first + i];
-    options.out = argv[argc - 1];
+    if (!options.check) options.out = argv[argc - 1];
     if (words->order == NOT_GIVEN) words->order = MICS_FIRST;
     if (words->mics == NOT_GIVEN) words->mics = 1;
     return options;

@@ -20,10 +20,11 @@ struct picked {
 struct options {
     const char *in[2]; /* MIC and REF, or ALL */
     int in_count;
-    const char *out, *echo, *refs, *input, *delays, *dump;
+    const char *out; /* null with --check */
+    const char *echo, *refs, *input, *delays, *dump;
     struct words words;
     struct picked picked;
-    bool suppress, quiet;
+    bool suppress, report, check, quiet;
 };
 
 /* Returns the options, checked as far as that is possible without the files. Does not

@@ -40,6 +40,7 @@ struct session {
     struct ring reports;   /* of struct report */
     struct report pending; /* what did not fit there yet; the audio thread's own */
     nax_aec_state *state;
+    nax_meter_state *meter;
     nax_res_state *suppressor; /* null without --suppress */
     int16_t *suppressed;       /* a frame of the microphones */
     pthread_t main_thread;
@@ -92,6 +93,10 @@ static void process(struct session *session, int16_t *slot, struct report *repor
 
     const double start_s = now_s();
     report->delay = cancel(session, slot, &audio);
+    nax_meter_report now;
+    nax_meter_short(session->meter, audio, out, report->delay);
+    nax_meter_read(session->meter, &now);
+    report_verdict(report, now.verdict);
     if (session->suppressor) suppress(session, out);
     report_time(report, now_s() - start_s);
     report_frame(report, audio, out, options->words.mics, options->refs - options->words.drop,
@@ -218,6 +223,8 @@ static void open_session(struct session *session)
     playback_open(&session->playback, options, session->frame);
     recorder_open(&session->recorder, options, session->frame);
     session->state = create_state(options);
+    session->meter =
+        create_meter(options->rate, options->words.mics, options->refs, options->words.drop);
     if (options->suppress) create_suppressor(session);
     /* The first call allocates a buffer, which is no work for the audio thread: a frame
      * of silence goes ahead of the capture. */
@@ -279,6 +286,7 @@ int main(int argc, char **argv)
     playback_close(&session.playback);
     const bool recorded = recorder_close(&session.recorder);
     nax_aec_state_destroy(session.state);
+    nax_meter_state_destroy(session.meter);
     nax_res_state_destroy(session.suppressor);
     free(session.suppressed);
     ring_destroy(&session.reports);

@@ -52,9 +52,19 @@ void report_time(struct report *report, double busy_s)
     report->peak_busy_s = fmax(report->peak_busy_s, busy_s);
 }
 
+void report_verdict(struct report *report, int verdict)
+{
+    report->verdict = verdict;
+    report->verdicts.frames[verdict]++;
+}
+
 void report_add(struct report *sum, const struct report *more)
 {
-    if (more->frames > 0) sum->delay = more->delay;
+    if (more->frames > 0) {
+        sum->delay = more->delay;
+        sum->verdict = more->verdict;
+    }
+    verdicts_add(&sum->verdicts, &more->verdicts);
     sum->frames += more->frames;
     sum->samples += more->samples;
     sum->mic_energy += more->mic_energy;
@@ -80,8 +90,7 @@ void report_heading(void)
 {
     static bool shown;
     if (!shown)
-        fputs("  time s  delay ms  in dBFS  out dBFS  removed dB  clipped  overruns    load %\n",
-              stderr);
+        fputs(" time s   ms in dBFS    out removed clipped overruns    load % verdict\n", stderr);
     shown = true;
 }
 
@@ -96,10 +105,11 @@ void report_status(const struct report *recent, const struct report *total, int 
     const double frames = recent->frames > 0 ? (double)recent->frames : 1;
     snprintf(load, sizeof load, "%.1f/%.1f", 100 * recent->busy_s / frames / FRAME_S,
              100 * recent->peak_busy_s / FRAME_S);
-    fprintf(stderr, "%8.1f %9.1f %8.1f %9.1f %11s %8s %9ld %9s%s", (double)total->frames * FRAME_S,
-            1e3 * total->delay / rate, dbfs(recent->mic_energy, recent->samples),
+    fprintf(stderr, "%7.1f %5.1f %7.1f %6.1f %6s %7s %8ld %9s %-16.16s%s",
+            (double)total->frames * FRAME_S, 1e3 * total->delay / rate,
+            dbfs(recent->mic_energy, recent->samples),
             dbfs(recent->cleaned_energy, recent->samples), removed, clipped, total->overruns, load,
-            ending);
+            nax_meter_name(total->verdict), ending);
 }
 
 void report_summary(const struct report *total, int rate)
@@ -112,4 +122,5 @@ void report_summary(const struct report *total, int rate)
         fprintf(stderr,
                 "live_alsa: %ld frame(s) came while the disk was behind and are not written\n",
                 total->unwritten);
+    verdicts_print(&total->verdicts, stderr);
 }

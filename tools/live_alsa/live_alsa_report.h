@@ -6,6 +6,8 @@
 #ifndef LIVE_ALSA_REPORT_H
 #define LIVE_ALSA_REPORT_H
 
+#include "verdicts.h"
+
 #include <stdint.h>
 
 /* Sums over some frames; those of several reports add up. */
@@ -17,6 +19,8 @@ struct report {
     long clipped_mic, clipped_ref;                   /* samples at full scale */
     long overruns, play_slips, unwritten;            /* unwritten: frames that the disk missed */
     double busy_s, peak_busy_s;                      /* spent in the library */
+    int verdict;                                     /* of the last frame */
+    struct verdicts verdicts;
 };
 
 /* Adds a frame of samples of mics + kept and mics + refs channels, microphones first. */
@@ -24,6 +28,8 @@ void report_frame(struct report *report, const int16_t *processed, const int16_t
                   int kept, int refs, int frame);
 void report_time(struct report *report, double busy_s);
 void report_add(struct report *sum, const struct report *more);
+
+void report_verdict(struct report *report, int verdict);
 
 /* Writes, the first time, what the columns of the status line are. */
 void report_heading(void);
@@ -33,7 +39,7 @@ void report_heading(void);
 void report_status(const struct report *recent, const struct report *total, int rate,
                    const char *ending);
 
-/* The last status line, over all, and what was lost on the way. */
+/* The last status line, over all, what was lost on the way, and how long each verdict stood. */
 void report_summary(const struct report *total, int rate);
 
 #endif
