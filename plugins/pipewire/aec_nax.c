@@ -29,7 +29,6 @@ struct plugin {
     struct settings settings;
     struct framer *framer;
     bool busy; /* a thread uses the framer: the data thread or, in activate, the main thread */
-    int delay; /* of the last frame, in samples: written by the data thread, read by another */
 };
 
 /* ---- the data thread ------------------------------------------------------------ */
@@ -91,7 +90,6 @@ static int run(void *object, const float *rec[], const float *play[], float *out
         hand_out(framer, out, done, count);
         framer_advance(framer, count);
     }
-    __atomic_store_n(&plugin->delay, framer->delay, __ATOMIC_RELAXED);
     end_use(plugin);
     return 0;
 }
@@ -179,35 +177,48 @@ static int add_listener(void *object, struct spa_hook *listener,
 }
 
 #if SPA_VERSION_AUDIO_AEC_METHODS >= 2
-static const char APPLIED_DELAY[] = "nax.applied-delay";
+static const char APPLIED_DELAY[] = "nax.applied-delay", STATUS[] = "nax.status";
 
-/* Both return how many there are when they are given no builder. */
+/* Both return how many parameters there are when they are given no builder. */
 static int enum_props(void *object, int index, struct spa_pod_builder *builder)
 {
     (void)object;
-    if (!builder) return 1;
-    if (index != 0) return -EINVAL;
-    spa_pod_builder_add_object(
-        builder, SPA_TYPE_OBJECT_PropInfo, SPA_PARAM_PropInfo, SPA_PROP_INFO_name,
-        SPA_POD_String(APPLIED_DELAY), SPA_PROP_INFO_description,
-        SPA_POD_String("Samples that the reference is held back"), SPA_PROP_INFO_type,
-        SPA_POD_CHOICE_RANGE_Int(0, 0, MAX_DELAY), SPA_PROP_INFO_params, SPA_POD_Bool(true));
+    if (!builder) return 2;
+    if (index == 0)
+        spa_pod_builder_add_object(
+            builder, SPA_TYPE_OBJECT_PropInfo, SPA_PARAM_PropInfo, SPA_PROP_INFO_name,
+            SPA_POD_String(APPLIED_DELAY), SPA_PROP_INFO_description,
+            SPA_POD_String("Samples that the reference is held back"), SPA_PROP_INFO_type,
+            SPA_POD_CHOICE_RANGE_Int(0, 0, MAX_DELAY), SPA_PROP_INFO_params, SPA_POD_Bool(true));
+    else if (index == 1)
+        spa_pod_builder_add_object(
+            builder, SPA_TYPE_OBJECT_PropInfo, SPA_PARAM_PropInfo, SPA_PROP_INFO_name,
+            SPA_POD_String(STATUS), SPA_PROP_INFO_description,
+            SPA_POD_String("Whether the echo is cancelled, or why not"), SPA_PROP_INFO_type,
+            SPA_POD_String(nax_meter_name(NAX_METER_SEARCHING)), SPA_PROP_INFO_params,
+            SPA_POD_Bool(true));
+    else
+        return -EINVAL;
     return 0;
 }
 
 static int get_params(void *object, struct spa_pod_builder *builder)
 {
-    struct plugin *plugin = object;
-    if (!builder) return 1;
+    const struct plugin *plugin = object;
+    nax_meter_report report = {.verdict = NAX_METER_SEARCHING};
+    if (!builder) return 2;
+    if (plugin->framer) nax_meter_read(plugin->framer->meter, &report);
     spa_pod_builder_string(builder, APPLIED_DELAY);
-    spa_pod_builder_int(builder, __atomic_load_n(&plugin->delay, __ATOMIC_RELAXED));
+    spa_pod_builder_int(builder, report.delay);
+    spa_pod_builder_string(builder, STATUS);
+    spa_pod_builder_string(builder, nax_meter_name(report.verdict));
     return 0;
 }
 
 static int set_params(void *object, const struct spa_pod *params)
 {
     (void)object, (void)params;
-    return 0; /* the delay is not for others to set */
+    return 0; /* both are read-only */
 }
 #endif
 

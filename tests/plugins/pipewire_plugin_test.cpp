@@ -271,30 +271,38 @@ TEST_F(PipeWirePlugin, TakesAsManyReferencesAsArePlayedBesideOneMicrophone)
 }
 #endif
 
-TEST_F(PipeWirePlugin, TellsTheAppliedDelay)
+TEST_F(PipeWirePlugin, TellsTheAppliedDelayAndTheMetersVerdict)
 {
-    const Recording recording = make_recording(16000, 1, 1);
     ASSERT_EQ(set_up(16000, 1, {}), 0);
-    run(recording, {1024});
-    EXPECT_EQ(spa_audio_aec_enum_props(aec, 0, nullptr), 1);
-    ASSERT_EQ(spa_audio_aec_get_params(aec, nullptr), 1);
+    run(make_recording(16000, 1, 1, 6.0), {1024});
+    EXPECT_EQ(spa_audio_aec_enum_props(aec, 0, nullptr), 2);
+    ASSERT_EQ(spa_audio_aec_get_params(aec, nullptr), 2);
 
     char room[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(room, sizeof room);
+    for (int index = 0; index < 2; index++)
+        EXPECT_EQ(spa_audio_aec_enum_props(aec, index, &builder), 0);
+    EXPECT_EQ(spa_audio_aec_enum_props(aec, 2, &builder), -EINVAL);
+
+    builder = SPA_POD_BUILDER_INIT(room, sizeof room);
     spa_pod_frame frame;
     spa_pod_builder_push_struct(&builder, &frame);
     spa_audio_aec_get_params(aec, &builder);
     const auto *pod = static_cast<const spa_pod *>(spa_pod_builder_pop(&builder, &frame));
     spa_pod_parser parser;
     spa_pod_parser_pod(&parser, pod);
-    const char *name = nullptr;
+    const char *names[2] = {}, *status = nullptr;
     int delay = 0;
     ASSERT_GE(spa_pod_parser_push_struct(&parser, &frame), 0);
-    ASSERT_GE(spa_pod_parser_get_string(&parser, &name), 0);
+    ASSERT_GE(spa_pod_parser_get_string(&parser, &names[0]), 0);
     ASSERT_GE(spa_pod_parser_get_int(&parser, &delay), 0);
-    EXPECT_STREQ(name, "nax.applied-delay");
+    ASSERT_GE(spa_pod_parser_get_string(&parser, &names[1]), 0);
+    ASSERT_GE(spa_pod_parser_get_string(&parser, &status), 0);
+    EXPECT_STREQ(names[0], "nax.applied-delay");
+    EXPECT_STREQ(names[1], "nax.status");
     EXPECT_GT(delay, 320); // the echo is 640 samples late and a little more
     EXPECT_LE(delay, 640);
+    EXPECT_STREQ(status, "cancelling");
 }
 
 } // namespace
