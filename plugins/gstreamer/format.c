@@ -153,7 +153,7 @@ void format_set_up(NaxAec *self, const struct settings *wanted)
     format->framer = NULL;
     format->settings = *wanted;
     format->lag = 0;
-    if (wanted->refs == 0) return properties_tell(self, NULL);
+    if (wanted->refs == 0) return properties_tell(self, &NO_REPORT);
     const char *fault = wanted->mics < 1 || wanted->mics > MAX_MICS
                             ? "there must be 1 or 2 microphones beside the references"
                             : settings_check(wanted);

@@ -34,6 +34,7 @@ static void nax_aec_element_init(NaxAec *self)
     GstPadTemplate *template =
         gst_element_class_get_pad_template(GST_ELEMENT_GET_CLASS(self), "sink");
     self->properties.settings = DEFAULT_SETTINGS;
+    self->properties.report = NO_REPORT;
     g_cond_init(&self->pads.gathered);
     self->mic = GST_PAD(pads_create(template, "sink"));
     gst_element_add_pad(GST_ELEMENT(self), self->mic);
@@ -114,7 +115,7 @@ static gboolean stop(GstAggregator *aggregator)
     NaxAec *self = NAX_AEC_ELEMENT(aggregator);
     gst_element_foreach_sink_pad(GST_ELEMENT(self), forget_format, NULL);
     format_clear(self);
-    properties_tell(self, NULL);
+    properties_tell(self, &NO_REPORT);
     return PARENT(AGGREGATOR)->stop(aggregator);
 }
 

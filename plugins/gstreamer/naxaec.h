@@ -39,9 +39,11 @@ struct properties {
     gint refs;                                /* references among the microphones' channels */
     gchar *probe;                             /* name, or null */
     gboolean settings_changed, probe_changed; /* since they were taken */
-    gint applied_delay;
-    gdouble echo_removed;
+    nax_meter_report report;                  /* of the last frame, or NO_REPORT */
 };
+
+/* Without a canceller. */
+extern const nax_meter_report NO_REPORT;
 
 /* pads.c. Any thread, under the object lock. */
 struct pads {
@@ -116,8 +118,8 @@ NaxEchoProbe *properties_find_probe(NaxAec *self, gint rate);
 
 gint properties_refs(NaxAec *self);
 
-/* Sets the read-only ones; null: there is no canceller. Notifies of an applied delay that
- * changed. */
+/* Sets the read-only ones. Notifies of a delay and a verdict that changed, and posts the
+ * message of the verdict. */
 void properties_tell(NaxAec *self, const nax_meter_report *report);
 
 /* ---- pads.c ---------------------------------------------------------------------- */

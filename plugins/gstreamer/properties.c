@@ -16,9 +16,13 @@ enum {
     PROPERTY_SUPPRESS,
     PROPERTY_APPLIED_DELAY,
     PROPERTY_ECHO_REMOVED,
+    PROPERTY_STATUS,
+    PROPERTY_STATS,
     PROPERTIES
 };
 static GParamSpec *specs[PROPERTIES];
+
+const nax_meter_report NO_REPORT = {.verdict = -1};
 
 enum { MICS_FIRST, REFS_FIRST };
 
@@ -75,6 +79,15 @@ void properties_install(GObjectClass *object)
         "Energy of the microphones over that of the canceller's output, in dB, over the last two "
         "seconds in which something was played; not notified",
         -200, 200, 0, read);
+    specs[PROPERTY_STATUS] = g_param_spec_string(
+        "status", "Status",
+        "Whether the echo is cancelled, or why not: one of the meter's verdicts; null where there "
+        "is "
+        "no reference; notified when it changes, and told in the element message naxaec-status",
+        NULL, read);
+    specs[PROPERTY_STATS] = g_param_spec_boxed(
+        "stats", "Stats", "The meter's report: status, levels, clipping, echo removed, delay",
+        GST_TYPE_STRUCTURE, read);
     g_object_class_install_properties(object, PROPERTIES, specs);
     gst_type_mark_as_plugin_api(order_type(), 0);
 }
@@ -160,11 +173,35 @@ static void get_remap(const struct settings *settings, GValue *value)
     g_value_set_string(value, text);
 }
 
+static gfloat loudest(const gfloat dbfs[NAX_METER_REFS])
+{
+    gfloat most = dbfs[0];
+    for (gsize r = 1; r < NAX_METER_REFS; r++)
+        most = MAX(most, dbfs[r]);
+    return most;
+}
+
+static GstStructure *stats_of(const nax_meter_report *report)
+{
+    return gst_structure_new(
+        "naxaec-stats", "status", G_TYPE_STRING, nax_meter_name(report->verdict), "status-seconds",
+        G_TYPE_DOUBLE, (gdouble)report->verdict_s, "far-end-seconds", G_TYPE_DOUBLE,
+        (gdouble)report->far_end_s, "microphone-dbfs", G_TYPE_DOUBLE,
+        (gdouble)MAX(report->mic_dbfs[0], report->mic_dbfs[1]), "output-dbfs", G_TYPE_DOUBLE,
+        (gdouble)MAX(report->out_dbfs[0], report->out_dbfs[1]), "reference-dbfs", G_TYPE_DOUBLE,
+        (gdouble)loudest(report->ref_dbfs), "microphone-clipped", G_TYPE_DOUBLE,
+        (gdouble)report->mic_clipped, "reference-clipped", G_TYPE_DOUBLE,
+        (gdouble)report->ref_clipped, "echo-removed", G_TYPE_DOUBLE, (gdouble)report->removed_db,
+        "applied-delay", G_TYPE_INT, report->delay, "delay-seconds", G_TYPE_DOUBLE,
+        (gdouble)report->delay_s, "delay-moves", G_TYPE_INT, report->delay_moves, NULL);
+}
+
 void properties_get(GObject *object, guint id, GValue *value, GParamSpec *spec)
 {
     NaxAec *self = NAX_AEC_ELEMENT(object);
     const struct properties *properties = &self->properties;
     const struct settings *settings = &properties->settings;
+    const nax_meter_report *report = &properties->report;
     GST_OBJECT_LOCK(self);
     switch (id) {
     case PROPERTY_PROBE: g_value_set_string(value, properties->probe); break;
@@ -177,8 +214,10 @@ void properties_get(GObject *object, guint id, GValue *value, GParamSpec *spec)
     case PROPERTY_DELAY_ESTIMATION: g_value_set_boolean(value, settings->delay_estimation); break;
     case PROPERTY_SUPPRESS: g_value_set_boolean(value, settings->suppress); break;
     case PROPERTY_REMAP: get_remap(settings, value); break;
-    case PROPERTY_APPLIED_DELAY: g_value_set_int(value, properties->applied_delay); break;
-    case PROPERTY_ECHO_REMOVED: g_value_set_double(value, properties->echo_removed); break;
+    case PROPERTY_APPLIED_DELAY: g_value_set_int(value, report->delay); break;
+    case PROPERTY_ECHO_REMOVED: g_value_set_double(value, (gdouble)report->removed_db); break;
+    case PROPERTY_STATUS: g_value_set_static_string(value, nax_meter_name(report->verdict)); break;
+    case PROPERTY_STATS: g_value_take_boxed(value, stats_of(report)); break;
     default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
     }
     GST_OBJECT_UNLOCK(self);
@@ -221,14 +260,23 @@ gint properties_refs(NaxAec *self)
     return refs;
 }
 
+static void post_status(NaxAec *self, gint verdict)
+{
+    GstStructure *status = gst_structure_new(
+        "naxaec-status", "status", G_TYPE_STRING, nax_meter_name(verdict), "text", G_TYPE_STRING,
+        nax_meter_text(verdict), "alarm", G_TYPE_BOOLEAN, nax_meter_is_alarm(verdict) == 1, NULL);
+    gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), status));
+}
+
 void properties_tell(NaxAec *self, const nax_meter_report *report)
 {
-    struct properties *properties = &self->properties;
-    const gint delay = report ? report->delay : 0;
     GST_OBJECT_LOCK(self);
-    const gboolean moved = properties->applied_delay != delay;
-    properties->applied_delay = delay;
-    properties->echo_removed = report ? (gdouble)report->removed_db : 0;
+    const nax_meter_report before = self->properties.report;
+    self->properties.report = *report;
     GST_OBJECT_UNLOCK(self);
-    if (moved) g_object_notify_by_pspec(G_OBJECT(self), specs[PROPERTY_APPLIED_DELAY]);
+    if (report->delay != before.delay)
+        g_object_notify_by_pspec(G_OBJECT(self), specs[PROPERTY_APPLIED_DELAY]);
+    if (report->verdict == before.verdict) return;
+    g_object_notify_by_pspec(G_OBJECT(self), specs[PROPERTY_STATUS]);
+    if (report->verdict >= 0) post_status(self, report->verdict);
 }

@@ -62,7 +62,7 @@ TEST_F(GStreamerPlugin, GivesTheBytesOfCancelWavSuppressedFromBothWirings)
 TEST_F(GStreamerPlugin, EndsLikeCancelWavSuppressedWithinAFrameAndBetweenFramesWhileItPlays)
 {
     const Recording whole = make_recording(RATE, 1, 1, 3.0);
-    for (const size_t instants : {80 * 768, 80 * 768 + 100, 100 * 768 + 700}) {
+    for (const size_t instants : {80 * 768u, 80 * 768u + 100, 100 * 768u + 700}) {
         Recording recording = whole;
         recording.samples.resize(2 * instants);
         write_raw(folder + "/all.raw", recording.samples);
@@ -124,6 +124,53 @@ TEST_F(GStreamerPlugin, TellsDelayAndEchoRemovedAndNotifiesOfChanges)
     EXPECT_GT(removed, 3.0);
     gst_harness_teardown(ref);
     gst_harness_teardown(mic);
+}
+
+TEST_F(GStreamerPlugin, TellsTheMetersVerdictByPropertiesAndByAMessageWhenItChanges)
+{
+    Harnessed aec;
+    GstBus *bus = gst_bus_new();
+    gst_element_set_bus(aec.mic->element, bus);
+    g_object_set(aec.mic->element, "refs", 1, nullptr);
+    Harnessed::set_format(aec.mic, 16000, 2);
+    int notified = 0;
+    g_signal_connect(aec.mic->element, "notify::status",
+                     G_CALLBACK(+[](GObject *, GParamSpec *, int *count) { ++*count; }), &notified);
+    gchar *before = nullptr;
+    g_object_get(aec.mic->element, "status", &before, nullptr);
+    EXPECT_EQ(before, nullptr);
+    Samples dead = Noise(1).frame(2 * 16000 * 6, 6000); // a reference beside a dead microphone
+    for (size_t i = 0; i < dead.size(); i += 2)
+        dead[i] = 0;
+    standard_error_of([&] {
+        Harnessed::push(aec.mic, dead, 0);
+        for (int frame = 0; frame < 6 * 16000 / 256; frame++)
+            aec.pull();
+    });
+    std::string said, alarms;
+    while (GstMessage *message = gst_bus_pop_filtered(bus, GST_MESSAGE_ELEMENT)) {
+        const GstStructure *status = gst_message_get_structure(message);
+        EXPECT_TRUE(gst_structure_has_name(status, "naxaec-status"));
+        gboolean alarm = FALSE;
+        EXPECT_TRUE(gst_structure_get_boolean(status, "alarm", &alarm));
+        EXPECT_TRUE(gst_structure_get_string(status, "text"));
+        said += std::string(gst_structure_get_string(status, "status")) + (alarm ? "! " : " ");
+        gst_message_unref(message);
+    }
+    EXPECT_EQ(said, "searching no-microphone! ");
+    EXPECT_EQ(notified, 2);
+    gchar *status = nullptr;
+    GstStructure *stats = nullptr;
+    g_object_get(aec.mic->element, "status", &status, "stats", &stats, nullptr);
+    EXPECT_STREQ(status, "no-microphone");
+    EXPECT_STREQ(gst_structure_get_string(stats, "status"), "no-microphone");
+    double reference = 0;
+    EXPECT_TRUE(gst_structure_get_double(stats, "reference-dbfs", &reference));
+    EXPECT_NEAR(reference, -19.5, 1); // uniform noise of 6000 steps
+    g_free(status);
+    gst_structure_free(stats);
+    gst_element_set_bus(aec.mic->element, nullptr);
+    gst_object_unref(bus);
 }
 
 } // namespace
