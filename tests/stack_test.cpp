@@ -1,5 +1,6 @@
 // The stack that the per-frame calls need, libspeexdsp's and kissfft's part included, on the
 // smallest thread that the system allows: 16 KiB on x86-64 and 32-bit ARM.
+#include "nax_meter.h"
 #include "nax_res.h"
 
 #include "signals.h"
@@ -32,6 +33,7 @@ struct Call {
     Samples frames; // interleaved, one frame after the other
     nax_aec_state *state;
     nax_res_state *suppressor;
+    nax_meter_state *meter;
     uint8_t *stack;
     size_t before; // bytes of stack in use before the first frame
 };
@@ -53,7 +55,9 @@ static void *run(void *argument)
     for (size_t at = 0; at + static_cast<size_t>(samples) <= call.frames.size();
          at += static_cast<size_t>(samples)) {
         uint8_t *audio = reinterpret_cast<uint8_t *>(call.frames.data() + at);
-        nax_aec_byte(call.state, &audio, out.data(), echo.data(), 2 * samples, 2);
+        const int32_t delay =
+            nax_aec_byte(call.state, &audio, out.data(), echo.data(), 2 * samples, 2);
+        nax_meter_short(call.meter, reinterpret_cast<int16_t *>(audio), out.data(), delay);
         nax_res_short(call.suppressor, out.data(), echo.data(), suppressed.data());
     }
     return nullptr;
@@ -63,10 +67,11 @@ static void *run(void *argument)
 static size_t stack_of_frames(int32_t rate, int32_t channels)
 {
     const nax_aec_param param = Words{.pos = 0, .model_aec_en = 1};
-    Call call = {rate, channels, {}, nullptr, nullptr, nullptr, 0};
+    Call call = {rate, channels, {}, nullptr, nullptr, nullptr, nullptr, 0};
     standard_error_of(
         [&] { call.state = nax_aec_state_init(rate, 16, channels, channels, &param); });
     call.suppressor = nax_res_state_init(rate, channels, channels);
+    call.meter = nax_meter_state_init(rate, channels, channels);
     Speech far(rate, 3);
     EchoPath path(rate / 50, room_response(rate, 2));
     call.frames.resize(static_cast<size_t>(rate * 2 * channels)); // 1 s: the echo is found
@@ -90,6 +95,7 @@ static size_t stack_of_frames(int32_t rate, int32_t channels)
     const size_t frames = used(call.stack) - call.before;
     munmap(call.stack, STACK);
     nax_res_state_destroy(call.suppressor);
+    nax_meter_state_destroy(call.meter);
     nax_aec_state_destroy(call.state);
     return frames;
 }

@@ -3,6 +3,7 @@
 
 #include "signals.h"
 
+#include <fstream>
 #include <set>
 
 struct ReleaseMeter {
@@ -67,6 +68,24 @@ TEST(MeterTexts, AreThereForEveryVerdictAndDiffer)
         EXPECT_EQ(nax_meter_text(other), nullptr);
         EXPECT_EQ(nax_meter_is_alarm(other), 0);
     }
+}
+
+// A page with a heading of name and text, a cause and a cure for each verdict, in their order.
+TEST(MeterTexts, AreTheHeadingsOfThePageThatExplainsThem)
+{
+    std::ifstream file(TROUBLESHOOTING);
+    const std::string page{std::istreambuf_iterator<char>(file), {}};
+    size_t at = 0;
+    for (int32_t verdict = 0; verdict < NAX_METER_VERDICTS; verdict++) {
+        const std::string heading =
+            std::string("\n### ") + nax_meter_name(verdict) + ": " + nax_meter_text(verdict) + "\n";
+        at = page.find(heading, at);
+        ASSERT_NE(at, std::string::npos) << heading;
+        const std::string below = page.substr(at, page.find("\n##", at + 1) - at);
+        EXPECT_NE(below.find("\n\nCause: "), std::string::npos) << heading;
+        EXPECT_NE(below.find("\n\nCure: "), std::string::npos) << heading;
+    }
+    EXPECT_EQ(page.find("\n### ", at + 5), std::string::npos) << "a verdict that is none";
 }
 
 // Levels by channel: 2 microphones, 3 references, the last of them dropped.
