@@ -41,7 +41,7 @@ def load_program():
 
 
 program = load_program()
-from diagnosis import channel, files, findings, linear, measure                      # noqa: E402
+from diagnosis import channel, files, findings, linear, measure, page                      # noqa: E402
 
 
 @functools.lru_cache(maxsize=None)
@@ -385,6 +385,12 @@ class Library(unittest.TestCase):
         self.assertLessEqual(m.run.delays[-1], DELAY)
         self.assertGreater(m.run.delays[-1], DELAY - 512)
         self.assertGreater(m.run.removed[1], 15)
+
+    def test_the_meters_verdict_is_told_in_its_own_words(self):
+        self.assertEqual(standard().run.verdict, "cancelling: the echo is being cancelled")
+        m = measured(call(seconds=8, late=16000))
+        self.assertEqual(m.run.verdict, "not-cancelling: the echo is there and is not cancelled")
+        self.assertIn(f"\nMeter:    {m.run.verdict}.\n", page.page(m, []))
 
     def test_a_base_delay_is_advised_that_the_library_keeps(self):
         run = standard().advised

@@ -22,6 +22,7 @@ class Run:
     delays: np.ndarray          # applied, samples a frame
     removed: tuple              # dB while a reference is active: in the second half; over the best WINDOW_S
     trial_db: float = 0.0       # dB in the second half of the first TRIAL_S
+    verdict: str = ""           # the meter's name and text for it when the far end was last heard
 
 
 def reach(rate):
@@ -78,12 +79,20 @@ def run(rate, mics, refs, delay_len=0):
     y, x = np.stack(mics, 1), np.stack(refs, 1)
     with _quiet():
         canceller = nax_aec.Canceller(rate, len(mics), len(refs), delay_len=delay_len)
+    piece = 16 * canceller.frame_size           # a quarter of a second
+    parts, far_end_s, verdict = [], 0.0, ""
     with canceller:
         whole = len(y) // canceller.frame_size * canceller.frame_size
-        cleaned, _, _, delays = canceller.process(y[:whole], x[:whole])
+        for at in range(0, whole, piece):
+            parts.append(canceller.process(y[at:min(at + piece, whole)], x[at:min(at + piece, whole)]))
+            report = canceller.report()
+            if report.far_end_s > far_end_s or not far_end_s:
+                far_end_s, verdict = report.far_end_s, f"{report.verdict}: {report.text}"
+    cleaned, delays = (np.concatenate([part[i] for part in parts]) for i in (0, 3))
+
     def over(length):
         return removed(rate, y[:length], cleaned[:length], x[:length])
-    return Run(delay_len, np.asarray(delays), over(len(cleaned)), (over(TRIAL_S * rate) or (0.0,))[0])
+    return Run(delay_len, np.asarray(delays), over(len(cleaned)), (over(TRIAL_S * rate) or (0.0,))[0], verdict)
 
 
 def removed(rate, before, after, x):

@@ -57,6 +57,8 @@ def _library_lines(m):
         text += (f"; removed {m.run.removed[0]:.1f} dB in the second half, {m.run.removed[1]:.1f} dB over its best "
                  f"{library.WINDOW_S} s")
     yield _filled(text + ".", "Library:")
+    if m.run.verdict:
+        yield _filled(m.run.verdict + ".", "Meter:")
 
 
 def _layout(m):
