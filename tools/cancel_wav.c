@@ -265,7 +265,7 @@ static void show_progress(const struct source *source)
 
 /* ---- suppression ------------------------------------------------------------- */
 
-/* What comes out is a frame late, which the file shall not be. */
+/* The suppressor's output is one frame late. The file is not: the first frame is left out. */
 struct suppressor {
     nax_res_state *state; /* null without --suppress */
     int16_t *out;         /* one frame of the microphones */
@@ -359,7 +359,7 @@ static void cancel(const struct options *options, struct source *source, struct 
         note_energy(report, source, (const int16_t *)(const void *)audio, out, count);
         if (progress) show_progress(source);
     }
-    if (suppressor.state) { /* a frame of silence brings out the last one */
+    if (suppressor.state) { /* a frame of silence makes it return the last one */
         memset(out, 0, samples * sizeof *out);
         memset(echo, 0, samples * sizeof *echo);
         write_suppressed(&suppressor, options, sinks, source, out, echo, 0);

@@ -12,7 +12,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-static const double LOUD_SHARE = 0.001; /* of the samples: more is no converter's overshoot */
+/* Of the samples above full scale. Conversion of the rate overshoots in fewer. */
+static const double LOUD_SHARE = 0.001;
 
 int16_t *allocate(size_t samples)
 {
@@ -36,8 +37,8 @@ static void pick_channels(struct source *source, const struct options *options, 
     }
 }
 
-/* All channels as they come: two files are microphones and references, of one file the
- * microphones are counted. */
+/* All channels in their order. Two files are microphones and references; in one file --mics says
+ * how many are microphones. */
 static void take_all_channels(struct source *source, const struct options *options, int all)
 {
     const int mics = source->files == 2 ? source->file[0].channels : options->words.mics;
@@ -76,7 +77,7 @@ static void check_words(const struct source *source, const struct options *optio
                  words->remap[m], channels - 1);
 }
 
-/* The microphone's length counts. */
+/* The output is as long as the microphone. */
 static void compare_lengths(const struct source *source)
 {
     const double more_s = (double)(source->file[1].length - source->file[0].length) / source->rate;
@@ -98,7 +99,7 @@ static int open_files(struct source *source, const struct options *options)
     return all;
 }
 
-/* Has all files read at the library's rate that suits the microphone's. */
+/* Converts all files to the rate of the library that suits the microphone's. */
 static void settle_rate(struct source *source, bool quiet)
 {
     source->rate = library_rate(source->file[0].file_rate);

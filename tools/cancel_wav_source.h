@@ -16,13 +16,13 @@ struct source {
     int files;
     int rate, frame;                   /* Hz; samples of a channel in 16 ms */
     size_t mics, refs, kept, channels; /* kept: references not dropped; channels: mics + refs */
-    int *map;                          /* for each channel, which of the files' it is */
+    int *map;                          /* for each channel, its number among the files' channels */
     sf_count_t length, position;       /* sample instants in all, and read so far */
     int16_t *scratch;                  /* one frame of one file */
 };
 
-/* Opens the files and says on standard error what is made of them, unless to be quiet. The
- * source stays where it is: its files are read through pointers to it. */
+/* Opens the files and, unless quiet, says on standard error how they are used. The source must
+ * not be moved afterwards: its sample rate converters point to it. */
 void open_source(struct source *source, const struct options *options);
 
 /* Reads the next frame, padded with zeros at the end. Returns the sample instants read, 0 at

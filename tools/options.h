@@ -1,6 +1,6 @@
 /*
- * What the command lines of cancel_wav and live_alsa have in common: how options are
- * read, the words for the library, and the one way of failing.
+ * What cancel_wav and live_alsa have in common: reading the command line, the parameter
+ * block, and error messages.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */

@@ -22,17 +22,18 @@ struct sound_file {
     float *taken;                  /* room for a piece of the file */
 };
 
-/* The rate of the library's that holds what a recording of rate (Hz) holds, or its highest. */
+/* The lowest rate of the library that is not below rate, or its highest. In Hz. */
 int library_rate(int rate);
 
-/* Opens a file, which is read at its own rate. Ends the program where that cannot be. */
+/* Opens a file, to be read at its own rate. Ends the program when the file cannot be read. */
 void sound_open(struct sound_file *sound, const char *path);
 
-/* Has it read at another rate in Hz; before the first read, and without moving it afterwards. */
+/* Converts what is read to another rate in Hz. Call it before the first read, and do not move
+ * the record afterwards: the converter points to it. */
 void sound_convert(struct sound_file *sound, int rate);
 
-/* Writes the next count sample instants of all channels; what is above full scale is cut off,
- * and after the end comes silence. */
+/* Reads the next count sample instants of all channels. Samples above full scale are cut off;
+ * after the end of the file the samples are 0. */
 void sound_read(struct sound_file *sound, int16_t *to, int count);
 
 /* Says on standard error when the file holds less than its header announces. */

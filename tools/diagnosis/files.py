@@ -1,6 +1,7 @@
 """Sound files of any kind, over libsndfile, and other rates, over libsamplerate."""
 import ctypes
 import os
+import pathlib
 from dataclasses import dataclass
 
 import numpy as np
@@ -40,6 +41,9 @@ def _library(name, package):
     try:
         return ctypes.CDLL(name)
     except OSError as error:
+        in_wheel = pathlib.Path(__file__).resolve().parents[2] / name
+        if in_wheel.exists():
+            return ctypes.CDLL(str(in_wheel))
         raise Unusable(f"{name}: {error} (on Debian: {package})") from None
 
 

@@ -114,8 +114,8 @@ static void send_report(struct session *session)
 }
 
 /* Room to capture into, or null when the disk is too far behind. A device without a
- * clock, such as ALSA's file device, delivers as fast as it is read: there, seen by
- * more audio than time, waiting for the disk loses nothing. */
+ * clock, such as ALSA's file device, delivers as fast as it is read. It is recognised by
+ * more seconds of audio than have passed; there it waits for the disk and loses nothing. */
 static int16_t *slot_for(struct session *session, double audio_s, double start_s)
 {
     const struct timespec moment = {.tv_nsec = 1000000};
@@ -208,8 +208,8 @@ static void create_suppressor(struct session *session)
         fail(STATUS_FAILED, "memory", "cannot get room for the suppressor");
 }
 
-/* Files are created once the devices are known to be there; the capture starts last,
- * so that it does not overrun while the rest is set up. */
+/* The devices are opened before files are created, so that a missing device leaves no
+ * file. The capture starts last, so that it does not overrun meanwhile. */
 static void open_session(struct session *session)
 {
     const struct options *options = &session->options;
@@ -226,8 +226,8 @@ static void open_session(struct session *session)
     session->meter =
         create_meter(options->rate, options->words.mics, options->refs, options->words.drop);
     if (options->suppress) create_suppressor(session);
-    /* The first call allocates a buffer, which is no work for the audio thread: a frame
-     * of silence goes ahead of the capture. */
+    /* The first call allocates a buffer. A frame of silence makes it here, so that the
+     * audio thread allocates nothing. */
     const int16_t *audio;
     cancel(session, session->spare, &audio);
     capture_start(&session->capture);
@@ -252,7 +252,7 @@ static void watch(struct session *session, const sigset_t *signals, struct repor
         const int signal = sigtimedwait(signals, NULL, &turn);
         drain_reports(session, total, &recent);
         if (signal > 0) break;
-        /* A log gets a line now and then, a terminal one that is written over. */
+        /* A log gets a line every ten seconds; on a terminal one line is written over. */
         if (session->options.quiet || (!terminal && turns % LOG_TURNS != 0)) continue;
         report_heading();
         report_status(&recent, total, session->options.rate, terminal ? "\r" : "\n");

@@ -1,15 +1,15 @@
 /*
  * The sound devices of live_alsa.
  *
- * All devices are opened non-blocking: the audio thread waits for the capture in
- * short turns, between which it can be told to stop, and for the playback never.
- * The capture is the clock. A playback device that runs faster underruns now and
- * then and gets silence, one that runs slower misses part of a frame.
+ * All devices are opened non-blocking. The audio thread waits for the capture in turns
+ * of 50 ms, after each of which it can be stopped. It never waits for the playback.
+ * The clock is that of the capture. A playback device that is faster underruns at times
+ * and then plays silence; one that is slower misses part of a frame at times.
  *
- * Two capture devices are linked, where ALSA can, so that they start at one instant, and
- * read in step. Else one starts a little after the other. Their clocks may drift apart:
- * within the devices' buffers the library follows it as a changing delay, past them one
- * overruns and both start anew.
+ * Two capture devices are linked where ALSA can do it, so that they start at one instant.
+ * Otherwise one starts a little after the other. They are read in step. When their clocks
+ * drift apart, the devices' buffers take up the difference and the library follows it as a
+ * changing delay. When a buffer is full, its device overruns and both are started again.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -153,7 +153,7 @@ static enum captured lost(struct capture *capture, const struct device *device, 
     return LOST;
 }
 
-/* An overrun or a suspension is survived, anything else is the device's end. */
+/* After an overrun or a suspension the capture goes on; any other error ends it. */
 static enum captured recover(struct capture *capture, struct device *device, int error)
 {
     if (error == -ENODEV || error == -EBADFD)
@@ -208,8 +208,8 @@ void capture_close(struct capture *capture)
 
 /* ---- playback ----------------------------------------------------------------- */
 
-/* Ahead of the first frame, and of the first after an underrun: some silence, so that
- * a frame that comes a little late is still in time. */
+/* Plays silence before the first frame, and before the first one after an underrun, so
+ * that a frame that is a little late is still played in time. */
 static void prefill(struct playback *playback)
 {
     struct device *device = &playback->device;

@@ -13,7 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* An SD card may be busy with itself for seconds. */
+/* An SD card may take no data for seconds. */
 enum { RING_FRAMES = 512 }; /* 8 s */
 
 enum { STACK_BYTES = 256 * 1024 }; /* it is locked in memory, so no more than needed */
@@ -58,7 +58,7 @@ static void *write_files(void *argument)
         while (sem_wait(&recorder->filled) != 0 && errno == EINTR)
             ;
         const int16_t *slot = ring_slot_to_empty(&recorder->ring);
-        if (!slot) return NULL; /* woken with nothing to do: the end */
+        if (!slot) return NULL; /* recorder_close woke it */
         write_slot(recorder, slot);
         ring_empty(&recorder->ring);
         if (++frames % second == 0 && !recorder->failed) update_headers(recorder);
