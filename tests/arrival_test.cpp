@@ -6,8 +6,6 @@
 
 #include <algorithm>
 
-static constexpr float KEEP = 0.97f;
-
 // A record that hears noise and its echo through a response.
 class Listener {
 public:
@@ -37,7 +35,7 @@ public:
         nax::arrival_aim(arrival, lag);
         for (int32_t n = 0; n < updates; n++) {
             hear(2, 9000.0, 1000.0);
-            EXPECT_TRUE(nax::arrival_update(arrival, KEEP));
+            EXPECT_TRUE(nax::arrival_update(arrival));
         }
         return nax::arrival_onset(arrival);
     }
@@ -100,7 +98,7 @@ TEST(Arrival, LearnsNothingFromSilenceOnEitherSide)
     listener.hear(10, 9000.0, 1000.0);
     const nax::Onset before = listener.look(500, 6);
     listener.hear(8, 30.0, 1000.0); // -65 dB of full scale
-    EXPECT_FALSE(nax::arrival_update(listener.arrival, KEEP));
+    EXPECT_FALSE(nax::arrival_update(listener.arrival));
     const nax::Onset after = nax::arrival_onset(listener.arrival);
     EXPECT_EQ(after.updates, before.updates);
     EXPECT_EQ(after.height, before.height);
@@ -108,7 +106,7 @@ TEST(Arrival, LearnsNothingFromSilenceOnEitherSide)
 
     Listener muted(16000, 500, {0.0});
     muted.hear(10, 9000.0, 4.0);
-    EXPECT_FALSE(nax::arrival_update(muted.arrival, KEEP));
+    EXPECT_FALSE(nax::arrival_update(muted.arrival));
 }
 
 TEST(Arrival, CountsNoUpdatesWithoutEndAndKeepsOddAndEvenApart)
@@ -117,7 +115,7 @@ TEST(Arrival, CountsNoUpdatesWithoutEndAndKeepsOddAndEvenApart)
     listener.hear(10, 9000.0, 1000.0);
     nax::arrival_aim(listener.arrival, 500);
     for (int32_t update = 1; update <= 1100; update++) {
-        EXPECT_TRUE(nax::arrival_update(listener.arrival, KEEP));
+        EXPECT_TRUE(nax::arrival_update(listener.arrival));
         ASSERT_EQ(listener.arrival.updates % 2, update % 2);
     }
     EXPECT_LE(listener.arrival.updates, 1000);
@@ -178,7 +176,7 @@ TEST(Arrival, TakesNoHumForAnEcho)
             mic.push_back(to_sample(hum + near.next(30.0)));
         }
         nax::arrival_listen(listener.arrival, ref.data(), mic.data());
-        if (frame >= 8 && frame % 2 == 0) nax::arrival_update(listener.arrival, KEEP);
+        if (frame >= 8 && frame % 2 == 0) nax::arrival_update(listener.arrival);
     }
     const nax::Onset onset = nax::arrival_onset(listener.arrival);
     EXPECT_EQ(onset.updates, 16);

@@ -6,12 +6,14 @@
 
 namespace nax {
 
-static constexpr int32_t LATE_EIGHTHS_MS = 3; // nearer to the delay than this is late
+// An echo that arrives less than so much after the delay is late.
+static constexpr int32_t LATE_EIGHTHS_MS = 3;
 
-// A delay that is not a whole number of frames is read with a silent end once per lap of
-// the line, shorter the nearer the delay comes to the next whole frame, and the more often
-// the fewer frames the line holds. Below a share of a frame past a whole one the tail costs
-// less than the silence: a third at 8 kHz, half at 16, four fifths at 48.
+// A delay that is not a whole number of frames is read with a silent end once per lap of the
+// line. The silence is shorter when the delay is nearer to the next whole frame, and comes more
+// often when the line holds fewer frames. The next shorter whole number of frames has no silence
+// and loses tail. It costs less up to this share of a frame: a third at 8 kHz, half at 16, four
+// fifths at 48.
 static int32_t whole_frame_percent(int32_t decimation)
 {
     return decimation <= 2 ? 33 : decimation <= 4 ? 53 : decimation <= 8 ? 67 : 80;
@@ -54,7 +56,7 @@ bool is_much_tail(const AppliedDelay &applied, int32_t wanted)
     return wanted - applied.now > applied.frame / 2;
 }
 
-// The detour differs by more than a frame from both delays and lasts for a single frame.
+// The detour differs by more than a frame from both delays and lasts for one frame.
 void move_to(AppliedDelay &applied, int32_t wanted)
 {
     const int32_t now = applied.now;

@@ -1,5 +1,4 @@
-// The delay that the front end applies: which one serves an echo that arrives then, and
-// how to get there. Pure functions of a small record.
+// The delay that the front end applies: which one serves an echo, and how to get there.
 #pragma once
 
 #include <cstdint>
@@ -25,13 +24,15 @@ void applied_delay_init(AppliedDelay &applied, int32_t decimation, int32_t frame
 // the margin, in quarters of a millisecond.
 int32_t delay_for(const AppliedDelay &applied, int32_t arrival, int32_t margin);
 
-// Whether the echo lies before the filter, or in its first hair's breadth.
+// Whether the echo arrives before the filter begins, or less than 0.375 ms after that.
 bool is_late(const AppliedDelay &applied, int32_t arrival);
 
-// Whether the base delay, not left so far, serves an echo: it is the caller's wish and stays.
+// Whether the base delay serves an echo and has not been left so far. It is the caller's wish
+// and then stays.
 bool does_base_serve(const AppliedDelay &applied, int32_t arrival);
 
-// Whether so much of the filter's tail would be won that a move is worth its adaptation.
+// Whether a move would win more than half a frame of the filter's tail, which is worth its
+// adaptation.
 bool is_much_tail(const AppliedDelay &applied, int32_t wanted);
 
 // Applies a delay, at once or, where that is too near to be taken up, by a detour of a frame.

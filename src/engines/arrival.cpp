@@ -13,6 +13,7 @@ namespace nax {
 
 static constexpr int32_t LOW_BIN_1_KHZ = 32;
 static constexpr int32_t WINDOW_MS = 32;
+static constexpr float KEEP = 0.97f;   // decay of the evidence per update
 static constexpr float RELEASE = 0.8f; // of the whitening power per update
 // Added to the variance: what so many updates of weakly whitened signal would give.
 static constexpr float PRIOR_UPDATES = 6;
@@ -124,7 +125,7 @@ static float whiten(Arrival &arrival, const int16_t *samples, float silent, floa
     return sum / static_cast<float>(arrival.bins);
 }
 
-bool arrival_update(Arrival &arrival, float keep)
+bool arrival_update(Arrival &arrival)
 {
     const int32_t count = 2 * arrival.frame + arrival.tap_count;
     const int32_t from =
@@ -139,10 +140,10 @@ bool arrival_update(Arrival &arrival, float keep)
     const float mic_weight =
         ref_weight > 0 ? whiten(arrival, mic, SILENT_MIC, arrival.mic_power, y) : 0;
     if (mic_weight <= 0) return false;
-    average_cross(arrival.evidence.re, arrival.evidence.im, x.re, x.im, y.re, y.im, keep,
+    average_cross(arrival.evidence.re, arrival.evidence.im, x.re, x.im, y.re, y.im, KEEP,
                   arrival.bins);
     const float bins = static_cast<float>(arrival.bins);
-    arrival.variance = keep * keep * arrival.variance + 2 * bins * ref_weight * mic_weight;
+    arrival.variance = KEEP * KEEP * arrival.variance + 2 * bins * ref_weight * mic_weight;
     // Odd and even numbers of updates go on taking turns.
     arrival.updates += arrival.updates < MOST_UPDATES ? 1 : -1;
     return true;

@@ -69,12 +69,12 @@ void arrival_release(Arrival &arrival);
 // Takes in a frame of each signal. Real time: yes.
 void arrival_listen(Arrival &arrival, const int16_t *ref, const int16_t *mic);
 
-// Gathers evidence around a lag from now on, forgetting that for another.
+// Gathers evidence around a lag from now on. The evidence for another lag is forgotten.
 void arrival_aim(Arrival &arrival, int32_t lag);
 
-// Adds the last two frames to the evidence, which decays by keep first. Returns false,
-// having done nothing, when one of the signals is silent there. Real time: yes.
-bool arrival_update(Arrival &arrival, float keep);
+// Adds the last two frames to the evidence, which decays first. Returns false, having done
+// nothing, when one of the signals is silent there. Real time: yes.
+bool arrival_update(Arrival &arrival);
 
 // The echo's onset within 6 ms before and 8 ms after the aim. Real time: yes.
 Onset arrival_onset(Arrival &arrival);

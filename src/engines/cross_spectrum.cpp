@@ -21,8 +21,8 @@
 
 namespace nax {
 
-// Decay of the evidence per frame. Short: a memory of 16 frames, 0.26 s of active far
-// end. Long: 50 frames, 0.8 s; shorter ones lose echoes in noise and in double talk.
+// Decay of the evidence per frame. The short memory is 16 frames, 0.26 s of active far end.
+// The long one is 50 frames, 0.8 s; a shorter one loses echoes in noise and in double talk.
 static constexpr float KEEP_SHORT = 0.94f;
 static constexpr float KEEP_LONG = 0.98f;
 // At 8000 Hz, with 96 partitions, updating all of them in every frame costs too much
@@ -147,7 +147,7 @@ bool cross_spectrum_update(CrossSpectrum &cross, const float *ref, const float *
         mic_weight *= 2;
     }
 
-    // A partition whose reference was silent keeps its evidence, and takes no time.
+    // A partition whose reference was silent keeps its evidence.
     cross.turn = (cross.turn + 1) % turns;
     bool news = false;
     for (int32_t p = cross.turn; p < cross.partitions; p += turns) {

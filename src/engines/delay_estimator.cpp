@@ -16,8 +16,8 @@
 
 namespace nax {
 
-// Inverse transforms per frame, while there is no answer yet and after. More of them
-// find the delay no sooner.
+// Inverse transforms per frame while nothing is followed or what is followed hardly stands,
+// and otherwise. More of them find the delay no sooner.
 static constexpr int32_t SEARCHING_TRANSFORMS = 3;
 static constexpr int32_t HOLDING_TRANSFORMS = 1;
 
@@ -51,6 +51,7 @@ struct Work {
     float followed; // latest height at the path that is followed
     int32_t tick;   // frames
     int32_t rested; // frames since the last fine look, at most HURRY_PERIOD
+    uint32_t aims;  // the decision's, at the latest look
     int32_t credit; // frames' worth of looks in a hurry
     Decimator ref;
     Decimator mic;
@@ -126,17 +127,18 @@ static bool is_look_due(Work &work)
     work.rested = std::min(work.rested + 1, HURRY_PERIOD);
     if (!urgent) return work.decision.target != NONE && work.tick % work.settled_period == 0;
     return work.credit >= work.urgent_period &&
-           work.rested >= (work.decision.doubted ? 1 : HURRY_PERIOD);
+           work.rested >= (work.decision.phase == Phase::DOUBTED ? 1 : HURRY_PERIOD);
 }
 
 // Looks finely at the target. Returns whether there is an onset to decide on: after
 // every other look, because the transform back costs as much as half of one.
 static bool look(Work &work, Onset &onset)
 {
-    if (choose_target(work.decision, work.peaks.peaks, work.peaks.partitions, work.followed))
+    choose_target(work.decision, work.peaks.peaks, work.peaks.partitions, work.followed);
+    if (work.aims != work.decision.aims)
         arrival_aim(work.arrival, work.decision.target * work.decision.decimation);
-    if (!is_look_due(work)) return false;
-    if (!arrival_update(work.arrival, look_keep(work.decision))) return false;
+    work.aims = work.decision.aims;
+    if (!is_look_due(work) || !arrival_update(work.arrival)) return false;
     if (is_urgent(work.decision)) work.credit -= work.urgent_period;
     work.rested = 0;
     if (work.arrival.updates % 2 == 0) return false;
@@ -160,7 +162,7 @@ static void take_in(Work &work, const int16_t *mic_frame, const int16_t *ref_fra
     bool looked = false;
     if (cross_spectrum_update(work.cross, slow_ref, slow_mic, memory)) {
         lag_peaks_search(work.peaks, work.cross,
-                         decision.found == NONE ? SEARCHING_TRANSFORMS : HOLDING_TRANSFORMS);
+                         memory == Memory::LONG ? SEARCHING_TRANSFORMS : HOLDING_TRANSFORMS);
         if (const Peak *top = tallest_peak(work.peaks); top && top->age == 0) {
             work.followed =
                 decision.found == NONE ? 0 : height_at(work.peaks, work.cross, decision.found);
@@ -174,7 +176,7 @@ static void take_in(Work &work, const int16_t *mic_frame, const int16_t *ref_fra
         looked = look(work, onset);
         sight.target = tallest_within(work.peaks, decision.target, CANDIDATE_LAGS);
     }
-    decide(work.decision, sight, looked ? &onset : nullptr);
+    decide_on_delay(work.decision, sight, looked ? &onset : nullptr);
 }
 
 int32_t AEC_DelayProcess(const int16_t *mic_frame, const int16_t *ref_frame, int32_t, int32_t,

@@ -73,9 +73,7 @@ static Peak transform(const LagPeaks &found, const CrossSpectrum &cross, int32_t
 
 void lag_peaks_search(LagPeaks &found, const CrossSpectrum &cross, int32_t transforms)
 {
-    // What has been looked at already tells nothing new; nor does what gets no evidence,
-    // because the reference was silent.
-    // A quarter of the scores a frame is soon enough.
+    // Scores change slowly: a quarter of them per frame is enough.
     for (int32_t p = found.scored; p < found.partitions; p += 4) {
         const Partition &lags = cross.partition[p];
         const float noise = deviation(cross, p);
@@ -86,6 +84,7 @@ void lag_peaks_search(LagPeaks &found, const CrossSpectrum &cross, int32_t trans
 
     for (int32_t p = 0; p < found.partitions; p++)
         found.peaks[p].age = std::min(found.peaks[p].age + 1, FORGOTTEN_AGE);
+    // A partition whose evidence has not changed since its last transform tells nothing new.
     for (int32_t n = 0; n < transforms; n++) {
         int32_t best = -1;
         for (int32_t p = 0; p < found.partitions; p++)
