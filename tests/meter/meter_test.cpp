@@ -170,7 +170,7 @@ TEST(Meter, SaysThatItCancelsAtEveryRate)
 {
     for (const int32_t rate : RATES) {
         Call call(rate);
-        EchoPath path(rate / 20, room_response(rate, 1));
+        EchoPath path(rate / 20);
         EXPECT_EQ(call.run(6,
                            [&](double far, double) {
                                return Instant{path.next(far), far};
