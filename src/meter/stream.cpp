@@ -95,8 +95,9 @@ static void take_in_far_end(Stream &stream, const Frame &frame)
     constexpr float UNHEARD_POWER = 1e-7f;   // -70 dBFS: nothing to remove
     take_in(stream.removal, frame.mic, frame.out);
     const bool removed = frame.mic + UNHEARD_POWER > REMOVED * (frame.out + UNHEARD_POWER);
-    stream.removing += weight_of_new(stream.far_end, REMOVING_FRAMES) *
-                       ((removed ? 1.0f : 0.0f) - stream.removing);
+    const float weight = weight_of_new(stream.far_end, REMOVING_FRAMES);
+    stream.removing += weight * ((removed ? 1.0f : 0.0f) - stream.removing);
+    stream.sounding += weight * ((stream.unheard == 0 ? 1.0f : 0.0f) - stream.sounding);
     count_frame(stream.far_end);
     count_frame(stream.far_since);
 }
@@ -134,6 +135,7 @@ Evidence evidence_of(const Stream &stream)
     evidence.unheard_s = seconds(stream.unheard);
     evidence.removed_db = removed_db(stream);
     evidence.removing = stream.removing;
+    evidence.sounding = stream.sounding;
     evidence.found = stream.delay.found;
     evidence.delay_moves = delay_moves(stream);
     evidence.delay_moves_long = moves_within(stream, LONG_S);

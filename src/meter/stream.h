@@ -43,7 +43,8 @@ struct Stream {
     int32_t heard;      // frames of microphone well above its own noise
     int32_t unheard;    // since the last of them
     float floor_db;     // the microphone's own noise, dBFS
-    float removing;     // share of the last seconds of far end in which anything was removed
+    float removing;     // share of the last seconds of far end in which anything was removed,
+    float sounding;     // and in which the microphone was heard
     Removal removal;
     Delay delay;
     Likeness likeness;

@@ -22,7 +22,8 @@ static constexpr float COPY_REMOVED_DB = 15.0f;
 // Shares of the far end in which anything was removed. Of unrelated sounds it is below 0.1 in
 // nine of ten cases, and 0.3 in the others; of an echo above 0.17 but in one of fifty.
 static constexpr float REMOVING = 0.1f, REMOVING_UNKNOWN = 0.3f, REMOVING_ASIDE = 0.4f;
-static constexpr float HARDLY = 0.08f, HARDLY_UNKNOWN = 0.2f;
+static constexpr float HARDLY = 0.08f, HARDLY_UNKNOWN = 0.2f, NOTHING = 0.04f;
+static constexpr float SOUNDING = 0.4f; // share of the far end; the near end talks less
 
 // Whether the canceller's filter, which begins at the applied delay and is two frames long,
 // reaches what is heard. Levels tell a distance to a frame; a room's tail makes it longer.
@@ -52,7 +53,10 @@ static int32_t judged_by_echo(const Evidence &e)
     if (e.far_since_s < FIRST_S) return UNDECIDED;
     if (aside || (present && e.removing < HARDLY)) return NAX_METER_NOT_CANCELLING;
     const bool hardly = e.removing < (known ? HARDLY : HARDLY_UNKNOWN);
-    return !present && hardly && e.far_since_s > UNHEARD_S ? NAX_METER_NOT_HEARD : UNDECIDED;
+    if (present || !hardly || e.far_since_s < UNHEARD_S) return UNDECIDED;
+    if (!e.found || e.sounding < SOUNDING) return NAX_METER_NOT_HEARD;
+    // What is heard where an echo was found before is most likely still one.
+    return e.removing < NOTHING ? NAX_METER_NOT_CANCELLING : UNDECIDED;
 }
 
 int32_t judged(const Evidence &e)

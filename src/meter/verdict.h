@@ -16,6 +16,7 @@ struct Evidence {
     float clipped;            // largest share of a channel's samples, 0 to 1
     float removed_db;         // over the last two seconds of far end
     float removing;           // share of the last seconds of far end in which anything was removed
+    float sounding;           // and in which the microphone was heard
     bool found;               // the delay has moved at least once
     int32_t delay_moves;      // in the last minute, the first one of all not counted
     int32_t delay_moves_long; // in the last ten minutes

@@ -17,6 +17,7 @@ static Evidence healthy()
     e.far_end_s = e.far_since_s = e.heard_s = 10;
     e.removed_db = 12;
     e.removing = 0.6f;
+    e.sounding = 0.7f;
     e.found = true;
     e.likeness = 0.6f;
     e.chance = 0.2f;
@@ -94,8 +95,12 @@ static const Case CASES[] = {
     {"a reference of something else, removed now and then by chance",
      [](Evidence &e) { e.removing = 0.15f, e.found = false, e.applied = 0, e.likeness = 0.15f; },
      NAX_METER_NOT_HEARD},
-    {"the loudspeaker is switched off", [](Evidence &e) { e.removing = 0.02f, e.likeness = 0.1f; },
+    {"the loudspeaker is switched off",
+     [](Evidence &e) { e.removing = 0.02f, e.likeness = 0.1f, e.sounding = 0.2f; },
      NAX_METER_NOT_HEARD},
+    {"samples are lost all the time: the echo is nowhere for long",
+     [](Evidence &e) { e.removing = 0.02f, e.likeness = 0.1f; }, NAX_METER_NOT_CANCELLING},
+    {"both talk for long", [](Evidence &e) { e.removing = 0.06f, e.likeness = 0.1f; }, UNDECIDED},
 };
 
 TEST(Verdict, OfEveryCaseIsThatOfTheTable)
