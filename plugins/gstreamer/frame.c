@@ -90,7 +90,8 @@ static void cancel(NaxAec *self, const GstBuffer *buffer)
     const gint16 *played = format_read_probe(self, running_time_of(self, buffer));
     if (played) take_in(framer, settings->mics, settings->refs, played, 0, (guint)framer->size);
     framer_advance(framer, framer->size);
-    nax_meter_read(framer->meter, &report);
+    nax_meter_read(framer->meter, &report); /* up to three frames old */
+    report.delay = framer->delay;
     properties_tell(self, &report);
 }
 

@@ -165,7 +165,7 @@ TEST(Framer, MetersTheCancellerAndNotTheSilenceOfARestart)
     nax_meter_report before, after;
     ASSERT_EQ(nax_meter_read(made->meter, &before), 0);
     EXPECT_EQ(before.verdict, NAX_METER_CANCELLING);
-    EXPECT_EQ(before.frames, 6 * 16000 / 256);
+    EXPECT_NEAR(before.frames, 6 * 16000 / 256, 3); // brought up to date every four frames
     EXPECT_EQ(before.delay, made->delay);
     EXPECT_GT(before.removed_db, 10);
     framer_restart(made.get());

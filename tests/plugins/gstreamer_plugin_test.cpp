@@ -128,23 +128,23 @@ TEST_F(GStreamerPlugin, TellsDelayAndEchoRemovedAndNotifiesOfChanges)
 
 TEST_F(GStreamerPlugin, TellsTheMetersVerdictByPropertiesAndByAMessageWhenItChanges)
 {
+    int notified = 0; // also counted while the element stops
     Harnessed aec;
     GstBus *bus = gst_bus_new();
     gst_element_set_bus(aec.mic->element, bus);
     g_object_set(aec.mic->element, "refs", 1, nullptr);
     Harnessed::set_format(aec.mic, 16000, 2);
-    int notified = 0;
     g_signal_connect(aec.mic->element, "notify::status",
                      G_CALLBACK(+[](GObject *, GParamSpec *, int *count) { ++*count; }), &notified);
     gchar *before = nullptr;
     g_object_get(aec.mic->element, "status", &before, nullptr);
     EXPECT_EQ(before, nullptr);
-    Samples dead = Noise(1).frame(2 * 16000 * 6, 6000); // a reference beside a dead microphone
+    Samples dead = Noise(1).frame(2 * 16000 * 8, 6000); // a reference beside a dead microphone
     for (size_t i = 0; i < dead.size(); i += 2)
         dead[i] = 0;
     standard_error_of([&] {
         Harnessed::push(aec.mic, dead, 0);
-        for (int frame = 0; frame < 6 * 16000 / 256; frame++)
+        for (int frame = 0; frame < 8 * 16000 / 256; frame++)
             aec.pull();
     });
     std::string said, alarms;
