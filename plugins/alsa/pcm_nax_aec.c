@@ -10,6 +10,7 @@
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
 #include "framer.h"
+#include "watch.h"
 
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_external.h>
@@ -20,6 +21,7 @@ struct plugin {
     struct settings settings;
     struct framer *framer;
     unsigned int rate; /* Hz, of the framer */
+    struct watch watch;
 };
 
 /* One channel of an area as samples, stride apart. */
@@ -62,24 +64,30 @@ static snd_pcm_sframes_t transfer(snd_pcm_extplug_t *ext, const snd_pcm_channel_
     return (snd_pcm_sframes_t)size;
 }
 
-/* The library speaks, and allocates, only when the rate is a new one. */
+/* Keeps the framer where the rate stays: a new one has to learn the room again. */
 static int set_up(snd_pcm_extplug_t *ext, snd_pcm_hw_params_t *params)
 {
     (void)params;
     struct plugin *plugin = ext->private_data;
     if (plugin->framer && plugin->rate == ext->rate) return 0;
+    watch_end(&plugin->watch);
     framer_destroy(plugin->framer);
     plugin->framer = framer_create(&plugin->settings, (int)ext->rate);
     plugin->rate = ext->rate;
-    if (plugin->framer) return 0;
+    if (plugin->framer) {
+        watch_begin(&plugin->watch, plugin->framer->meter);
+        return 0;
+    }
     SNDERR("nax_aec: cannot run at %u Hz, only at 8000, 16000, 32000 or 48000 Hz", ext->rate);
     return -EINVAL;
 }
 
 static int start(snd_pcm_extplug_t *ext)
 {
-    const struct plugin *plugin = ext->private_data;
-    if (plugin->framer) framer_restart(plugin->framer);
+    struct plugin *plugin = ext->private_data;
+    if (!plugin->framer) return 0;
+    watch_look(&plugin->watch);
+    framer_restart(plugin->framer);
     return 0;
 }
 
@@ -99,6 +107,7 @@ static snd_pcm_chmap_t *no_map(snd_pcm_extplug_t *ext)
 static int close_plugin(snd_pcm_extplug_t *ext)
 {
     struct plugin *plugin = ext->private_data;
+    watch_end(&plugin->watch);
     framer_destroy(plugin->framer);
     free(plugin);
     return 0;

@@ -9,6 +9,8 @@
 #include <alsa/pcm_external.h>
 #include <alsa/pcm_extplug.h>
 #include <dlfcn.h>
+#include <poll.h>
+#include <unistd.h>
 
 // The plugin as ALSA knows it; it makes itself known by this call.
 static snd_pcm_extplug_t *made;
@@ -277,6 +279,84 @@ TEST_F(AlsaPlugin, StartsAgainInSilenceWithNothingOfBeforeForAWholeSecond)
                 << settings << (new_parameters ? ", by hw_params" : ", by prepare");
             snd_pcm_close(pcm);
         }
+}
+
+// What is written to standard error, as it is written.
+class ErrorPipe {
+public:
+    ErrorPipe() : before(dup(STDERR_FILENO))
+    {
+        EXPECT_EQ(pipe(ends), 0);
+        dup2(ends[1], STDERR_FILENO);
+    }
+    ~ErrorPipe()
+    {
+        dup2(before, STDERR_FILENO);
+        for (const int end : {ends[0], ends[1], before})
+            close(end);
+    }
+    ErrorPipe(const ErrorPipe &) = delete;
+    ErrorPipe &operator=(const ErrorPipe &) = delete;
+
+    // Waits for a text, at most a minute; false when it did not come.
+    bool wait_for(const std::string &text)
+    {
+        pollfd polled = {ends[0], POLLIN, 0};
+        char piece[256];
+        while (said.find(text) == std::string::npos) {
+            if (poll(&polled, 1, 60000) != 1) return false;
+            const ssize_t count = ::read(ends[0], piece, sizeof piece);
+            if (count > 0) said.append(piece, static_cast<size_t>(count));
+        }
+        return true;
+    }
+
+    std::string said;
+
+private:
+    int before, ends[2] = {-1, -1};
+};
+
+// Eight seconds of a reference beside a dead microphone.
+Recording dead_microphone()
+{
+    Recording recording = {16000, 1, 1, Noise(1).frame(2 * 8 * 16000, 6000)};
+    for (size_t i = 0; i < recording.samples.size(); i += 2)
+        recording.samples[i] = 0;
+    return recording;
+}
+
+TEST_F(AlsaPlugin, LogsAnAlarmOnceWhileItStreams)
+{
+    const Recording recording = dead_microphone();
+    configure(recording, "", "board", "looped yes");
+    ErrorPipe log;
+    snd_pcm_t *pcm = start(recording);
+    read(pcm, recording, recording.instants(), {1000});
+    EXPECT_TRUE(log.wait_for("nax_aec: alarm: no-microphone: ")) << log.said;
+    snd_pcm_close(pcm); // looks once more
+    EXPECT_EQ(write(STDERR_FILENO, "end", 3), 3);
+    EXPECT_TRUE(log.wait_for("end"));
+    EXPECT_EQ(log.said.find("alarm", log.said.find("alarm") + 1), std::string::npos) << log.said;
+}
+
+TEST_F(AlsaPlugin, LogsWhenItIsWellAgainAndLooksAtTheEnd)
+{
+    Recording recording = dead_microphone();
+    const Recording well = make_recording(16000, 1, 1, 20.0);
+    recording.samples.insert(recording.samples.end(), well.samples.begin(), well.samples.end());
+    configure(recording, "");
+    snd_pcm_t *pcm = start(recording);
+    const std::string bad = standard_error_of([&] {
+        read(pcm, recording, 8 * 16000, {1000});
+        EXPECT_EQ(made->callback->init(made), 0);
+    });
+    EXPECT_NE(bad.find("nax_aec: alarm: no-microphone: "), std::string::npos) << bad;
+    const std::string good = standard_error_of([&] {
+        read(pcm, recording, 15 * 16000, {1000});
+        snd_pcm_close(pcm);
+    });
+    EXPECT_NE(good.find("nax_aec: well again: "), std::string::npos) << good;
 }
 
 // Each channel in memory of its own, pieces of every size.
