@@ -327,6 +327,18 @@ class WithTimes(unittest.TestCase):
         wanted = removed_db(mic, cancel(mic, ref, RATE).cleaned)
         self.assertGreater(removed_db(mic, out), wanted - 6)    # the clocks' rates are uncertain
 
+    def test_times_that_do_not_fit_the_rate_are_counted(self):
+        """Clocks are believed to differ by 500 ppm at most; more shows as gaps and overlaps."""
+        mic, ref = call(4)
+        for ppm in (-50000, -2000, 2000, 50000):
+            player = Player()
+            player.play(ref, 0, lambda at: at - 0.4, rate=RATE * (1 + 1e-6 * ppm))
+            player.capture(mic)
+            out, counts = player.run(Stream(RATE))
+            self.assertEqual(len(out), len(mic))
+            lost = counts.steps + counts.discarded + counts.silent
+            self.assertTrue(lost > 100 or abs(abs(counts.drift_ppm) - 500) < 1, (ppm, counts))
+
     def test_times_for_some_pieces_only_are_refused(self):
         stream = Stream(RATE)
         stream.played(np.zeros(100), at=1.0)

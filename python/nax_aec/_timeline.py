@@ -15,10 +15,10 @@ from ._rates import Converter
 
 LONGEST_S = 60.0        # of reference that is kept for later
 MOST_WAITING = 60000    # pieces with times: LONGEST_S in pieces of 1 ms
-NEAR_S = 0.005          # as far off its time the reference may stay: times jitter
-CATCH_UP = 3e-5         # by how much faster or slower it is read where it is further off
-SURE = 2.0              # standard deviations of a difference between two clocks that is believed
-LEAST_DRIFT = 2e-6      # of two clocks; the canceller follows it by itself
+NEAR_S = 0.005          # the reference may be read so far off its time, because times jitter
+CATCH_UP = 3e-5         # share by which it is read faster or slower when it is further off
+SURE = 2.0              # standard deviations from which a difference of two clocks is believed
+LEAST_DRIFT, MOST_DRIFT = 2e-6, 5e-4    # of two clocks: less the canceller follows, more is none
 WING = 16               # samples of the interpolation's filter to each side
 PHASES = 2048           # of its filter within a sample
 
@@ -254,6 +254,7 @@ class Timeline:
         doubt = SURE * math.hypot(line.uncertain, playback.line.uncertain)
         self.drift = drift if abs(drift) > max(doubt, LEAST_DRIFT) else 0.0
         catch_up = math.copysign(CATCH_UP, off) if abs(off) > NEAR_S * self.rate else 0.0
+        self.drift = max(-MOST_DRIFT, min(MOST_DRIFT, self.drift))
         playback.rate = 1 + self.drift + catch_up
 
     def _copy(self, playback: Playback, into: NDArray[np.int16]) -> int:
