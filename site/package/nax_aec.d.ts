@@ -55,7 +55,7 @@ export interface Results {
     delays?: Int32Array;
 }
 
-/** What report gives. Levels are of the last second in dBFS, -100 when there is nothing. */
+/** What report gives, brought up to date every 4 frames. Levels are of the last second in dBFS, -100 when there is nothing. */
 export interface Report {
     /** The verdict for programs, for instance "not-cancelling" (see nax_meter.h). */
     verdict: string;

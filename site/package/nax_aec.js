@@ -1,20 +1,21 @@
 // libnax_aec, libnax_res and libnax_meter over WebAssembly. nax_aec.d.ts documents the interface.
 
-const FULL_SCALE = 32768;        // of 16 bits, for floats of full scale 1
-const LONGEST_DELAY = 12288;     // samples that a delay line holds
-const DELAY_ESTIMATION = 1;      // bit of nax_aec_param.model_aec_en
-const MICROPHONES_FIRST = 1;     // nax_aec_param.pos
-const REPORT_WORDS = 24;         // of nax_meter_report
-const REPORTED_REFS = 8;         // NAX_METER_REFS
+const FULL_SCALE = 32768; // of 16 bits, for floats of full scale 1
+const LONGEST_DELAY = 12288; // samples that a delay line holds
+const DELAY_ESTIMATION = 1; // bit of nax_aec_param.model_aec_en
+const MICROPHONES_FIRST = 1; // nax_aec_param.pos
+const REPORT_WORDS = 24; // of nax_meter_report, 32 bits each
+const REPORTED_REFS = 8; // NAX_METER_REFS
 
-let library;                     // the exports of the running module
-let listener;                    // gets what the libraries write to standard error
+let library; // the exports of the running module
+let listener; // gets what the libraries write to standard error
 
 // What the libraries import: standard error, and nothing else of a system.
 function imports() {
     const view = () => new DataView(library.memory.buffer);
     function write(descriptor, vectors, count, written) {
-        let total = 0, text = '';
+        let total = 0,
+            text = '';
         for (let i = 0; i < count; i++) {
             const start = view().getUint32(vectors + 8 * i, true);
             const length = view().getUint32(vectors + 8 * i + 4, true);
@@ -58,7 +59,7 @@ function text(memory, start) {
 }
 
 export function frameSize(sampleRate) {
-    return sampleRate * 16 / 1000;
+    return (sampleRate * 16) / 1000;
 }
 
 function toInt16(sample) {
@@ -68,17 +69,23 @@ function toInt16(sample) {
 function checkAudio(audio, samples, name) {
     if (!(audio instanceof Int16Array || audio instanceof Float32Array))
         throw new TypeError(`${name} is no Int16Array or Float32Array`);
-    if (audio.length !== samples)
-        throw new RangeError(`${name} has ${audio.length} samples, not ${samples}`);
+    if (audio.length !== samples) throw new RangeError(`${name} has ${audio.length} samples, not ${samples}`);
 }
 
 export class NaxAec {
-    #library; #aec; #res = 0; #meter = 0; #block = 0; #heap;
-    #in; #out; #echo; #suppressed; // where the frame's buffers are, in samples of the heap
+    #library;
+    #aec;
+    #res = 0;
+    #meter = 0;
+    #block = 0;
+    #heap;
+    #in;
+    #out;
+    #echo;
+    #suppressed; // where the frame's buffers are, in samples of the heap
 
     constructor(sampleRate, microphones = 1, references = 1, options = {}) {
-        const { suppress = false, meter = false, delayEstimation = true, delayLen = 0, dropChannel = 0 } =
-            options;
+        const { suppress = false, meter = false, delayEstimation = true, delayLen = 0, dropChannel = 0 } = options;
         if (!library) throw new Error('await load() before the first NaxAec');
         if (!(dropChannel >= 0 && dropChannel <= references))
             throw new RangeError(`dropChannel is ${dropChannel}, not 0 to ${references}`);
@@ -92,8 +99,14 @@ export class NaxAec {
         this.frameSize = frameSize(sampleRate);
         this.latency = suppress ? this.frameSize : 0;
         this.delay = delayLen;
-        this.#start(suppress, meter, [MICROPHONES_FIRST, dropChannel, delayEstimation ? DELAY_ESTIMATION : 0,
-                                      delayLen, 0, 0]);
+        this.#start(suppress, meter, [
+            MICROPHONES_FIRST,
+            dropChannel,
+            delayEstimation ? DELAY_ESTIMATION : 0,
+            delayLen,
+            0,
+            0,
+        ]);
     }
 
     #start(suppress, meter, words) {
@@ -109,8 +122,10 @@ export class NaxAec {
             this.#block = this.#library.malloc(2 * frame * (4 * mics + 2 * refs) + 4 * REPORT_WORDS);
         if (!this.#block) {
             this.close();
-            throw new RangeError(`not supported: ${rate} Hz, ${mics} microphones, ${refs} references; 8000, ` +
-                                 '16000, 32000 or 48000 Hz are, 1 or 2 microphones, 1 reference or more');
+            throw new RangeError(
+                `not supported: ${rate} Hz, ${mics} microphones, ${refs} references; 8000, ` +
+                    '16000, 32000 or 48000 Hz are, 1 or 2 microphones, 1 reference or more',
+            );
         }
         this.#in = this.#block / 2 + 2 * REPORT_WORDS;
         this.#out = this.#in + frame * (mics + refs);
@@ -131,8 +146,14 @@ export class NaxAec {
         if (into.references) checkAudio(into.references, ref.length, 'references');
         for (let i = 0; i < frames; i++) {
             this.#frame(mic, ref, i);
-            if (into.cleaned) this.#take(this.#res ? this.#suppressed : this.#out, this.#res ? mics : mics + refs,
-                                         into.cleaned, mics, i);
+            if (into.cleaned)
+                this.#take(
+                    this.#res ? this.#suppressed : this.#out,
+                    this.#res ? mics : mics + refs,
+                    into.cleaned,
+                    mics,
+                    i,
+                );
             if (into.echo) this.#take(this.#echo, mics, into.echo, mics, i);
             if (into.references) this.#take(this.#out + mics, mics + refs, into.references, refs, i);
             if (into.delays) into.delays[i] = this.delay;
@@ -143,11 +164,17 @@ export class NaxAec {
     // One frame through both libraries.
     #frame(mic, ref, index) {
         const { frameSize: frame, microphones: mics, references: refs, kept } = this;
-        const start = this.#in, heap = this.#samples();
+        const start = this.#in,
+            heap = this.#samples();
         this.#put(mic, index * frame * mics, mics, mics, heap, start);
         this.#put(ref, index * frame * refs, refs, kept, heap, start + mics);
-        this.delay = this.#library.nax_aec_short(this.#aec, 2 * this.#in, 2 * this.#out, 2 * this.#echo,
-                                                 frame * (mics + refs));
+        this.delay = this.#library.nax_aec_short(
+            this.#aec,
+            2 * this.#in,
+            2 * this.#out,
+            2 * this.#echo,
+            frame * (mics + refs),
+        );
         if (this.#meter) this.#library.nax_meter_short(this.#meter, 2 * this.#in, 2 * this.#out, this.delay);
         if (this.#res) this.#library.nax_res_short(this.#res, 2 * this.#out, 2 * this.#echo, 2 * this.#suppressed);
     }
@@ -160,18 +187,30 @@ export class NaxAec {
         const real = new Float32Array(memory.buffer, this.#block, REPORT_WORDS);
         const { microphones: mics, references: refs } = this;
         return {
-            verdict: text(memory, nax_meter_name(whole[0])), text: text(memory, nax_meter_text(whole[0])),
-            alarm: nax_meter_is_alarm(whole[0]) !== 0, verdictS: real[2], frames: whole[1], farEndS: real[3],
-            micDbfs: [...real.subarray(4, 4 + mics)], outDbfs: [...real.subarray(6, 6 + mics)],
+            verdict: text(memory, nax_meter_name(whole[0])),
+            text: text(memory, nax_meter_text(whole[0])),
+            alarm: nax_meter_is_alarm(whole[0]) !== 0,
+            verdictS: real[2],
+            frames: whole[1],
+            farEndS: real[3],
+            micDbfs: [...real.subarray(4, 4 + mics)],
+            outDbfs: [...real.subarray(6, 6 + mics)],
             refDbfs: [...real.subarray(8, 8 + Math.min(refs, REPORTED_REFS))],
-            micClipped: real[16], refClipped: real[17], removedDb: real[18],
-            delay: whole[19], delayS: real[20], delayMoves: whole[21], likeness: real[22], likenessMs: real[23],
+            micClipped: real[16],
+            refClipped: real[17],
+            removedDb: real[18],
+            delay: whole[19],
+            delayS: real[20],
+            delayMoves: whole[21],
+            likeness: real[22],
+            likenessMs: real[23],
         };
     }
 
     // Some of the channels of interleaved audio into the frame handed over.
     #put(audio, at, channels, taken, heap, start) {
-        const whole = audio instanceof Int16Array, stride = this.microphones + this.kept;
+        const whole = audio instanceof Int16Array,
+            stride = this.microphones + this.kept;
         for (let t = 0; t < this.frameSize; t++)
             for (let c = 0; c < taken; c++) {
                 const sample = audio[at + t * channels + c];
@@ -181,7 +220,8 @@ export class NaxAec {
 
     // The first channels of interleaved samples into the caller's audio.
     #take(start, stride, audio, channels, index) {
-        const heap = this.#samples(), scale = audio instanceof Int16Array ? 1 : 1 / FULL_SCALE;
+        const heap = this.#samples(),
+            scale = audio instanceof Int16Array ? 1 : 1 / FULL_SCALE;
         let at = index * this.frameSize * channels;
         for (let t = 0; t < this.frameSize; t++)
             for (let c = 0; c < channels; c++) audio[at++] = heap[start + t * stride + c] * scale;

@@ -14,7 +14,9 @@ export function random(seed) {
  * 16 bits, n samples each. From sample `from` on a near end of other noise is heard, too.
  */
 export function scene({ n, delay, from = n, seed = 1 }) {
-    const draw = random(seed), ref = new Int16Array(n), mic = new Int16Array(n);
+    const draw = random(seed),
+        ref = new Int16Array(n),
+        mic = new Int16Array(n);
     for (let t = 0, low = 0; t < n; t++) {
         low = 0.8 * low + (draw() - 0.5);
         ref[t] = Math.round(4000 * low * (1 + Math.sin(t / 1500)));
@@ -38,13 +40,14 @@ export function levelDb(samples, from = 0, to = samples.length) {
 
 /** A 16-bit WAV file (Uint8Array) of interleaved samples. */
 export function wavFile(samples, rate, channels = 1) {
-    const bytes = new Uint8Array(44 + 2 * samples.length), view = new DataView(bytes.buffer);
+    const bytes = new Uint8Array(44 + 2 * samples.length),
+        view = new DataView(bytes.buffer);
     const text = (at, word) => [...word].forEach((c, i) => view.setUint8(at + i, c.charCodeAt(0)));
-    text(0, 'RIFF'), view.setUint32(4, 36 + 2 * samples.length, true), text(8, 'WAVEfmt ');
-    view.setUint32(16, 16, true), view.setUint16(20, 1, true), view.setUint16(22, channels, true);
-    view.setUint32(24, rate, true), view.setUint32(28, 2 * rate * channels, true);
-    view.setUint16(32, 2 * channels, true), view.setUint16(34, 16, true);
-    text(36, 'data'), view.setUint32(40, 2 * samples.length, true);
+    (text(0, 'RIFF'), view.setUint32(4, 36 + 2 * samples.length, true), text(8, 'WAVEfmt '));
+    (view.setUint32(16, 16, true), view.setUint16(20, 1, true), view.setUint16(22, channels, true));
+    (view.setUint32(24, rate, true), view.setUint32(28, 2 * rate * channels, true));
+    (view.setUint16(32, 2 * channels, true), view.setUint16(34, 16, true));
+    (text(36, 'data'), view.setUint32(40, 2 * samples.length, true));
     new Int16Array(bytes.buffer, 44).set(samples);
     return bytes;
 }
