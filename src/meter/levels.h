@@ -10,7 +10,7 @@ struct Channel {
     // Sums of the powers of the last second's frames, in pieces of a quarter of it.
     static constexpr int32_t PIECES = 4, PIECE = 16; // frames
     float pieces[PIECES];
-    int32_t largest;                 // magnitude so far
+    int32_t largest;                 // magnitude of late
     float clipped;                   // share of samples in runs at it, over ten seconds of sound
     int32_t frames, sounding_frames; // taken in, at most 2^31 - 1
 };

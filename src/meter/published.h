@@ -36,7 +36,7 @@ inline void publish(Published &published, const nax_meter_report &report)
 // Called by any number of threads.
 inline nax_meter_report latest(const Published &published)
 {
-    uint32_t words[Published::WORDS];
+    uint32_t words[Published::WORDS] = {};
     uint32_t count;
     do {
         count = published.count.load(std::memory_order_acquire);

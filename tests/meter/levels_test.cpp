@@ -86,6 +86,19 @@ TEST(Clipping, IsNotToldOfPeaksOfTwoSamplesNorInTheFirstSecond)
     EXPECT_GT(clipped_at(12000, 8, 63), 0.1f);
 }
 
+TEST(Clipping, IsToldThoughSomethingLouderWasHeardBefore)
+{
+    Channel channel = {};
+    Samples loud(256), flat(256);
+    loud[7] = 30000;
+    for (size_t i = 0; i < 256; i++)
+        flat[i] = static_cast<int16_t>(i % 16 < 8 ? 12000 : -12000);
+    take_in(channel, loud.data(), 256);
+    for (int32_t t = 0; t < 2000; t++)
+        take_in(channel, flat.data(), 256);
+    EXPECT_GT(clipped_share(channel), 0.2f);
+}
+
 TEST(Clipping, IsNotToldOfWhatIsHardlyASound)
 {
     Channel channel = {};

@@ -52,7 +52,7 @@ TEST(Likeness, IsFoundAtEveryDistanceWhateverTheLevel)
 
 TEST(Likeness, OfUnrelatedLevelsStaysBelowChance)
 {
-    for (const size_t frames : {60, 200, 600, 5000}) {
+    for (const size_t frames : {size_t{60}, size_t{200}, size_t{600}, size_t{5000}}) {
         int32_t above = 0;
         for (uint32_t seed = 10; seed < 60; seed += 2) {
             const Likeness likeness = likeness_of(levels(seed, frames), levels(seed + 1, frames));

@@ -230,8 +230,12 @@ TEST(Meter, SaysWhatIsMissing)
                                    return Instant{far, 0};
                                }),
               NAX_METER_NO_REFERENCE);
-    Call quiet(16000, 2);
-    EXPECT_EQ(quiet.run(8, [](double, double) { return Instant{0, 0}; }), NAX_METER_NO_MICROPHONE);
+    Call no_microphone(16000, 2);
+    EXPECT_EQ(no_microphone.run(8,
+                                [](double far, double) {
+                                    return Instant{0, far};
+                                }),
+              NAX_METER_NO_MICROPHONE);
 }
 
 TEST(Meter, SaysThatTheReferenceIsTheMicrophone)

@@ -45,8 +45,12 @@ static const Case CASES[] = {
     {"the delay of the start fits", [](Evidence &e) { e.found = false, e.applied = 0; },
      NAX_METER_CANCELLING},
 
-    {"no sound from the start", [](Evidence &e) { e = {}, e.mic_dead_s = e.far_silent_s = 6; },
+    {"no sound at all for long",
+     [](Evidence &e) { e = {}, e.mic_dead_s = e.far_silent_s = e.unheard_s = 31; },
      NAX_METER_NO_MICROPHONE},
+    {"no sound at all for a while: the microphone may be gated",
+     [](Evidence &e) { e = {}, e.mic_dead_s = e.far_silent_s = e.unheard_s = 20; },
+     NAX_METER_REFERENCE_SILENT},
     {"the microphone is muted", [](Evidence &e) { e.mic_dead_s = 6; }, NAX_METER_NO_MICROPHONE},
     {"the microphone is muted for a moment", [](Evidence &e) { e.mic_dead_s = 4; },
      NAX_METER_CANCELLING},
