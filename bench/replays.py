@@ -142,6 +142,38 @@ def build(program, changes=()):
     subprocess.run(["g++", *objects, "-o", program, *packages], check=True)
 
 
+# What the decision is told in each frame, on standard error in the format of tests/traces.
+TRACING = ("engines/delay_estimator.cpp",
+           "    decide_on_delay(work.decision, sight, looked ? &onset : nullptr);\n", """
+    std::string line = "%s";
+    const auto tenths = [](float height) { return " " + std::to_string(std::lround(10 * height)); };
+    const auto number = [](int32_t value) { return " " + std::to_string(value); };
+    if (evidence) line += "e" + tenths(sight.target);
+    if (sight.news)
+        line += " s" + number(sight.lag) + tenths(sight.height) + tenths(sight.rival) + tenths(sight.followed) +
+                tenths(sight.path);
+    if (looked) line += " l" + number(work.decision.target) + number(onset.updates) + tenths(onset.height) +
+                number(onset.lag);
+    for (int32_t p = 0; evidence && p < work.peaks.partitions; p++)
+        if (const Peak &peak = work.peaks.peaks[p]; peak.age == 0)
+            line += " p" + number(p) + number(peak.lag) + tenths(peak.height);
+    fprintf(stderr, "%s\\n", line.c_str());
+    decide_on_delay(work.decision, sight, looked ? &onset : nullptr);
+""" % ("", "%s"))
+
+
+def trace(program, case):
+    """What the decision was told over a case: a line for each frame."""
+    name, call, traced = TRACING
+    build(program, [(name, call, traced), (name, "#include <cstdlib>\n", "#include <cstdlib>\n#include <string>\n"
+                                           "#include <cmath>\n#include <cstdio>\n"),
+                    (name, "    if (cross_spectrum_update(work.cross, slow_ref, slow_mic, memory)) {\n",
+                     "    const bool evidence = cross_spectrum_update(work.cross, slow_ref, slow_mic, memory);\n"
+                     "    if (evidence) {\n")])
+    return subprocess.run([program], input=case["line"] + "\n", check=True, capture_output=True,
+                          text=True).stderr.splitlines()
+
+
 def run(program, made, jobs):
     """The applied delays (frames) of every case."""
     # Neighbours are of one recording, whose signals a process reads once.
