@@ -4,8 +4,8 @@
  *
  *     pcm.NAME { type nax_aec  slave.pcm "hw:0,0"  mics 2  refs 2 }
  *
- * The client sees a capture device of as many channels as there are microphones, 16 bits
- * wide, a frame of 16 ms late. docs/plugins.md lists the settings.
+ * The client sees a capture device of 16 bits with a channel for each microphone. Its audio is
+ * a frame of 16 ms late. docs/plugins.md lists the settings.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -24,7 +24,7 @@ struct plugin {
     struct watch watch;
 };
 
-/* One channel of an area as samples, stride apart. */
+/* A channel of an area: its first sample, and the distance to the next in samples. */
 struct channel {
     int16_t *sample;
     size_t stride;
@@ -91,7 +91,7 @@ static int start(snd_pcm_extplug_t *ext)
     return 0;
 }
 
-/* Where the slave's channels sit in a room says nothing of the cleaned microphones. */
+/* The slave's channel map does not describe the cleaned microphones. */
 static snd_pcm_chmap_query_t **no_maps(snd_pcm_extplug_t *ext)
 {
     (void)ext;
@@ -162,7 +162,7 @@ static int constrain(snd_pcm_extplug_t *ext, const struct settings *settings)
         status =
             snd_pcm_extplug_set_slave_param(ext, SND_PCM_EXTPLUG_HW_FORMAT, SND_PCM_FORMAT_S16);
     if (status < 0) return status;
-    /* A program would only be told that no configuration is available. */
+    /* ALSA's own message would be that no configuration is available. */
     snd_pcm_hw_params_t *possible;
     snd_pcm_hw_params_alloca(&possible);
     status = snd_pcm_hw_params_any(ext->pcm, possible);

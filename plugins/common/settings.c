@@ -11,7 +11,7 @@
 const struct settings DEFAULT_SETTINGS = {
     .mics = 1, .refs = 1, .mics_first = true, .delay_estimation = true};
 
-/* Reads a number up to an ending character; returns where that is, or null. */
+/* Reads a number. Returns the place of the first character behind it, or null. */
 static const char *read_number(const char *text, int low, int high, int *value)
 {
     char *end;

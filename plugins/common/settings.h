@@ -12,7 +12,7 @@
 enum { MAX_MICS = 2, MAX_REFS = 30, MAX_CHANNELS = MAX_MICS + MAX_REFS, MAX_DELAY = 12288 };
 
 struct settings {
-    int mics, refs, drop; /* channels; drop: of the references, the last ones */
+    int mics, refs, drop; /* channels; drop: the last ones of the references */
     bool mics_first;      /* order: the microphones before the references */
     int delay;            /* samples */
     bool delay_estimation;
@@ -24,10 +24,10 @@ struct settings {
 /* One microphone, then one reference; the delay is estimated. */
 extern const struct settings DEFAULT_SETTINGS;
 
-/* Sets one from its text. Returns null, or what is wrong with the text: "is ...". */
+/* Sets the named one from a text. Returns null, or what is wrong with the text: "is ...". */
 const char *settings_set(struct settings *settings, const char *name, const char *text);
 
-/* Returns null, or what is wrong with all of them together. */
+/* Returns null, or which settings contradict each other. */
 const char *settings_check(const struct settings *settings);
 
 #endif

@@ -6,8 +6,7 @@
  *   format.c      what the pads carry, where the references come from, and the canceller
  *   stream.c      a buffer's way through the element
  *   frame.c       the samples of one frame
- * A file writes only the part of the record that is named after it. The start and the end
- * of the element (naxaec.c) clear all parts, while no thread streams.
+ * A file writes only the part of the record that is named after it.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */

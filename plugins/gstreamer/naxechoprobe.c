@@ -1,10 +1,10 @@
 /*
  * The playback's last two seconds.
  *
- * A sample's place in the ring is its running time. When that is heard, which depends on the
- * pipeline's base time and latency, is asked when it is read: both may change between, at the
- * start and after a pause. Small jitter of timestamps is not followed, which would tear the
- * reference; a jump is.
+ * A sample's place in the ring is its running time. The time at which it is heard follows from
+ * the pipeline's base time and latency. It is computed when the sample is read, because both
+ * may change at the start and after a pause. Jitter of the timestamps below 30 ms is ignored: to
+ * follow it would tear the reference.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -23,8 +23,8 @@ struct _NaxEchoProbe {
     gint16 *ring;
     gint rate, channels;
     gint64 next;       /* place of the next sample */
-    gboolean begun;    /* there are samples */
-    gboolean complete; /* none follow for now: what is missing is not late */
+    gboolean begun;    /* the ring holds samples */
+    gboolean complete; /* none follow for now: none are late */
     GstClockTime latency;
 };
 
@@ -127,7 +127,7 @@ static gboolean set_caps(GstBaseTransform *base, GstCaps *in, GstCaps *out)
     return TRUE;
 }
 
-/* Where audio of a running time belongs; what was left out before it is silence. */
+/* Sets the place of audio of a running time. A gap before it is silent. */
 static void make_place(NaxEchoProbe *probe, GstClockTime running)
 {
     const gint64 place = place_of(probe, running), jitter = place_of(probe, JITTER);
@@ -169,7 +169,7 @@ static GstFlowReturn keep(GstBaseTransform *base, GstBuffer *buffer)
     return GST_FLOW_OK;
 }
 
-/* What is not there at a gap and at the end does not come late. */
+/* After a gap and after the end nothing is late. */
 static gboolean sink_event(GstBaseTransform *base, GstEvent *event)
 {
     NaxEchoProbe *probe = NAX_ECHO_PROBE(base);

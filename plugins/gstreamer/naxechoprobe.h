@@ -12,19 +12,19 @@
 
 G_DECLARE_FINAL_TYPE(NaxEchoProbe, nax_echo_probe, NAX, ECHO_PROBE, GstBaseTransform)
 
-/* The probe of a name, with a reference that the caller drops, or null. Of several the one
- * that plays at the rate, of several of those the newest. */
+/* The probe of a name, which the caller unrefs, or null. Of several it is the newest that plays
+ * at the rate, or the newest where none does. */
 NaxEchoProbe *nax_echo_probe_find(const gchar *name, gint rate);
 
-/* Channels played at a rate; 0 when nothing plays yet or at another rate. */
+/* Channels that are played; 0 while nothing plays, or at another rate. */
 gint nax_echo_probe_channels(NaxEchoProbe *probe, gint rate);
 
-/* The reference is kept ahead of its sound by this much, because one that is later than its
- * echo is of no use: sinks report their latency to some milliseconds. */
+/* The reference is read this much before it is heard. Sinks report their latency wrong by some
+ * milliseconds, and a reference that is later than its echo is of no use. */
 #define NAX_ECHO_PROBE_LEAD (20 * GST_MSECOND)
 
-/* Copies interleaved samples that are heard from a clock time on, less the lead; silence
- * where there are none. Returns how many of the last instants playback is late with. */
+/* Copies the interleaved samples that are heard from a clock time plus the lead on. Where there
+ * are none it writes silence. Returns how many of the last instants playback has yet to give. */
 gsize nax_echo_probe_read(NaxEchoProbe *probe, GstClockTime from, gint channels, gint16 *to,
                           gsize instants);
 

@@ -4,9 +4,9 @@
  *     library.name = aec/libspa-aec-nax
  *     aec.args = { delay-estimation = yes }
  *
- * It declares no block size of its own, takes whatever the graph's quantum brings and
- * gathers frames of 16 ms inside: a module that is told 768 samples at a quantum of 1024
- * loses a quarter of them. docs/plugins.md lists the settings.
+ * It names no block size and gathers frames of 16 ms out of blocks of any size: a module that
+ * is asked for blocks of 768 samples at a quantum of 1024 loses a quarter of the samples.
+ * docs/plugins.md lists the settings.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -96,7 +96,7 @@ static int run(void *object, const float *rec[], const float *play[], float *out
 
 /* ---- the main thread ------------------------------------------------------------ */
 
-/* The channels are those of the streams, the rest is as aec.args say. */
+/* The streams give the numbers of channels, aec.args the other settings. */
 static int set_up(struct plugin *plugin, const struct spa_dict *args, uint32_t rate, uint32_t mics,
                   uint32_t refs)
 {
@@ -141,8 +141,8 @@ static int init(void *object, const struct spa_dict *args, const struct spa_audi
 }
 
 #if SPA_VERSION_AUDIO_AEC_METHODS >= 3
-/* The module hands over captured, cleaned and played channels in this order, whatever the
- * header calls them. */
+/* The module passes captured, cleaned and played channels in this order. The header's names of
+ * the arguments are in another order. */
 static int init2(void *object, const struct spa_dict *args, struct spa_audio_info_raw *rec,
                  struct spa_audio_info_raw *out, struct spa_audio_info_raw *play)
 {
@@ -151,7 +151,7 @@ static int init2(void *object, const struct spa_dict *args, struct spa_audio_inf
 }
 #endif
 
-/* The data thread may still, or already, run: capturing goes on without a listener. */
+/* The data thread may run meanwhile: capturing goes on while nobody listens to the source. */
 static int activate(void *object)
 {
     struct plugin *plugin = object;
@@ -173,7 +173,7 @@ static int add_listener(void *object, struct spa_hook *listener,
                         const struct spa_audio_aec_events *events, void *data)
 {
     (void)object, (void)listener, (void)events, (void)data;
-    return 0; /* there is nothing to tell */
+    return 0; /* no event is ever sent */
 }
 
 #if SPA_VERSION_AUDIO_AEC_METHODS >= 2

@@ -1,6 +1,5 @@
-// The ALSA plugin as a program sees it: a device from a stanza of a configuration. It
-// captures from a device of the test's own, see alsa_source.c. PLUGIN and SOURCE are the
-// two plugins' files.
+// The ALSA plugin as a program uses it: a device of a configuration's stanza. It captures from
+// a device of the tests' own (alsa_source.c). PLUGIN and SOURCE are the two plugins' files.
 #include "audio_thread.h"
 #include "memory.h"
 #include "recording.h"
@@ -12,7 +11,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-// The plugin as ALSA knows it; it makes itself known by this call.
+// The plugin as ALSA knows it: this call is ALSA's, and notes the plugin that makes it.
 static snd_pcm_extplug_t *made;
 
 extern "C" int snd_pcm_extplug_create(snd_pcm_extplug_t *ext, const char *name, snd_config_t *root,
@@ -39,7 +38,8 @@ protected:
         if (!folder.empty() && !HasFailure()) std::filesystem::remove_all(folder);
     }
 
-    // The device "cleaned" over a recording, and "mic" over that; settings as in a stanza.
+    // Writes the configuration: "cleaned" captures the recording, "mic" captures "cleaned".
+    // The settings are lines of the stanza.
     void configure(const Recording &recording, const std::string &settings,
                    const std::string &slave = "board", const std::string &source = "")
     {
@@ -85,7 +85,7 @@ protected:
         EXPECT_EQ(status, 0) << messages;
     }
 
-    // Opens and starts a device for a recording; periods as long as asked for, more or less.
+    // Opens and starts a device for a recording, with the nearest period to the one given.
     snd_pcm_t *start(const Recording &recording, const char *device = "cleaned",
                      snd_pcm_access_t access = SND_PCM_ACCESS_RW_INTERLEAVED, int mode = 0,
                      snd_pcm_uframes_t period = 480)
@@ -98,7 +98,7 @@ protected:
         return pcm;
     }
 
-    // Reads so many sample instants; waits for them where the device does not.
+    // Reads a number of sample instants. Waits for them where the device does not block.
     static Samples read(snd_pcm_t *pcm, const Recording &recording, size_t instants,
                         const std::vector<snd_pcm_uframes_t> &pieces, bool mapped = false)
     {
@@ -117,7 +117,7 @@ protected:
         return captured;
     }
 
-    // Everything that the device gives of a recording, read in pieces of changing size.
+    // Reads a whole recording in pieces of the sizes given, again and again.
     Samples capture(const Recording &recording, const std::vector<snd_pcm_uframes_t> &pieces)
     {
         snd_pcm_t *pcm = start(recording);
@@ -281,7 +281,7 @@ TEST_F(AlsaPlugin, StartsAgainInSilenceWithNothingOfBeforeForAWholeSecond)
         }
 }
 
-// What is written to standard error, as it is written.
+// Standard error while it is written.
 class ErrorPipe {
 public:
     ErrorPipe() : before(dup(STDERR_FILENO))
@@ -298,7 +298,7 @@ public:
     ErrorPipe(const ErrorPipe &) = delete;
     ErrorPipe &operator=(const ErrorPipe &) = delete;
 
-    // Waits for a text, at most a minute; false when it did not come.
+    // Waits for a text. Returns false when nothing comes for a minute.
     bool wait_for(const std::string &text)
     {
         pollfd polled = {ends[0], POLLIN, 0};
@@ -359,7 +359,7 @@ TEST_F(AlsaPlugin, LogsWhenItIsWellAgainAndLooksAtTheEnd)
     EXPECT_NE(good.find("nax_aec: well again: "), std::string::npos) << good;
 }
 
-// Each channel in memory of its own, pieces of every size.
+// Each channel is in memory of its own; the pieces have many sizes.
 TEST_F(AlsaPlugin, TransfersWithoutASystemCallALockOrTheHeap)
 {
     if (no_ban_here()) GTEST_SKIP() << no_ban_here();

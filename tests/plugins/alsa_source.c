@@ -1,14 +1,15 @@
 /*
- * ALSA capture device "nax_test_source": a raw file of interleaved 16-bit samples, each
- * of them once and in order, then silence. (ALSA's own file device skips samples when an
- * external plugin reads it.)
+ * ALSA capture device "nax_test_source": gives the interleaved 16-bit samples of a raw file,
+ * then silence. (ALSA's own file device skips samples when an external plugin reads it.)
  *
  *     pcm.NAME { type nax_test_source  file "all.raw"  channels 4  rate 48000  paced yes }
  *
- * It delivers as fast as it is read or, paced, by the clock, and then it overruns like a
- * sound card when nobody reads. "looped yes" begins the file again instead of the silence,
- * "once yes" plays it only until the device is prepared again. ALSA before 1.2.5 gives a reader
- * that maps the device, as an external plugin does, old samples where its buffer begins again.
+ * It gives samples as fast as it is read. With "paced yes" it follows the clock and overruns
+ * like a sound card when nobody reads. With "looped yes" the file begins again after its end.
+ * With "once yes" only silence follows when the device is prepared again.
+ *
+ * ALSA before 1.2.5 gives old samples at the wrap of the buffer to a reader that maps the
+ * device, as an external plugin does.
  *
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  */
@@ -73,7 +74,7 @@ static snd_pcm_sframes_t pointer(snd_pcm_ioplug_t *io)
     return (snd_pcm_sframes_t)source->captured;
 }
 
-/* ALSA may ask for the same instants again: what it gets goes by their place. */
+/* ALSA may ask for the same instants twice, so their position decides what it gets. */
 static snd_pcm_sframes_t transfer(snd_pcm_ioplug_t *io, const snd_pcm_channel_area_t *areas,
                                   snd_pcm_uframes_t offset, snd_pcm_uframes_t size)
 {
@@ -91,7 +92,7 @@ static snd_pcm_sframes_t transfer(snd_pcm_ioplug_t *io, const snd_pcm_channel_ar
     return (snd_pcm_sframes_t)size;
 }
 
-/* Of all channels, in places that nobody knows. */
+/* A map of all channels with unknown positions. */
 static snd_pcm_chmap_t *map(snd_pcm_ioplug_t *io)
 {
     snd_pcm_chmap_t *map = calloc(1, sizeof *map + io->channels * sizeof map->pos[0]);

@@ -1,4 +1,4 @@
-// The part that all plugins share: frames out of buffers of any size, and settings.
+// The part that the plugins share: frames out of buffers of any size, and settings.
 #include "signals.h"
 
 extern "C" {
@@ -21,7 +21,7 @@ Framer make_framer(const settings &wanted, int rate)
     return Framer(made);
 }
 
-// Exchanges noise in pieces of a size; all microphones that came out.
+// Exchanges noise in pieces of a size. Returns the microphones that came out.
 Samples exchange(framer *framer, size_t instants, size_t piece)
 {
     Noise noise(7);
@@ -102,7 +102,7 @@ struct Room {
     Noise noise{3};
 };
 
-// Everything that comes out is looked at, the aligned references too.
+// Feeds silence. Returns how many samples that came out are not 0, aligned references counted.
 size_t sounding_in_silence(framer *framer, size_t instants)
 {
     size_t sounding = 0;

@@ -36,7 +36,7 @@ protected:
         if (!folder.empty() && !HasFailure()) std::filesystem::remove_all(folder);
     }
 
-    // Neighbouring channels of a recording, up to a sample instant.
+    // Copies neighbouring channels of a recording, up to a sample instant.
     static Samples part(const Recording &recording, size_t first, size_t count, size_t end)
     {
         Samples samples;
@@ -53,7 +53,7 @@ protected:
                std::to_string(RATE) + " num-channels=" + std::to_string(channels) + " ";
     }
 
-    // Runs a pipeline, whose files are in the test's folder, to its end.
+    // Runs a pipeline to its end, with the test's folder as the current one.
     void run(const std::string &pipeline, const std::string &expected_error = "")
     {
         const auto here = std::filesystem::current_path();
@@ -101,7 +101,7 @@ protected:
 
 inline const char OUT[] = "naxaec name=aec ! filesink location=out.raw ";
 
-// naxaec with its microphones' pad, and the reference's where asked for, in the test's hand.
+// A naxaec whose pads the test feeds: the microphones' and, where asked for, the reference's.
 class Harnessed {
 public:
     explicit Harnessed(bool with_reference = false)
@@ -143,7 +143,7 @@ public:
 
     Heard pull() const { return heard(gst_harness_pull(mic)); }
 
-    // Ends the microphones and takes what is left.
+    // Ends the microphones and returns the buffers that are left.
     std::vector<Heard> to_end() const
     {
         gst_harness_push_event(mic, gst_event_new_eos());

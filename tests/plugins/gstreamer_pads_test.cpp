@@ -1,4 +1,4 @@
-// The reference's pad and probes that come and go, states, ends in any order.
+// The reference's pad and probes come and go; states change; streams end in any order.
 #include "gstreamer_fixture.h"
 
 #include <condition_variable>
@@ -9,7 +9,7 @@ namespace {
 
 using GStreamerPads = GStreamerPlugin;
 
-// A pipeline of a text in its folder's place, stopped in the end.
+// A pipeline made from its text, and stopped at the end of the scope.
 class Pipeline {
 public:
     explicit Pipeline(const std::string &text)
@@ -37,7 +37,7 @@ public:
         return element;
     }
 
-    // "end", "timeout", or what the error says.
+    // Waits for the end. Returns "end", "timeout" or the text of the error.
     std::string outcome() const
     {
         GstMessage *message = gst_bus_timed_pop_filtered(
@@ -60,7 +60,7 @@ public:
     GstBus *bus;
 };
 
-// Buffers that passed a pad, to wait for. The pad may go on when this is gone.
+// Counts the buffers that pass a pad. The pad may outlive it.
 class Passed {
 public:
     explicit Passed(GstPad *pad)
@@ -150,7 +150,7 @@ TEST_F(GStreamerPads, AReferenceThatIsUnlinkedIsNotWaitedForAndMayComeBack)
         GstPad *branch = gst_element_get_static_pad(pipeline.part("branch"), "src");
         GstPad *reference = gst_element_get_static_pad(pipeline.part("aec"), "reference");
         GstPad *sink = gst_element_get_static_pad(pipeline.part("sink"), "sink");
-        // Unlinked while its audio waits to get in: nothing plays yet.
+        // Unlinked while its audio waits to enter the pad, before anything plays.
         gst_element_set_state(pipeline.bin, GST_STATE_PAUSED);
         gst_element_get_state(pipeline.bin, nullptr, nullptr, PATIENCE);
         gst_pad_unlink(branch, reference);
@@ -253,7 +253,7 @@ TEST_F(GStreamerPads, TakesTheReferenceFromAProbeInAnotherPipeline)
     g_object_set(mic->element, "probe", "loudspeaker", nullptr);
     gst_harness_set_src_caps_str(play, caps);
     gst_harness_set_src_caps_str(mic, caps);
-    // In blocks of 20 ms, the playback a block ahead of the capture.
+    // Blocks of 20 ms; playback is a block ahead of the capture.
     const Samples heard = part(recording, 0, 1, recording.instants());
     const Samples played = part(recording, 1, 1, recording.instants());
     const auto push = [](GstHarness *harness, const Samples &samples, size_t block) {
@@ -269,7 +269,7 @@ TEST_F(GStreamerPads, TakesTheReferenceFromAProbeInAnotherPipeline)
             push(play, played, block + 1);
             push(mic, heard, block);
         }
-        // A frame less than went in: the last is not full.
+        // The last frame is not full and does not come out.
         for (size_t frame = 0; frame + 2 < blocks * 960 / 768; frame++)
             gst_buffer_unref(gst_harness_pull(mic));
     });
@@ -326,7 +326,7 @@ TEST_F(GStreamerPads, FollowsTheProbeOfItsNameThatPlays)
         Harnessed::push(aec.mic, Samples(512), 0);
         aec.pull(), aec.pull();
         EXPECT_EQ(applied_delay(), 77); // of a canceller, so there is one
-        // It goes while it is used: the canceller stays, and what is played is silence.
+        // The probe goes while it is used: the canceller stays, and its reference is silent.
         gst_harness_teardown(playing);
         Harnessed::push(aec.mic, Samples(512), 32 * GST_MSECOND);
         aec.pull(), aec.pull();

@@ -1,4 +1,4 @@
-// The GStreamer plugin over files: its bytes, its settings, what it refuses.
+// The GStreamer plugin over files: its output, its settings, what it refuses, what it tells.
 #include "gstreamer_fixture.h"
 
 namespace {
@@ -8,7 +8,7 @@ TEST_F(GStreamerPlugin, GivesTheBytesOfCancelWavWithAReferenceThatEndsEarly)
     const Recording recording = make_recording(RATE, 2, 2);
     const size_t end = recording.instants();
     write_raw(folder + "/mic.raw", part(recording, 0, 2, end));
-    // What follows in the reference is silence anyway.
+    // The reference is silent from there on.
     write_raw(folder + "/ref.raw", part(recording, 2, 2, end - RATE + 5));
     run(OUT + raw_file("mic.raw", 2, 3001) + "! aec.sink " + raw_file("ref.raw", 2, 10007) +
         "! aec.reference");

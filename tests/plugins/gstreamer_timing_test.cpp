@@ -1,4 +1,4 @@
-// Timestamps, gaps, flushes, new formats: what goes in at a time comes out at that time.
+// Timestamps, gaps, flushes, new formats: audio comes out with the time at which it went in.
 #include "gstreamer_fixture.h"
 
 #include <numeric>
@@ -10,7 +10,7 @@ using Heard = Harnessed::Heard;
 
 constexpr GstClockTime FRAME = 16 * GST_MSECOND;
 
-// Each buffer begins where the one before ends; returns all samples.
+// Expects each buffer to begin where the one before ends. Returns all samples.
 Samples joined(const std::vector<Heard> &buffers)
 {
     Samples all;
@@ -118,7 +118,7 @@ TEST_F(GStreamerTiming, ASeekStartsWhereItWasAskedTo)
             all->samples += gst_buffer_get_size(buffer) / 2;
             return GST_PAD_PROBE_OK;
         };
-        // The first buffer waits at the sink already.
+        // The first buffer is at the sink before the probe is set.
         GstSample *first = nullptr;
         GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "fakesink0");
         if (sink) g_object_get(sink, "last-sample", &first, nullptr);
@@ -146,7 +146,7 @@ TEST_F(GStreamerTiming, AGapIsSilenceOfItsLengthAlsoAtTheEnd)
         Harnessed aec;
         capture_both(aec, suppress);
         standard_error_of([&] {
-            // 0.1 s each: sound, a gap, sound, nothing at all, sound, a gap.
+            // 0.1 s each: sound, gap event, sound, no buffer and no event, sound, gap event.
             const GstClockTime tenth = GST_SECOND / 10;
             Harnessed::push(aec.mic, noise(3200, 1), 0);
             gst_harness_push_event(aec.mic, gst_event_new_gap(tenth, tenth));
@@ -175,7 +175,7 @@ TEST_F(GStreamerTiming, ANewFormatOfTheMicrophonesLosesNothing)
         Harnessed::set_format(aec.mic, 16000, 2);
         Harnessed::set_format(aec.reference, 16000, 1);
         standard_error_of([&] {
-            // A reference of one piece; the microphones change within a frame, twice.
+            // The reference is one buffer. The microphones change within a frame, twice.
             Harnessed::push(aec.reference, noise(16000, 9), 0);
             gst_harness_push_event(aec.reference, gst_event_new_eos());
             Harnessed::push(aec.mic, noise(2 * 4000, 1), 0);
@@ -300,7 +300,7 @@ TEST_F(GStreamerTiming, TheSuppressorMayBeTurnedOnAndOff)
             g_object_set(aec.mic->element, "suppress", turn % 2 == 1, nullptr);
             Harnessed::push(aec.mic, noise(2 * 4000, 1),
                             static_cast<GstClockTime>(turn) * GST_SECOND / 4);
-            // Of 15 frames the first may be left from before, the last be held.
+            // 15 frames went in. The last may be held, and one of before may come out first.
             for (int frame = 0; frame < 14; frame++)
                 out.push_back(aec.pull());
         }

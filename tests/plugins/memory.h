@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <fstream>
 
-// Bytes of the heap in use (0 where a checker has a heap of its own) and resident memory.
+// The heap in use (0 where a checker replaces the heap) and the resident memory.
 struct Memory {
     size_t heap_bytes = 0;
     long resident_kib = 0;
@@ -28,8 +28,8 @@ inline Memory memory_now()
     return {heap_bytes, pages * (sysconf(_SC_PAGESIZE) / 1024)};
 }
 
-// Runs a stream of as many seconds as NAX_AEC_PLUGIN_SECONDS says, by default 2, and holds
-// that it takes no more memory in the end than after a tenth of it.
+// Runs a stream of NAX_AEC_PLUGIN_SECONDS, by default 2. Expects no more memory at the end than
+// after a tenth of it.
 template <typename RunSecond> void expect_flat_memory(RunSecond run_second)
 {
     const char *wanted = std::getenv("NAX_AEC_PLUGIN_SECONDS");

@@ -68,7 +68,7 @@ protected:
         return info;
     }
 
-    // A recording as the module has it, and room for as much of the microphones.
+    // A recording as planes of floats, and room for the cleaned microphones.
     struct Planes {
         std::vector<Plane> in, out;
 
@@ -89,7 +89,7 @@ protected:
         }
     };
 
-    // Runs all of it in blocks of changing size; returns 0 when all went well.
+    // Runs all of it in blocks of the sizes given, again and again. Returns 0 or an error.
     int run(Planes &planes, const std::vector<size_t> &blocks)
     {
         const float *in[MAX_PLANES];
@@ -109,7 +109,7 @@ protected:
         return 0;
     }
 
-    // What comes out of a recording.
+    // Runs a recording. Returns the cleaned microphones.
     Samples run(const Recording &recording, const std::vector<size_t> &blocks)
     {
         Planes planes(recording);
@@ -193,7 +193,7 @@ TEST_F(PipeWirePlugin, StartsAgainInSilenceWithNothingOfBeforeForAWholeSecond)
     }
 }
 
-// For the thread sanitiser.
+// ThreadSanitizer runs it (scripts/check-memory tsan).
 TEST_F(PipeWirePlugin, MayBeActivatedWhileTheDataThreadRuns)
 {
     Planes planes(make_recording(8000, 1, 1, 1.0));

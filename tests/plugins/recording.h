@@ -1,5 +1,5 @@
-// A recording for the plugins' tests, and what cancel_wav makes of it. CANCEL_WAV is the
-// command of the program.
+// A recording for the plugins' tests, and its output by cancel_wav. CANCEL_WAV is the command
+// of the program.
 #pragma once
 
 #include "programs.h"
@@ -19,9 +19,8 @@ struct Recording {
     size_t instants() const { return samples.size() / channels(); }
 };
 
-// Each loudspeaker plays speech of its own, the last second of it silent; each microphone
-// hears all of them, 40 ms late, and a talker in the second half. Not a whole number of
-// frames.
+// Each loudspeaker plays speech of its own and is silent in the last second. Each microphone
+// hears all of them 40 ms late, and a talker in the second half. The last frame is not whole.
 inline Recording make_recording(int32_t rate, size_t mics, size_t refs, double seconds = 2.5)
 {
     Recording recording = {rate, mics, refs, {}};
@@ -64,7 +63,7 @@ inline Samples cancelled(const std::string &folder, const Recording &recording,
     return read_wav(folder + "/cleaned.wav").samples;
 }
 
-// The same, suppressed, which is a frame later: by the two libraries.
+// The same by the two libraries, suppressed and a frame later.
 inline Samples suppressed(const Recording &recording)
 {
     const size_t frame = static_cast<size_t>(recording.rate) * 2 / 125;
@@ -95,7 +94,7 @@ inline Samples later(const Samples &samples, size_t instants, size_t channels)
     return held;
 }
 
-// An empty folder of the running test's own.
+// Makes an empty folder for the running test.
 inline std::string fresh_folder()
 {
     const auto *info = testing::UnitTest::GetInstance()->current_test_info();
