@@ -56,6 +56,11 @@ def mean(rows, *regions):
     return sum(row[region] for row in rows for region in regions) / len(rows)
 
 
+def is_shown(label):
+    """Whether a row of instructions is printed: as many microphones as references."""
+    return label[1] == label[2] and label[3:] == ('on', 'short')
+
+
 def form(words):
     """Rate, microphones and references in words."""
     return f'{words[0]} Hz, {words[1]} x {words[2]}'
@@ -74,7 +79,7 @@ def instructions(neon, scalar):
           'The byte path is what `nax_aec_byte` adds, with bytes to swap and channels to select.\n')
     rows = []
     for label, on in neon.items():
-        if label[3:] != ('on', 'short'):
+        if not is_shown(label):
             continue
         off = neon[label[:3] + ('off', 'byte')]
         off_canceller = mean(off, BINDING, LIBRARY)
@@ -103,7 +108,7 @@ def companion(name, call, region, word, neon, scalar, heap):
     taken = {tuple(words[:3]): words[word] for words in heap if words[4] == 'short'}
     rows = []
     for label, on in neon.items():
-        if label[3:] == ('on', 'short'):
+        if is_shown(label):
             plain = scalar[label]
             rows.append([form(label), in_thousands(mean(on, region)), in_thousands(mean(plain, region)),
                          *(f'{share(r, region):.2f} %' for r in (on, plain)), taken[label[:3]]])
@@ -131,7 +136,7 @@ def instructions_64(counts):
           'table below.\n')
     rows = []
     for label, on in counts.items():
-        if label[3:] != ('on', 'short'):
+        if not is_shown(label):
             continue
         off = counts[label[:3] + ('off', 'byte')]
         canceller = mean(on, BINDING, LIBRARY)
@@ -170,8 +175,9 @@ def heap_by_part(heap):
         record, lines, estimator, canceller = (int(word) for word in words[5:9])
         ours = record + lines + estimator + sel[tuple(words[:3])]
         largest = max(largest, ours)
-        rows.append([form(words), str(record), str(lines), str(estimator),
-                     str(sel[tuple(words[:3])]), str(ours), str(canceller)])
+        if words[1] == words[2]:
+            rows.append([form(words), str(record), str(lines), str(estimator),
+                         str(sel[tuple(words[:3])]), str(ours), str(canceller)])
     table(['format', 'record and frames', 'delay lines', 'estimator', 'byte path', 'ours',
            'canceller'], rows)
     check('heap', largest, OUR_HEAP_LIMIT)
