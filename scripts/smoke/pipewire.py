@@ -31,18 +31,18 @@ def stanza(library=PLUGIN, arguments="{ delay = 768 }", mics=2):
     return text.replace("MICS", "FL,FR" if mics == 2 else "MONO")
 
 
-def applied_delay(it):
-    """What the running module tells of it; None where its version tells nothing."""
-    # It is told when the streams connect and whenever a parameter is set.
+def told(it):
+    """The parameters that the running module tells; empty where its version tells none."""
+    # They are told when the streams connect and whenever a parameter is set.
     it.ask("pw-cli", "set-param", "ec_capture", "Props", '{ "params": [ "nax.applied-delay", 0 ] }')
     for node in json.loads(it.ask("pw-dump")):
         info = node.get("info") or {}
         if (info.get("props") or {}).get("node.name") == "ec_capture":
             for props in info["params"].get("Props", []):
-                told = props.get("params", [])
-                if "nax.applied-delay" in told:
-                    return told[told.index("nax.applied-delay") + 1]
-    return None
+                params = props.get("params", [])
+                if "nax.applied-delay" in params:
+                    return dict(zip(params[::2], params[1::2]))
+    return {}
 
 
 def in_the_server(folder, quantum, mics=2, library=PLUGIN):
@@ -57,9 +57,10 @@ def in_the_server(folder, quantum, mics=2, library=PLUGIN):
             it.start("timeout", "3", "pw-cat", "-p", "--latency", "256/48000", "--target", "speaker", "played.wav")
             time.sleep(1)
         out = server.play_and_record(it, "ec_source", "ec_sink")
-        delay, banners = applied_delay(it), it.log().count("nax_aec_state_init")
-    print(f"{name}: {banners} banner lines, applied delay {delay}")
-    return sound.judge(name, out, mics)
+        tells, banners = told(it), it.log().count("nax_aec_state_init")
+    delay, status = (tells.get(f"nax.{which}") for which in ("applied-delay", "status"))
+    print(f"{name}: {banners} banner lines, applied delay {delay}, status {status}")
+    return sound.judge(name, out, mics) and (library != PLUGIN or status == "cancelling")
 
 
 def wrong_setting(folder):
