@@ -18,10 +18,8 @@ static constexpr float RIVAL_SHARE = 0.7f;
 // path is sure itself the factor is larger, because tones make tall peaks beside it.
 static constexpr float BEAT = 1 / RIVAL_SHARE;
 static constexpr float TALL_BEAT = 2.5f;
-// Sightings of a peak near the path after which it is believed: a few, or many where the
-// old lag still stands taller or where only tail can be won.
+// Sightings in a row after which a peak near the path is believed.
 static constexpr int32_t FEW_SIGHTINGS = 4;
-static constexpr int32_t MANY_SIGHTINGS = 12;
 
 // A candidate is verified when the squares of both heights make this sum, the fine evidence
 // rests on so many updates, and its height has grown by this factor since the first look. The
@@ -36,8 +34,6 @@ static constexpr int32_t REFUSAL_UPDATES = 6;
 // Onsets in a row that settle a path, and after which a settled path's delay moves to win tail.
 static constexpr int32_t SETTLED_AGREEMENTS = 2;
 static constexpr int32_t TAIL_AGREEMENTS = 24;
-// Looks at a path are urgent until it has settled, but no more of them than so many.
-static constexpr int32_t URGENT_UPDATES = 12;
 // Frames after a doubt until the path may be doubted again: one second.
 static constexpr int32_t CALM_FRAMES = 60;
 
@@ -74,14 +70,7 @@ bool is_searching(const DelayDecision &decision, float followed)
 
 bool is_urgent(const DelayDecision &decision)
 {
-    switch (decision.phase) {
-    case Phase::SEARCHING:
-    case Phase::SETTLED: return false;
-    case Phase::SETTLING: return decision.look.updates < URGENT_UPDATES;
-    case Phase::VERIFYING:
-    case Phase::DOUBTED: return true;
-    }
-    return false;
+    return decision.phase != Phase::SEARCHING && decision.phase != Phase::SETTLED;
 }
 
 static bool is_near(int32_t lag, int32_t other, int32_t spread)
@@ -210,30 +199,24 @@ static int32_t see_elsewhere(DelayDecision &decision, const Sight &sight)
 }
 
 // The tallest peak lies in the path that is followed. Once the fine look has settled, it
-// decides there. While the lag followed so far stands taller, an earlier peak may come from
-// the talker's pitch; it counts when it stays. Returns the delay wanted.
+// decides there. While the lag followed so far stands taller, another peak may come from the
+// talker's pitch. Returns the delay wanted.
 static int32_t see_within_path(DelayDecision &decision, const Sight &sight)
 {
-    const int32_t now = decision.applied.now;
+    const AppliedDelay &applied = decision.applied;
     const int32_t arrival = sight.lag * decision.decimation;
-    const bool took_over = sight.height >= sight.followed;
     if (sight.rival >= RIVAL_SHARE * sight.height || sight.height < SURE_HEIGHT ||
-        decision.sightings < (took_over ? FEW_SIGHTINGS : 2 * MANY_SIGHTINGS))
-        return now;
+        sight.height < sight.followed || decision.sightings < FEW_SIGHTINGS)
+        return applied.now;
     if (decision.phase == Phase::SETTLED || decision.phase == Phase::DOUBTED) {
         if (sight.lag < decision.found - SAME_AIM_LAGS)
-            doubt(decision,
-                  took_over && is_late(decision.applied, arrival) ? SURE_HEIGHT : WEAK_HEIGHT);
-        return now;
+            doubt(decision, is_late(applied, arrival) ? SURE_HEIGHT : WEAK_HEIGHT);
+        return applied.now;
     }
     decision.found = sight.lag;
-    const int32_t wanted = delay_for(decision.applied, arrival, COARSE_MARGIN);
-    const bool tail = !decision.placed && decision.applied.has_left_base &&
-                      decision.sightings >= MANY_SIGHTINGS &&
-                      is_much_tail(decision.applied, wanted);
-    if (arrival >= now && !tail) return now;
+    if (arrival >= applied.now) return applied.now;
     decision.placed = false;
-    return wanted;
+    return delay_for(applied, arrival, COARSE_MARGIN);
 }
 
 static int32_t take_sight(DelayDecision &decision, const Sight &sight)
