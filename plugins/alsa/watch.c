@@ -10,6 +10,7 @@
 #include <alsa/asoundlib.h>
 #include <signal.h>
 #include <time.h>
+#include <unistd.h>
 
 const char *watch_decide(int *logged, int verdict)
 {
@@ -48,7 +49,7 @@ static void *watch_it(void *object)
 void watch_begin(struct watch *watch, const nax_meter_state *meter)
 {
     sigset_t all, before;
-    *watch = (struct watch){.meter = meter, .logged = NAX_METER_SEARCHING};
+    *watch = (struct watch){.meter = meter, .process = getpid(), .logged = NAX_METER_SEARCHING};
     pthread_mutex_init(&watch->lock, NULL);
     pthread_cond_init(&watch->ending, NULL);
     /* The program's signals are for its own threads. */
@@ -60,6 +61,7 @@ void watch_begin(struct watch *watch, const nax_meter_state *meter)
 
 void watch_look(struct watch *watch)
 {
+    if (watch->process != getpid()) watch_begin(watch, watch->meter);
     pthread_mutex_lock(&watch->lock);
     look(watch);
     pthread_mutex_unlock(&watch->lock);
@@ -67,7 +69,7 @@ void watch_look(struct watch *watch)
 
 void watch_end(struct watch *watch)
 {
-    if (!watch->meter) return;
+    if (!watch->meter || watch->process != getpid()) return;
     pthread_mutex_lock(&watch->lock);
     look(watch);
     watch->ends = true;

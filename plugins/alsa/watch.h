@@ -13,12 +13,14 @@
 
 #include <pthread.h>
 #include <stdbool.h>
+#include <sys/types.h>
 
 struct watch {
     pthread_t thread;
     pthread_mutex_t lock; /* of the following */
     pthread_cond_t ending;
     const nax_meter_state *meter;
+    pid_t process; /* that has the thread: a forked one has not */
     bool runs, ends;
     int logged; /* the alarm in the log, or NAX_METER_SEARCHING */
 };
@@ -26,7 +28,7 @@ struct watch {
 /* Watches a meter until watch_end. Without memory for a thread only watch_look logs. */
 void watch_begin(struct watch *watch, const nax_meter_state *meter);
 
-/* Looks now, from a thread that may write to the log. */
+/* Looks now, from a thread that may write to the log. In a forked process it begins anew. */
 void watch_look(struct watch *watch);
 
 /* Looks once more and ends the thread. Nothing happens where none was begun. */

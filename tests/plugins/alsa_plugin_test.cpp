@@ -9,6 +9,7 @@
 #include <alsa/pcm_extplug.h>
 #include <dlfcn.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 // The plugin as ALSA knows it: this call is ALSA's, and notes the plugin that makes it.
@@ -357,6 +358,31 @@ TEST_F(AlsaPlugin, LogsWhenItIsWellAgainAndLooksAtTheEnd)
         snd_pcm_close(pcm);
     });
     EXPECT_NE(good.find("nax_aec: well again: "), std::string::npos) << good;
+}
+
+TEST_F(AlsaPlugin, StreamsAndClosesInAForkedProcess)
+{
+    const Recording recording = dead_microphone();
+    configure(recording, "", "board", "looped yes");
+    snd_pcm_t *pcm = start(recording);
+    read(pcm, recording, 1000, {1000});
+    ErrorPipe log;
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(20); // ends it where it waits for ever
+        snd_pcm_drop(pcm);
+        snd_pcm_prepare(pcm);
+        read(pcm, recording, recording.instants(), {1000});
+        snd_pcm_close(pcm);
+        _exit(0);
+    }
+    int ended = -1;
+    waitpid(child, &ended, 0);
+    EXPECT_EQ(ended, 0);
+    EXPECT_EQ(write(STDERR_FILENO, "end", 3), 3);
+    EXPECT_TRUE(log.wait_for("end"));
+    EXPECT_NE(log.said.find("alarm: no-microphone"), std::string::npos) << log.said;
+    snd_pcm_close(pcm);
 }
 
 // Each channel is in memory of its own; the pieces have many sizes.
