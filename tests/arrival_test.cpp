@@ -5,6 +5,7 @@
 #include "signals.h"
 
 #include <algorithm>
+#include <cmath>
 
 // A record that hears noise and its echo through a response.
 class Listener {
@@ -142,6 +143,35 @@ TEST(Arrival, AimsNoFurtherThanTheReferenceReachesBack)
     early.hear(5, 9000.0, 1000.0);
     EXPECT_NEAR(early.look(-500, 6).lag, 40, 1);
     EXPECT_GE(listener.look(-500, 6).lag, 0);
+}
+
+TEST(Arrival, FindsNoOnsetBeforeTheSoundWhateverTheRate)
+{
+    for (const int32_t rate : RATES) {
+        Listener listener(rate, 40, {0.0}); // the tallest lag is any
+        listener.hear(5, 9000.0, 1000.0);
+        for (int32_t n = 0; n < 20; n++)
+            EXPECT_GE(listener.look(40, 1).lag, 0) << rate;
+    }
+}
+
+// No bin counts for more than another, however loud it is.
+TEST(Arrival, WhitensBothSignals)
+{
+    Listener listener(16000, 500, {0.5});
+    listener.hear(10, 9000.0, 1000.0);
+    for (int32_t n = 0; n < 10; n++) {
+        listener.look(500, 1);
+        for (const nax::FineSpectrum *spectrum : {&listener.arrival.x, &listener.arrival.y}) {
+            float sum = 0;
+            for (int32_t k = 0; k < listener.arrival.bins; k++) {
+                const float size = std::hypot(spectrum->re[k], spectrum->im[k]);
+                EXPECT_LE(size, 1);
+                sum += size;
+            }
+            EXPECT_GT(sum, 0.3f * static_cast<float>(listener.arrival.bins));
+        }
+    }
 }
 
 // At 32000 Hz the ring does not hold a whole number of frames.
