@@ -5,20 +5,21 @@
  * Copyright (c) 2026 the nax_aec authors. MIT licence, see LICENSE.
  *
  * @par What it does
- * A linear canceller leaves what its filter cannot explain: the room's late tail, what a
- * loudspeaker distorts, all of the echo until it has converged. This library attenuates
- * that, frequency by frequency, in the output of nax_aec_short, so that a listener at the
- * far end hears the near-end talker and the noise of the room, and no echo. It learns by
- * itself how much echo the canceller leaves; there is nothing to set. While nothing is
- * played the microphones pass unchanged.
+ * A linear canceller leaves the echo that its filter cannot model: the room's late
+ * reverberation, the distortion of a loudspeaker, and all of the echo until it has
+ * converged. This library attenuates that residual echo, frequency by frequency, in the
+ * output of nax_aec_short. A listener at the far end then hears the near-end talker and
+ * the noise of the room. The library estimates the residual echo while it runs. A neural
+ * network of 41,000 weights, which is part of the library, judges how much of each
+ * frequency band is the near-end talker. There is nothing to set, to load or to train.
+ * While nothing is played, the microphones pass unchanged.
  *
- * It is a library of its own, libnax_res, of the same version as nax_aec, of which it
- * needs nothing but the signals.
+ * It is a library of its own, libnax_res, of the same version as nax_aec. It uses only the
+ * signals of nax_aec.
  *
  * @par What it refuses to do
- * Formats that nax_aec does not serve. It reduces no noise, changes no level and cancels
- * no echo: without a canceller in front it would have to choose between the echo and the
- * near end where both are as loud.
+ * Formats that nax_aec does not serve. It reduces no noise, controls no level and cancels
+ * no echo. Without a canceller in front it could only mute echo and near end together.
  *
  * @par Legal formats
  * @code{.unparsed}
@@ -41,9 +42,9 @@
  * @endcode
  *
  * @par Threads
- * The library starts no thread, takes no lock and keeps nothing outside its states. A
- * state is used by one thread at a time; different states may run, and be created, on
- * different threads. Real-time use is stated call by call.
+ * The library starts no thread, takes no lock and writes to nothing outside its states. A
+ * state may be used by one thread at a time. Different states may be created and run on
+ * different threads at the same time. Each call says whether it is fit for real-time use.
  *
  * @par Messages
  * None.
@@ -58,8 +59,8 @@ extern "C" {
 #endif
 
 /**
- * The state of one audio stream. Opaque; made by nax_res_state_init and released by
- * nax_res_state_destroy.
+ * The state of one audio stream. Opaque. nax_res_state_init creates it and
+ * nax_res_state_destroy releases it.
  */
 typedef struct nax_res_state nax_res_state;
 
@@ -68,13 +69,14 @@ typedef struct nax_res_state nax_res_state;
  *
  * @param sample_rate      8000, 16000, 32000 or 48000, in Hz.
  * @param num_src_channel  M, 1 or 2.
- * @param num_ref_channel  R, 1 or more: the same as for nax_aec_state_init, so with the
- *                         references that are dropped there.
+ * @param num_ref_channel  R, 1 or more. The same as for nax_aec_state_init: dropped
+ *                         references are counted.
  * @return the new state, which the caller releases by nax_res_state_destroy, or null when
  * the format is not supported or memory is short.
  *
- * Everything that a state needs is allocated here: 46 to 72 KB by rate, 52 KB a
- * microphone, 3 KB a reference.
+ * All memory of a state is allocated here: 46 to 72 KB depending on the rate, 50 KB per
+ * microphone and 3 KB per reference. The weights of the network, 44 KB, are constants that
+ * all states of all processes share.
  *
  * Threads: any.
  *
@@ -84,28 +86,29 @@ nax_res_state *nax_res_state_init(int32_t sample_rate, int32_t num_src_channel,
                                   int32_t num_ref_channel);
 
 /**
- * Suppresses the echo left in one frame.
+ * Suppresses the residual echo of one frame.
  *
  * @param state  from nax_res_state_init.
  * @param aec    F x (M + R) samples, the output out of nax_aec_short: the cleaned
  *               microphones, then the aligned references, zeros for dropped ones.
- * @param echo   F x M samples, its output echo: what was taken out of each microphone.
- * @param out    room for F x M samples: the microphones of the frame before this one,
- *               suppressed. The first call gives silence.
+ * @param echo   F x M samples, the output echo of nax_aec_short: the echo that was removed
+ *               from each microphone.
+ * @param out    F x M samples are written: the suppressed microphones of the frame before
+ *               this one. The first call writes silence.
  * @return 0, or -1 when any argument is null; then nothing is read or written.
  *
- * Call it once per frame, with the outputs of every frame in turn: nax_aec_short must be
- * given buffers for both. Where the echo stopped or the canceller started anew, no call is
- * needed: the suppressor follows within a second. After a gap in the audio go on likewise,
- * or begin with a new state.
+ * Call it once per frame, for every frame and in order. nax_aec_short must be given
+ * buffers for both outputs. When the echo stops or the canceller restarts, nothing needs
+ * to be done: the suppressor follows within a second. After a gap in the audio continue
+ * with the same state or create a new one.
  *
- * Aliasing: out may be the same buffer as echo or as aec, since both are read before it is
- * written.
+ * Aliasing: out may be the same buffer as echo or as aec. Both are read completely before
+ * out is written.
  *
  * Threads: one at a time per state.
  *
- * Real time: yes, no allocation, no lock, no system call. The floating-point mode is as
- * before when it returns.
+ * Real time: yes. No allocation, no lock, no system call, less than 8 KB of stack. The
+ * floating-point mode is restored on return.
  */
 int32_t nax_res_short(nax_res_state *state, const int16_t *aec, const int16_t *echo, int16_t *out);
 

@@ -11,9 +11,6 @@ static constexpr int32_t EDGES[] = {0,  1,  2,  3,  4,  5,  6,  7,  9,  10, 12, 
 static_assert(sizeof EDGES / sizeof *EDGES == MAX_BANDS + 1);
 static_assert(EDGES[MAX_BANDS] * VECTOR == MAX_FRAME);
 
-// Bands between 250 Hz and 4.4 kHz, where speech is strongest, in steps of 125 Hz.
-static constexpr int32_t NEAR_FROM = 2, NEAR_TO = 35;
-
 Bands bands_for(int32_t frame_size)
 {
     const int32_t vectors = frame_size / VECTOR; // up to half the rate
@@ -25,8 +22,6 @@ Bands bands_for(int32_t frame_size)
         const int32_t last = to == vectors ? 1 : 0;
         bands.edge[b + 1] = (to + last) * VECTOR;
         bands.share[b] = 1 / static_cast<float>(to * VECTOR + last - bands.edge[b]);
-        if (EDGES[b] < NEAR_FROM) bands.near_from = b + 1;
-        if (EDGES[b] < NEAR_TO) bands.near_to = b + 1;
     }
     return bands;
 }

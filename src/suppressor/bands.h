@@ -18,8 +18,6 @@ struct Bands {
     int32_t edge[MAX_BANDS + 1];
     // 1 / number of bins of a band, without the padding above half the rate.
     float share[MAX_BANDS];
-    // The bands near_from to near_to - 1 are used to tell a talker from an echo.
-    int32_t near_from, near_to;
 };
 
 // The bands for frames of the given length in samples.

@@ -13,11 +13,6 @@
 
 namespace nax::res {
 
-// The talker's share of the power is mapped from this range to 0..1. Its running mean
-// follows a rise within 2 frames and a fall within 10.
-static constexpr float NO_NEAR = 0.35f, ALL_NEAR = 0.85f;
-static constexpr float KEEP_RISING = 0.5f, KEEP_FALLING = 0.9f;
-static constexpr float KEEP_COMPARISON = 0.9f;
 static constexpr float KEEP_POWER = 0.97f; // 0.94 to 0.97 give equal results
 
 // Factor by which the echo is overestimated while the far end talks alone; 1 with a talker.
@@ -49,44 +44,24 @@ static constexpr std::array<float, POINTS> powers(double a)
 static constexpr std::array<float, POINTS> OVER = powers(OVER_ALONE);
 static constexpr std::array<float, POINTS> FLOOR = powers(FLOOR_ALONE / FLOOR_NEAR);
 
-static float between(const std::array<float, POINTS> &table, float near)
+static float between(const std::array<float, POINTS> &table, float talker)
 {
-    const float at = near * STEPS;
+    const float at = talker * STEPS;
     const size_t i = std::min(static_cast<size_t>(at), size_t{STEPS - 1});
     return table[i] + (at - static_cast<float>(i)) * (table[i + 1] - table[i]);
 }
 
-static void smooth(float &mean, float value, float keep)
-{
-    mean = keep * mean + (1 - keep) * value;
-}
-
-// The coherence |<Y E*>|^2 / (<|Y|^2> <|E|^2>) of a band; 1 in digital silence.
-static float coherence(Gain &gain, const Comparison &comparison, int32_t b)
-{
-    smooth(gain.cleaned[b], comparison.cleaned[b], KEEP_COMPARISON);
-    smooth(gain.mic[b], comparison.mic[b], KEEP_COMPARISON);
-    smooth(gain.cross_re[b], comparison.cross_re[b], KEEP_COMPARISON);
-    smooth(gain.cross_im[b], comparison.cross_im[b], KEEP_COMPARISON);
-    const float re = gain.cross_re[b], im = gain.cross_im[b];
-    return std::min((re * re + im * im + TINY_POWER) / (gain.cleaned[b] * gain.mic[b] + TINY_POWER),
-                    1.0f);
-}
-
-void gain_apply(Gain &gain, const Bands &bands, const Comparison &comparison,
-                const Residual &residual, const Noise &noise, const float *cleaned_power,
+void gain_apply(Gain &gain, const Bands &bands, const float *talker, const float *coherence,
+                const float *residual_power, const float *noise_power, const float *cleaned_power,
                 Complex *spectrum)
 {
-    const float near =
-        std::clamp((residual.near_share - NO_NEAR) / (ALL_NEAR - NO_NEAR), 0.0f, 1.0f);
-    smooth(gain.near, near, near > gain.near ? KEEP_RISING : KEEP_FALLING);
-
-    float factor[MAX_BANDS];
-    for (int32_t b = 0; b < bands.count; b++)
-        factor[b] = gain.near + (1 - gain.near) * coherence(gain, comparison, b);
-    const GainRule rule = {between(OVER, gain.near), KEEP_POWER,
-                           FLOOR_NEAR * between(FLOOR, gain.near)};
-    apply_gain(bands, rule, factor, cleaned_power, residual.power, noise.power, gain.power_out,
+    GainRule rule;
+    for (int32_t b = 0; b < bands.count; b++) {
+        rule.over[b] = between(OVER, talker[b]);
+        rule.floor[b] = FLOOR_NEAR * between(FLOOR, talker[b]);
+        rule.factor[b] = talker[b] + (1 - talker[b]) * coherence[b];
+    }
+    apply_gain(bands, rule, KEEP_POWER, cleaned_power, residual_power, noise_power, gain.power_out,
                spectrum);
 }
 

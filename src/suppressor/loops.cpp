@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace nax::res {
 
@@ -55,18 +56,20 @@ void scalar::compare(const Bands &bands, const Complex *cleaned, const Complex *
                      float *cleaned_power, float *echo_power, Comparison &comparison)
 {
     for (int32_t b = 0; b < bands.count; b++) {
-        LaneSums of_cleaned, of_mic, re, im;
+        LaneSums of_cleaned, of_echo, of_mic, re, im;
         for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k++) {
             const Complex e = cleaned[k], removed = echo[k];
             const Complex y = {e.re + removed.re, e.im + removed.im};
             cleaned_power[k] = e.re * e.re + e.im * e.im;
             echo_power[k] = removed.re * removed.re + removed.im * removed.im;
             of_cleaned.add(k, cleaned_power[k]);
+            of_echo.add(k, echo_power[k]);
             of_mic.add(k, y.re * y.re + y.im * y.im);
             re.add(k, y.re * e.re + y.im * e.im);
             im.add(k, y.im * e.re - y.re * e.im);
         }
         comparison.cleaned[b] = of_cleaned.total() * bands.share[b];
+        comparison.echo[b] = of_echo.total() * bands.share[b];
         comparison.mic[b] = of_mic.total() * bands.share[b];
         comparison.cross_re[b] = re.total() * bands.share[b];
         comparison.cross_im[b] = im.total() * bands.share[b];
@@ -91,20 +94,15 @@ void scalar::predict_echo(const Bands &bands, const float *activity, const float
 }
 
 void scalar::estimate_residual(const Bands &bands, const float *leakage, const float *predicted,
-                               const float *cleaned_power, Excess constants, float *residual,
-                               float *running, float *excess, float *total)
+                               float release, float *residual, float *means)
 {
-    const float news = 1 - constants.keep;
     for (int32_t b = 0; b < bands.count; b++) {
-        LaneSums above, all;
+        LaneSums sum;
         for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k++) {
-            residual[k] = std::max(leakage[b] * predicted[k], constants.release * residual[k]);
-            running[k] = constants.keep * running[k] + news * cleaned_power[k];
-            above.add(k, std::max(running[k] - constants.times * residual[k], 0.0f));
-            all.add(k, running[k]);
+            residual[k] = std::max(leakage[b] * predicted[k], release * residual[k]);
+            sum.add(k, residual[k]);
         }
-        excess[b] = above.total();
-        total[b] = all.total();
+        means[b] = sum.total() * bands.share[b];
     }
 }
 
@@ -116,24 +114,75 @@ void scalar::track_least(const float *power, float keep, float *running, float *
     }
 }
 
-void scalar::apply_gain(const Bands &bands, GainRule rule, const float *factor,
+void scalar::apply_gain(const Bands &bands, const GainRule &rule, float keep,
                         const float *cleaned_power, const float *residual, const float *noise,
                         float *power_out, Complex *spectrum)
 {
-    const float news = 1 - rule.keep;
     for (int32_t b = 0; b < bands.count; b++)
         for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k++) {
-            const float echo = rule.over * residual[k];
-            const float clear = rule.keep * power_out[k] +
-                                news * std::max(cleaned_power[k] - echo, 0.0f) + TINY_POWER;
-            const float wiener = factor[b] * clear / (clear + echo);
+            const float echo = rule.over[b] * residual[k];
+            const float clear = keep * power_out[k] +
+                                (1 - keep) * std::max(cleaned_power[k] - echo, 0.0f) + TINY_POWER;
+            const float wiener = rule.factor[b] * clear / (clear + echo);
             const float held = std::sqrt(noise[k] / (cleaned_power[k] + TINY_POWER));
-            const float least = std::max(rule.floor, held);
+            const float least = std::max(rule.floor[b], held);
             const float gain = std::min(std::max(wiener, least), 1.0f);
             power_out[k] = gain * gain * cleaned_power[k];
             spectrum[k].re *= gain;
             spectrum[k].im *= gain;
         }
+}
+
+void scalar::fourth_roots(const float *power, float *roots, int32_t bins)
+{
+    for (int32_t k = 0; k < bins; k++) {
+        uint32_t bits;
+        memcpy(&bits, &power[k], sizeof bits);
+        bits = bits / 4 + THREE_QUARTERS_OF_ONE;
+        memcpy(&roots[k], &bits, sizeof bits);
+    }
+}
+
+void scalar::sum_products(const float *a, const float *b, const float *c, int32_t count,
+                          Moments &sums)
+{
+    LaneSums of_a, of_b, of_c, aa, bb, cc, ab, ac;
+    for (int32_t k = 0; k < count; k++) {
+        of_a.add(k, a[k]);
+        of_b.add(k, b[k]);
+        of_c.add(k, c[k]);
+        aa.add(k, a[k] * a[k]);
+        bb.add(k, b[k] * b[k]);
+        cc.add(k, c[k] * c[k]);
+        ab.add(k, a[k] * b[k]);
+        ac.add(k, a[k] * c[k]);
+    }
+    sums = {of_a.total(), of_b.total(), of_c.total(), aa.total(),
+            bb.total(),   cc.total(),   ab.total(),   ac.total()};
+}
+
+void scalar::apply_layer(const Layer &layer, const int8_t *inputs, float *outputs)
+{
+    const int8_t *weight = layer.weights;
+    for (int32_t i = 0; i < layer.rows; i += LAYER_ROWS) {
+        int32_t sums[LAYER_ROWS] = {};
+        for (int32_t j = 0; j < layer.columns; j += LAYER_COLUMNS)
+            for (int32_t &sum : sums)
+                for (int32_t k = 0; k < LAYER_COLUMNS; k++)
+                    sum += *weight++ * inputs[j + k];
+        for (int32_t k = 0; k < LAYER_ROWS; k++)
+            outputs[i + k] = static_cast<float>(sums[k]) * layer.scale[i + k] + layer.bias[i + k];
+    }
+}
+
+void scalar::squash(float *values, int32_t count)
+{
+    for (int32_t i = 0; i < count; i++) {
+        const float x = std::min(std::max(values[i], -TANH_LIMIT), TANH_LIMIT), s = x * x;
+        const float above = ((s + 378) * s + 17325) * s + 135135;
+        const float below = ((28 * s + 3150) * s + 62370) * s + 135135;
+        values[i] = x * above / below;
+    }
 }
 
 WindowSamples *window_samples = scalar::window_samples;
@@ -146,6 +195,10 @@ PredictEcho *predict_echo = scalar::predict_echo;
 EstimateResidual *estimate_residual = scalar::estimate_residual;
 TrackLeast *track_least = scalar::track_least;
 ApplyGain *apply_gain = scalar::apply_gain;
+FourthRoots *fourth_roots = scalar::fourth_roots;
+SumProducts *sum_products = scalar::sum_products;
+ApplyLayer *apply_layer = scalar::apply_layer;
+Squash *squash = scalar::squash;
 
 #if NAX_AEC_NEON
 [[gnu::constructor]] static void choose_neon()
@@ -161,6 +214,10 @@ ApplyGain *apply_gain = scalar::apply_gain;
     estimate_residual = neon::estimate_residual;
     track_least = neon::track_least;
     apply_gain = neon::apply_gain;
+    fourth_roots = neon::fourth_roots;
+    sum_products = neon::sum_products;
+    apply_layer = neon::apply_layer;
+    squash = neon::squash;
 }
 #endif
 

@@ -32,9 +32,11 @@ using AddPower = void(const Complex *spectrum, float *power, int32_t bins);
 // Mean of a power over each band.
 using BandMeans = void(const Bands &bands, const float *power, float *means);
 
-// Means over each band of the cleaned microphone E and the raw microphone Y = E + echo.
+// Means over each band of the cleaned microphone E, the removed echo D and the raw microphone
+// Y = E + D.
 struct Comparison {
     float cleaned[MAX_BANDS];                       // |E|^2
+    float echo[MAX_BANDS];                          // |D|^2
     float mic[MAX_BANDS];                           // |Y|^2
     float cross_re[MAX_BANDS], cross_im[MAX_BANDS]; // Y conj(E)
 };
@@ -53,17 +55,9 @@ using PredictEcho = void(const Bands &bands, const float *activity, const float 
                          const float *ref_power, const float *echo_power, Tail constants,
                          float *tail, float *predicted, float *means);
 
-// residual = max(leakage x predicted, release x residual), and the running mean of the
-// cleaned power, running = keep x running + (1 - keep) x cleaned_power. Sums over each band:
-// total of running, and excess of max(running - times x residual, 0).
-struct Excess {
-    float release; // per frame
-    float keep;    // per frame
-    float times;
-};
+// residual = max(leakage x predicted, release x residual), and its mean over each band.
 using EstimateResidual = void(const Bands &bands, const float *leakage, const float *predicted,
-                              const float *cleaned_power, Excess constants, float *residual,
-                              float *running, float *excess, float *total);
+                              float release, float *residual, float *means);
 
 // running = keep x running + (1 - keep) x power, and least = min(least, running).
 using TrackLeast = void(const float *power, float keep, float *running, float *least, int32_t bins);
@@ -74,13 +68,39 @@ using TrackLeast = void(const float *power, float keep, float *running, float *l
 //   s = keep x power_out + (1 - keep) x max(cleaned_power - over x residual, 0).
 // power_out is the output power of the frame before and becomes that of this frame.
 struct GainRule {
-    float over;
-    float keep; // per frame
-    float floor;
+    float over[MAX_BANDS];
+    float floor[MAX_BANDS];
+    float factor[MAX_BANDS];
 };
-using ApplyGain = void(const Bands &bands, GainRule rule, const float *factor,
+using ApplyGain = void(const Bands &bands, const GainRule &rule, float keep,
                        const float *cleaned_power, const float *residual, const float *noise,
                        float *power_out, Complex *spectrum);
+
+// roots = about power^(1/4), within 6 %: the bits of a float are about its logarithm, so a
+// quarter of them are those of its root. 0 gives 3e-10. bins is a multiple of 4.
+using FourthRoots = void(const float *power, float *roots, int32_t bins);
+inline constexpr uint32_t THREE_QUARTERS_OF_ONE = 0x3f800000u / 4 * 3; // of the bits of 1.0f
+
+// Sums of three quantities and of their products; count is a multiple of 4.
+struct Moments {
+    float a, b, c, aa, bb, cc, ab, ac;
+};
+using SumProducts = void(const float *a, const float *b, const float *c, int32_t count,
+                         Moments &sums);
+
+// Computes scale[row] x (weights of the row) . inputs + bias[row], up to the scale in integers.
+inline constexpr int32_t LAYER_ROWS = 4, LAYER_COLUMNS = 16; // of a block of weights
+struct Layer {
+    int32_t rows;          // multiple of LAYER_ROWS
+    int32_t columns;       // multiple of LAYER_COLUMNS
+    const int8_t *weights; // block by block, row by row; -127 to 127
+    const float *scale, *bias;
+};
+using ApplyLayer = void(const Layer &layer, const int8_t *inputs, float *outputs);
+
+// values = tanh(values), within 1e-4: Lambert's continued fraction. count is a multiple of 4.
+using Squash = void(float *values, int32_t count);
+inline constexpr float TANH_LIMIT = 4.9f; // beyond it the fraction would exceed 1
 
 // A power that is small compared with that of rounding to 16 bits, 1/12.
 inline constexpr float TINY_POWER = 1e-6f;
@@ -96,6 +116,10 @@ PredictEcho predict_echo;
 EstimateResidual estimate_residual;
 TrackLeast track_least;
 ApplyGain apply_gain;
+FourthRoots fourth_roots;
+SumProducts sum_products;
+ApplyLayer apply_layer;
+Squash squash;
 } // namespace scalar
 
 #if NAX_AEC_NEON
@@ -110,6 +134,10 @@ PredictEcho predict_echo;
 EstimateResidual estimate_residual;
 TrackLeast track_least;
 ApplyGain apply_gain;
+FourthRoots fourth_roots;
+SumProducts sum_products;
+ApplyLayer apply_layer;
+Squash squash;
 } // namespace neon
 #endif
 
@@ -124,5 +152,9 @@ extern PredictEcho *predict_echo;
 extern EstimateResidual *estimate_residual;
 extern TrackLeast *track_least;
 extern ApplyGain *apply_gain;
+extern FourthRoots *fourth_roots;
+extern SumProducts *sum_products;
+extern ApplyLayer *apply_layer;
+extern Squash *squash;
 
 } // namespace nax::res

@@ -79,21 +79,24 @@ void compare(const Bands &bands, const Complex *cleaned, const Complex *echo, fl
              float *echo_power, Comparison &comparison)
 {
     for (int32_t b = 0; b < bands.count; b++) {
-        float32x4_t of_cleaned = vdupq_n_f32(0), of_mic = of_cleaned, re = of_cleaned,
-                    im = of_cleaned;
+        float32x4_t of_cleaned = vdupq_n_f32(0), of_echo = of_cleaned, of_mic = of_cleaned,
+                    re = of_cleaned, im = of_cleaned;
         for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k += VECTOR) {
             const float32x4x2_t e = load(cleaned + k), removed = load(echo + k);
             const float32x4x2_t y = {
                 {vaddq_f32(e.val[0], removed.val[0]), vaddq_f32(e.val[1], removed.val[1])}};
             const float32x4_t power = power_of(e);
             vst1q_f32(cleaned_power + k, power);
-            vst1q_f32(echo_power + k, power_of(removed));
+            const float32x4_t removed_power = power_of(removed);
+            vst1q_f32(echo_power + k, removed_power);
             of_cleaned = vaddq_f32(of_cleaned, power);
+            of_echo = vaddq_f32(of_echo, removed_power);
             of_mic = vaddq_f32(of_mic, power_of(y));
             re = vaddq_f32(re, vmlaq_f32(vmulq_f32(y.val[0], e.val[0]), y.val[1], e.val[1]));
             im = vaddq_f32(im, vmlsq_f32(vmulq_f32(y.val[1], e.val[0]), y.val[0], e.val[1]));
         }
         comparison.cleaned[b] = total(of_cleaned) * bands.share[b];
+        comparison.echo[b] = total(of_echo) * bands.share[b];
         comparison.mic[b] = total(of_mic) * bands.share[b];
         comparison.cross_re[b] = total(re) * bands.share[b];
         comparison.cross_im[b] = total(im) * bands.share[b];
@@ -123,27 +126,19 @@ void predict_echo(const Bands &bands, const float *activity, const float *gain,
 }
 
 void estimate_residual(const Bands &bands, const float *leakage, const float *predicted,
-                       const float *cleaned_power, Excess constants, float *residual,
-                       float *running, float *excess, float *totals)
+                       float release, float *residual, float *means)
 {
-    const float32x4_t release = vdupq_n_f32(constants.release), keep = vdupq_n_f32(constants.keep);
-    const float32x4_t news = vdupq_n_f32(1 - constants.keep), times = vdupq_n_f32(constants.times);
-    const float32x4_t zero = vdupq_n_f32(0);
+    const float32x4_t slow = vdupq_n_f32(release);
     for (int32_t b = 0; b < bands.count; b++) {
         const float32x4_t leak = vdupq_n_f32(leakage[b]);
-        float32x4_t above = zero, all = zero;
+        float32x4_t sum = vdupq_n_f32(0);
         for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k += VECTOR) {
             const float32x4_t left = vmaxq_f32(vmulq_f32(leak, vld1q_f32(predicted + k)),
-                                               vmulq_f32(release, vld1q_f32(residual + k)));
-            const float32x4_t mean = vmlaq_f32(vmulq_f32(keep, vld1q_f32(running + k)), news,
-                                               vld1q_f32(cleaned_power + k));
+                                               vmulq_f32(slow, vld1q_f32(residual + k)));
             vst1q_f32(residual + k, left);
-            vst1q_f32(running + k, mean);
-            above = vaddq_f32(above, vmaxq_f32(vmlsq_f32(mean, times, left), zero));
-            all = vaddq_f32(all, mean);
+            sum = vaddq_f32(sum, left);
         }
-        excess[b] = total(above);
-        totals[b] = total(all);
+        means[b] = total(sum) * bands.share[b];
     }
 }
 
@@ -176,20 +171,21 @@ static float32x4_t root(float32x4_t a)
     return vsetq_lane_f32(std::sqrt(vgetq_lane_f32(a, 3)), roots, 3);
 }
 
-void apply_gain(const Bands &bands, GainRule rule, const float *factor, const float *cleaned_power,
-                const float *residual, const float *noise, float *power_out, Complex *spectrum)
+void apply_gain(const Bands &bands, const GainRule &rule, float keep_share,
+                const float *cleaned_power, const float *residual, const float *noise,
+                float *power_out, Complex *spectrum)
 {
     const float32x4_t zero = vdupq_n_f32(0), one = vdupq_n_f32(1), tiny = vdupq_n_f32(TINY_POWER);
-    const float32x4_t over = vdupq_n_f32(rule.over), floor = vdupq_n_f32(rule.floor);
-    const float32x4_t keep = vdupq_n_f32(rule.keep), news = vdupq_n_f32(1 - rule.keep);
+    const float32x4_t keep = vdupq_n_f32(keep_share), rest_share = vdupq_n_f32(1 - keep_share);
     for (int32_t b = 0; b < bands.count; b++) {
-        const float32x4_t times = vdupq_n_f32(factor[b]);
+        const float32x4_t over = vdupq_n_f32(rule.over[b]), floor = vdupq_n_f32(rule.floor[b]);
+        const float32x4_t times = vdupq_n_f32(rule.factor[b]);
         for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k += VECTOR) {
             const float32x4_t e = vld1q_f32(cleaned_power + k);
             const float32x4_t echo = vmulq_f32(over, vld1q_f32(residual + k));
             const float32x4_t rest = vmaxq_f32(vsubq_f32(e, echo), zero);
-            const float32x4_t clear =
-                vaddq_f32(vmlaq_f32(vmulq_f32(keep, vld1q_f32(power_out + k)), news, rest), tiny);
+            const float32x4_t clear = vaddq_f32(
+                vmlaq_f32(vmulq_f32(keep, vld1q_f32(power_out + k)), rest_share, rest), tiny);
             const float32x4_t wiener = divide(vmulq_f32(times, clear), vaddq_f32(clear, echo));
             const float32x4_t held = root(divide(vld1q_f32(noise + k), vaddq_f32(e, tiny)));
             const float32x4_t gain = vminq_f32(vmaxq_f32(wiener, vmaxq_f32(floor, held)), one);
@@ -199,6 +195,81 @@ void apply_gain(const Bands &bands, GainRule rule, const float *factor, const fl
             bins.val[1] = vmulq_f32(bins.val[1], gain);
             vst2q_f32(&spectrum[k].re, bins);
         }
+    }
+}
+
+void fourth_roots(const float *power, float *roots, int32_t bins)
+{
+    const uint32x4_t offset = vdupq_n_u32(THREE_QUARTERS_OF_ONE);
+    for (int32_t k = 0; k < bins; k += VECTOR) {
+        const uint32x4_t bits = vreinterpretq_u32_f32(vld1q_f32(power + k));
+        vst1q_f32(roots + k, vreinterpretq_f32_u32(vaddq_u32(vshrq_n_u32(bits, 2), offset)));
+    }
+}
+
+void sum_products(const float *a, const float *b, const float *c, int32_t count, Moments &sums)
+{
+    float32x4_t of_a = vdupq_n_f32(0), of_b = of_a, of_c = of_a;
+    float32x4_t aa = of_a, bb = of_a, cc = of_a, ab = of_a, ac = of_a;
+    for (int32_t k = 0; k < count; k += VECTOR) {
+        const float32x4_t x = vld1q_f32(a + k), y = vld1q_f32(b + k), z = vld1q_f32(c + k);
+        of_a = vaddq_f32(of_a, x);
+        of_b = vaddq_f32(of_b, y);
+        of_c = vaddq_f32(of_c, z);
+        aa = vmlaq_f32(aa, x, x);
+        bb = vmlaq_f32(bb, y, y);
+        cc = vmlaq_f32(cc, z, z);
+        ab = vmlaq_f32(ab, x, y);
+        ac = vmlaq_f32(ac, x, z);
+    }
+    sums = {total(of_a), total(of_b), total(of_c), total(aa),
+            total(bb),   total(cc),   total(ab),   total(ac)};
+}
+
+// Two products of at most 127 x 127 fit into 16 bits.
+static int32x4_t add_sixteen(int32x4_t sums, int8x16_t weights, int8x16_t inputs)
+{
+    const int16x8_t low = vmull_s8(vget_low_s8(weights), vget_low_s8(inputs));
+    return vpadalq_s16(sums, vmlal_s8(low, vget_high_s8(weights), vget_high_s8(inputs)));
+}
+
+static int32x2_t pairs_of(int32x4_t lanes)
+{
+    return vpadd_s32(vget_low_s32(lanes), vget_high_s32(lanes));
+}
+
+void apply_layer(const Layer &layer, const int8_t *inputs, float *outputs)
+{
+    static_assert(LAYER_ROWS == 4 && LAYER_COLUMNS == 16);
+    const int8_t *weights = layer.weights;
+    for (int32_t i = 0; i < layer.rows; i += LAYER_ROWS) {
+        int32x4_t a = vdupq_n_s32(0), b = a, c = a, d = a;
+        for (const int8_t *end = inputs + layer.columns, *in = inputs; in != end; in += 16) {
+            const int8x16_t sixteen = vld1q_s8(in);
+            a = add_sixteen(a, vld1q_s8(weights), sixteen);
+            b = add_sixteen(b, vld1q_s8(weights + 16), sixteen);
+            c = add_sixteen(c, vld1q_s8(weights + 32), sixteen);
+            d = add_sixteen(d, vld1q_s8(weights + 48), sixteen);
+            weights += LAYER_ROWS * LAYER_COLUMNS;
+        }
+        const int32x4_t sums =
+            vcombine_s32(vpadd_s32(pairs_of(a), pairs_of(b)), vpadd_s32(pairs_of(c), pairs_of(d)));
+        vst1q_f32(outputs + i, vmlaq_f32(vld1q_f32(layer.bias + i), vcvtq_f32_s32(sums),
+                                         vld1q_f32(layer.scale + i)));
+    }
+}
+
+void squash(float *values, int32_t count)
+{
+    const float32x4_t limit = vdupq_n_f32(TANH_LIMIT), all = vdupq_n_f32(135135);
+    for (int32_t i = 0; i < count; i += VECTOR) {
+        const float32x4_t x = vminq_f32(vmaxq_f32(vld1q_f32(values + i), vnegq_f32(limit)), limit);
+        const float32x4_t s = vmulq_f32(x, x);
+        float32x4_t above = vaddq_f32(s, vdupq_n_f32(378));
+        above = vmlaq_f32(all, vmlaq_f32(vdupq_n_f32(17325), above, s), s);
+        float32x4_t below = vmlaq_f32(vdupq_n_f32(3150), vdupq_n_f32(28), s);
+        below = vmlaq_f32(all, vmlaq_f32(vdupq_n_f32(62370), below, s), s);
+        vst1q_f32(values + i, divide(vmulq_f32(x, above), below));
     }
 }
 

@@ -9,8 +9,7 @@
 //   - The echo is also predicted from the reference, by its power gain to the microphone.
 //     A canceller that has not converged, was restarted or is misaligned removes nothing.
 //   - While a band of the reference is silent, the canceller's output differs from the
-//     microphone by its high-pass only. That difference is not counted as echo. Nor is any
-//     part of it that is far louder than the reference could make it.
+//     microphone by its high-pass only. That difference is not counted as echo.
 #include "suppressor/residual.h"
 
 #include <algorithm>
@@ -26,10 +25,6 @@ static constexpr float MAX_GAIN = 4;
 // The tail decays by 3.5 dB a frame, as in a room with a reverberation time of 0.3 s. 0.3 to
 // 0.6 give equal results.
 static constexpr Tail TAIL = {0.45f, 0.3f};
-// Largest ratio of the removed power to gain x reference that is counted as echo. In double
-// talk the canceller removes part of the talker too, most at 48000 Hz. 4 to 8 give equal
-// results; without a limit double talk at 48000 Hz loses 3 dB of the talker.
-static constexpr float MAX_ECHO = 8;
 // A frame's weight is 1 / (cleaned power + this share of the predicted power), squared. 0.25
 // to 1 give equal results.
 static constexpr float PREDICTION_WEIGHT = 0.5f;
@@ -40,10 +35,8 @@ static constexpr float FULL_TRUST = 0.5f;
 static constexpr float NOISE_SHARE = 0.5f;
 static constexpr float MIN_LEAKAGE = 0.001f; // -30 dB: no canceller removes more
 static constexpr float MAX_LEAKAGE = 4;
-// The residual echo decays by at most 4 dB a frame (0.2 to 0.6 give equal results). The
-// talker is what exceeds three times the residual echo (2 to 6) in a mean over two or three
-// frames.
-static constexpr Excess EXCESS = {0.4f, 0.6f, 3};
+// The residual echo decays by at most 4 dB a frame. 0.2 to 0.6 give equal results.
+static constexpr float RELEASE = 0.4f;
 static constexpr float ROUNDING_POWER = 1; // more than rounding to 16 bits gives
 
 static void move_towards(float &mean, float value, float share) { mean += share * (value - mean); }
@@ -57,13 +50,6 @@ static void learn_gain(Residual &r, int32_t b, float ref, float mic)
     const float variance = r.ref_square[b] - r.ref_mean[b] * r.ref_mean[b];
     const float covariance = r.ref_times_mic[b] - r.ref_mean[b] * r.mic_mean[b];
     r.gain[b] = variance > 0 ? std::clamp(covariance / variance, 0.0f, MAX_GAIN) : 0;
-}
-
-// The share of the power removed from a band that may be echo.
-static float echo_share(const Residual &r, const Reference &reference, int32_t b, float removed)
-{
-    const float most = MAX_ECHO * r.gain[b] * reference.held[b] + ROUNDING_POWER;
-    return std::min(most / (removed + ROUNDING_POWER), 1.0f);
 }
 
 static void learn_leakage(Residual &r, int32_t b, float cleaned, float noise)
@@ -90,31 +76,17 @@ static bool is_heard(const Residual &r, const Bands &bands, const Noise &noise)
 }
 
 void residual_update(Residual &r, const Bands &bands, const Reference &reference,
-                     const float *cleaned_power, const float *echo_power,
-                     const Comparison &comparison, const Noise &noise)
+                     const float *echo_power, const Comparison &comparison, const Noise &noise)
 {
     for (int32_t b = 0; b < bands.count; b++)
         if (reference.mean[b] > ACTIVE_POWER)
             learn_gain(r, b, reference.mean[b], comparison.mic[b]);
-    float removed[MAX_BANDS], activity[MAX_BANDS];
-    band_means(bands, echo_power, removed);
-    for (int32_t b = 0; b < bands.count; b++)
-        activity[b] = reference.activity[b] * echo_share(r, reference, b, removed[b]);
-    predict_echo(bands, activity, r.gain, reference.power, echo_power, TAIL, r.tail,
+    predict_echo(bands, reference.activity, r.gain, reference.power, echo_power, TAIL, r.tail,
                  r.predicted_power, r.predicted_mean);
     for (int32_t b = 0; b < bands.count; b++)
         if (reference.held[b] > ACTIVE_POWER)
             learn_leakage(r, b, comparison.cleaned[b], noise.mean[b]);
-
-    float excess[MAX_BANDS], total[MAX_BANDS];
-    estimate_residual(bands, r.leakage, r.predicted_power, cleaned_power, EXCESS, r.power,
-                      r.running, excess, total);
-    float near = TINY_POWER, all = TINY_POWER; // near_share is 1 in digital silence
-    for (int32_t b = bands.near_from; b < bands.near_to; b++) {
-        near += excess[b];
-        all += total[b];
-    }
-    r.near_share = near / all;
+    estimate_residual(bands, r.leakage, r.predicted_power, RELEASE, r.power, r.mean);
     r.heard = is_heard(r, bands, noise);
 }
 

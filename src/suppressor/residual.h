@@ -20,15 +20,13 @@ struct Residual {
     float cleaned_times_predicted[MAX_BANDS], predicted_square[MAX_BANDS];
     float leakage[MAX_BANDS]; // residual echo power / predicted power
     float power[MAX_BINS];    // the result: power of the residual echo
-    float running[MAX_BINS];  // running mean of the cleaned microphone's power
-    float near_share;         // share of it above the residual echo, 0 to 1
+    float mean[MAX_BANDS];    // its mean over each band
     bool heard;               // the residual echo is louder than the noise
 };
 
-// Takes in one frame: the powers of the cleaned microphone and of the removed echo, the
-// comparison of both, and the microphone's noise.
+// Takes in one frame: the power of the removed echo, the comparison of microphones, and the
+// microphone's noise.
 void residual_update(Residual &residual, const Bands &bands, const Reference &reference,
-                     const float *cleaned_power, const float *echo_power,
-                     const Comparison &comparison, const Noise &noise);
+                     const float *echo_power, const Comparison &comparison, const Noise &noise);
 
 } // namespace nax::res

@@ -1,48 +1,15 @@
 // The calls of nax_res.h. A frame is transformed, its residual echo is estimated, the gain
 // is applied, and the result is transformed back.
-#include "nax_res.h"
+#include "suppressor/state.h"
 
 #include "kernels/float_mode.h"
 #include "kernels/kernels.h"
-#include "suppressor/bands.h"
-#include "suppressor/gain.h"
-#include "suppressor/noise.h"
-#include "suppressor/reference.h"
-#include "suppressor/residual.h"
-#include "suppressor/spectra.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 
 using namespace nax::res;
-
-// Two consecutive frames of a channel.
-struct Window {
-    int16_t samples[2 * MAX_FRAME];
-};
-
-struct Microphone {
-    Window cleaned, echo;
-    Noise noise;
-    Residual residual;
-    Gain gain;
-    float left_over[MAX_FRAME];
-    int16_t frame[MAX_FRAME]; // output
-};
-
-struct nax_res_state {
-    int32_t frame_size; // F, samples
-    int32_t mics, refs; // M, R
-    Bands bands;
-    Spectra spectra;
-    Reference reference;
-    Window *ref_windows;     // R of them
-    Microphone *microphones; // M of them
-    // Scratch.
-    Complex spectrum[MAX_BINS], echo_spectrum[MAX_BINS];
-    float cleaned_power[MAX_BINS], echo_power[MAX_BINS];
-};
 
 template <typename Type> static Type *allocate(int32_t count)
 {
@@ -81,10 +48,8 @@ nax_res_state *nax_res_state_init(int32_t sample_rate, int32_t num_src_channel,
         nax_res_state_destroy(state);
         return nullptr;
     }
-    for (int32_t m = 0; m < num_src_channel; m++) {
+    for (int32_t m = 0; m < num_src_channel; m++)
         noise_init(state->microphones[m].noise);
-        state->microphones[m].gain.near = 1;
-    }
     return state;
 }
 
@@ -128,10 +93,14 @@ static void suppress(nax_res_state &state, Microphone &mic)
     compare(state.bands, state.spectrum, state.echo_spectrum, state.cleaned_power, state.echo_power,
             comparison);
     noise_update(mic.noise, state.bands, state.cleaned_power, mic.residual.heard);
-    residual_update(mic.residual, state.bands, state.reference, state.cleaned_power,
-                    state.echo_power, comparison, mic.noise);
-    gain_apply(mic.gain, state.bands, comparison, mic.residual, mic.noise, state.cleaned_power,
-               state.spectrum);
+    residual_update(mic.residual, state.bands, state.reference, state.echo_power, comparison,
+                    mic.noise);
+    coherence_update(mic.coherence, state.bands, comparison);
+    presence_update(mic.presence, state.bands,
+                    {&comparison, mic.coherence.value, &state.reference, mic.residual.mean,
+                     mic.noise.mean, state.cleaned_power, state.echo_power});
+    gain_apply(mic.gain, state.bands, mic.presence.talker, mic.coherence.value, mic.residual.power,
+               mic.noise.power, state.cleaned_power, state.spectrum);
     synthesise(state.spectra, state.spectrum, mic.left_over, mic.frame);
 }
 

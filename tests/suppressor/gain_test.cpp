@@ -9,67 +9,100 @@ namespace nax::res {
 
 class GainOfABin : public testing::Test {
 protected:
-    // Frames of a cleaned microphone's power, the echo left in it and the noise; returns
-    // the last gain.
-    double apply(int32_t frames, double power, double echo, double noise_power, double near_share)
+    struct Frame {
+        double power, echo, noise, talker; // of the cleaned microphone; talker 0 to 1
+        double coherence = 1;
+    };
+
+    // The gain of bin 50, in dB, after so many frames.
+    double apply(int32_t frames, const Frame &frame)
     {
-        const Bins cleaned_power(static_cast<float>(power));
-        std::fill_n(residual->power, MAX_BINS, static_cast<float>(echo));
-        std::fill_n(noise->power, MAX_BINS, static_cast<float>(noise_power));
-        residual->near_share = static_cast<float>(near_share);
+        const Bins power(static_cast<float>(frame.power)), echo(static_cast<float>(frame.echo)),
+            noise(static_cast<float>(frame.noise));
+        float talker[MAX_BANDS], coherence[MAX_BANDS];
+        std::fill_n(talker, MAX_BANDS, static_cast<float>(frame.talker));
+        std::fill_n(coherence, MAX_BANDS, static_cast<float>(frame.coherence));
         Complex spectrum[MAX_BINS];
         for (int32_t t = 0; t < frames; t++) {
-            std::fill_n(spectrum, MAX_BINS, Complex{static_cast<float>(std::sqrt(power)), 0});
-            gain_apply(*gain, bands, comparison_of(static_cast<float>(power), 0), *residual, *noise,
-                       cleaned_power, spectrum);
+            std::fill_n(spectrum, MAX_BINS, Complex{static_cast<float>(std::sqrt(frame.power)), 0});
+            gain_apply(*gain, bands, talker, coherence, echo, noise, power, spectrum);
         }
-        return spectrum[50].re / std::sqrt(power);
+        return 20 * std::log10(spectrum[50].re / std::sqrt(frame.power));
     }
 
     const Bands bands = bands_for(256);
-    std::unique_ptr<Residual> residual{new Residual()};
-    std::unique_ptr<nax::res::Noise> noise{new nax::res::Noise()};
     std::unique_ptr<Gain> gain{new Gain()};
 };
 
 TEST_F(GainOfABin, IsOneWithoutEcho)
 {
-    EXPECT_NEAR(apply(50, 1e6, 0, 0, 1), 1, 1e-6);
-    EXPECT_NEAR(apply(50, 1e6, 0, 0, 0), 1, 1e-3); // and without a sign of a talker
+    EXPECT_NEAR(apply(50, {1e6, 0, 0, 1}), 0, 1e-5);
+    EXPECT_NEAR(apply(50, {1e6, 0, 0, 0}), 0, 1e-2); // and without a sign of a talker
 }
 
 TEST_F(GainOfABin, FallsToTheFloorInEchoAlone)
 {
-    EXPECT_NEAR(20 * std::log10(apply(200, 1e6, 1e6, 0, 0)), -40, 0.1);
+    EXPECT_NEAR(apply(200, {1e6, 1e6, 0, 0}), -40, 0.1);
 }
 
 TEST_F(GainOfABin, FallsNoFurtherThanTwentyDecibelsBesideATalker)
 {
-    EXPECT_NEAR(20 * std::log10(apply(200, 1e6, 1e6, 0, 1)), -20, 0.1);
+    EXPECT_NEAR(apply(200, {1e6, 1e6, 0, 1}), -20, 0.1);
+}
+
+// Geometrically between both, so that it changes by equal ratios.
+TEST_F(GainOfABin, FallsToThirtyDecibelsWhereATalkerIsHalfSure)
+{
+    EXPECT_NEAR(apply(200, {1e6, 1e6, 0, 0.5}), -30, 0.1);
 }
 
 TEST_F(GainOfABin, HoldsTheOutputAtTheMicrophonesNoise)
 {
-    EXPECT_NEAR(20 * std::log10(apply(200, 1e6, 1e6, 1e4, 0)), -20, 0.1);
+    EXPECT_NEAR(apply(200, {1e6, 1e6, 1e4, 0}), -20, 0.1);
 }
 
 TEST_F(GainOfABin, LetsATalkerInWithinThreeFramesAndClosesWithinASecond)
 {
-    apply(200, 1e6, 1e5, 0, 0);
-    EXPECT_GT(20 * std::log10(apply(3, 1e8, 1e5, 0, 1)), -1);
-    EXPECT_LT(20 * std::log10(apply(60, 1e6, 1e6, 0, 0)), -35);
+    apply(200, {1e6, 1e5, 0, 0});
+    EXPECT_GT(apply(3, {1e8, 1e5, 0, 1}), -1);
+    EXPECT_LT(apply(60, {1e6, 1e6, 0, 0}), -35);
 }
 
-TEST_F(GainOfABin, FollowsWhatTheCancellerChangedOfABandWhileTheFarEndTalksAlone)
+// The paper's gain: xi / (1 + xi), where xi settles at the power above the echo.
+TEST_F(GainOfABin, IsThatOfWienerForATalkerTenDecibelsAboveTheEcho)
 {
-    const Bins cleaned_power(1e6f);
+    EXPECT_NEAR(apply(500, {1.1e6, 1e5, 0, 1}), -0.9, 0.2);
+}
+
+TEST_F(GainOfABin, CountsTheEchoThirtyTimesWhileTheFarEndTalksAlone)
+{
+    // Half of the power counts as echo: s settles at 0.03 x 0.5 of the power, nearly.
+    EXPECT_NEAR(apply(500, {1e6, 1e6 / 60, 0, 0}), -30.2, 0.2);
+    EXPECT_GT(apply(500, {1e6, 1e6 / 200, 0, 0}), -3);
+}
+
+TEST_F(GainOfABin, FollowsTheCoherenceWhileTheFarEndTalksAlone)
+{
+    EXPECT_NEAR(apply(100, {1e6, 0, 0, 0, 0.1}), -20, 0.1);
+    EXPECT_NEAR(apply(100, {1e6, 0, 0, 1, 0.1}), 0, 0.1);
+}
+
+TEST_F(GainOfABin, IsThatOfItsBand)
+{
+    const Bins power(1e6f), echo(1e6f), noise(0);
+    float talker[MAX_BANDS] = {}, coherence[MAX_BANDS];
+    std::fill_n(coherence, MAX_BANDS, 1.0f);
+    talker[3] = 1;
     Complex spectrum[MAX_BINS];
-    for (int32_t t = 0; t < 100; t++) {
-        std::fill_n(spectrum, MAX_BINS, Complex{1000, 0});
-        gain_apply(*gain, bands, comparison_of(1e6f, 9e6f), *residual, *noise, cleaned_power,
-                   spectrum);
+    for (int32_t t = 0; t < 200; t++) {
+        std::fill_n(spectrum, MAX_BINS, Complex{1000, 500});
+        gain_apply(*gain, bands, talker, coherence, echo, noise, power, spectrum);
     }
-    EXPECT_NEAR(spectrum[50].re, 100, 1); // a coherence of 0.1
+    for (int32_t b = 0; b < 6; b++) {
+        const float expected = b == 3 ? 0.1f : 0.01f;
+        EXPECT_NEAR(spectrum[bands.edge[b]].re / 1000, expected, 1e-3) << b;
+        EXPECT_NEAR(spectrum[bands.edge[b + 1] - 1].im / 500, expected, 1e-3) << b;
+    }
 }
 
 } // namespace nax::res

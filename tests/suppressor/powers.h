@@ -25,6 +25,7 @@ inline Comparison comparison_of(float cleaned, float echo)
 {
     Comparison comparison;
     std::fill_n(comparison.cleaned, MAX_BANDS, cleaned);
+    std::fill_n(comparison.echo, MAX_BANDS, echo);
     std::fill_n(comparison.mic, MAX_BANDS, cleaned + echo);
     std::fill_n(comparison.cross_re, MAX_BANDS, cleaned);
     std::fill_n(comparison.cross_im, MAX_BANDS, 0.0f);
