@@ -26,6 +26,7 @@ if importlib.util.find_spec("numpy") is None:
 import numpy as np  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
+PYTHON = os.environ.get("NAX_AEC_PYTHON", sys.executable)     # which may be an emulator's
 EXAMPLES = ROOT / "examples/python"
 if "NAX_AEC_INSTALLED" not in os.environ:
     sys.path.insert(0, str(ROOT / "python"))
@@ -324,7 +325,7 @@ class Errors(unittest.TestCase):
 
     def test_a_library_that_is_not_there_is_named(self):
         code = "from nax_aec import Canceller; Canceller(16000)"
-        result = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True,
+        result = subprocess.run([PYTHON, "-c", code], capture_output=True, text=True,
                                 cwd=ROOT / "python", check=False,
                                 env=dict(os.environ, NAX_AEC_LIBRARY="/nowhere/libnax_aec.so"))
         self.assertIn("OSError: cannot load libnax_aec (/nowhere/libnax_aec.so", result.stderr)
@@ -386,13 +387,13 @@ class Package(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             tree = pathlib.Path(folder, "python")       # setuptools leaves files there
             shutil.copytree(ROOT / "python", tree)
-            subprocess.run([sys.executable, "-m", "pip", "--quiet", "install", "--no-index",
+            subprocess.run([PYTHON, "-m", "pip", "--quiet", "install", "--no-index",
                             "--no-build-isolation", "--no-deps", "--target", f"{folder}/site", tree],
                            check=True)
             self.assertTrue(pathlib.Path(folder, "site/nax_aec/py.typed").exists())
             code = "import nax_aec, importlib.metadata as m; nax_aec.Canceller(8000); " \
                    "print(nax_aec.__file__, m.version('nax_aec'))"
-            result = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True,
+            result = subprocess.run([PYTHON, "-c", code], capture_output=True, text=True,
                                     env=dict(os.environ, PYTHONPATH=f"{folder}/site"), check=True)
             self.assertEqual(result.stdout.split(),
                              [f"{folder}/site/nax_aec/__init__.py", nax_aec.__version__])
@@ -406,7 +407,7 @@ class CancelAndPlot(unittest.TestCase):
         self.folder = pathlib.Path(folder.name)
 
     def run_script(self, *arguments):
-        return subprocess.run([sys.executable, EXAMPLES / "cancel_and_plot.py", *arguments],
+        return subprocess.run([PYTHON, EXAMPLES / "cancel_and_plot.py", *arguments],
                               cwd=self.folder, capture_output=True, text=True, check=False,
                               env=dict(os.environ, MPLCONFIGDIR=str(self.folder)))
 

@@ -28,6 +28,7 @@ if importlib.util.find_spec("numpy") is None:
 import numpy as np  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
+PYTHON = os.environ.get("NAX_AEC_PYTHON", sys.executable)     # which may be an emulator's
 if "NAX_AEC_INSTALLED" not in os.environ:
     sys.path.insert(0, str(ROOT / "python"))
 import nax_aec  # noqa: E402
@@ -409,7 +410,7 @@ class Examples(unittest.TestCase):
         self.environment = dict(os.environ, PYTHONPATH=str(package), HOME="/nonexistent")
 
     def start(self, name, *arguments):
-        process = subprocess.Popen([sys.executable, "-B", ROOT / "examples/python" / name, *arguments],
+        process = subprocess.Popen([PYTHON, "-B", ROOT / "examples/python" / name, *arguments],
                                    cwd=self.folder, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                    env=self.environment)
         self.addCleanup(process.communicate)

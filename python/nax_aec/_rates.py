@@ -5,12 +5,15 @@ import ctypes
 import functools
 import math
 import pathlib
+from typing import TYPE_CHECKING
 
 import numpy as np
-from numpy.typing import NDArray
 
 from ._samples import FULL_SCALE
 from ._state import RATES
+
+if TYPE_CHECKING:   # NumPy has it from 1.20 on
+    from numpy.typing import NDArray
 
 MEDIUM = 1              # SRC_SINC_MEDIUM_QUALITY: 121 dB, nine tenths of the band
 HALF_FILTER = 48        # samples of the lower rate that the filter holds back

@@ -1,10 +1,12 @@
 """Audio arrays: the one place in which they are checked and brought to 16 bits."""
 from __future__ import annotations
 
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
-from numpy.typing import NDArray
+
+if TYPE_CHECKING:   # NumPy has it from 1.20 on
+    from numpy.typing import NDArray
 
 FULL_SCALE = 32768.0            # of 16 bits, for floats of full scale 1
 MOST_CHANNELS = 256             # an array with more columns holds its samples in rows

@@ -5,13 +5,15 @@ import bisect
 import functools
 import math
 from collections import deque
-from typing import Deque, List, Optional, Tuple
+from typing import TYPE_CHECKING, Deque, List, Optional, Tuple
 
 import numpy as np
-from numpy.typing import NDArray
 
 from ._clock import MOST_S, Clock, Line
 from ._rates import Converter
+
+if TYPE_CHECKING:   # NumPy has it from 1.20 on
+    from numpy.typing import NDArray
 
 LONGEST_S = 60.0        # of reference that is kept for later
 MOST_WAITING = 60000    # pieces with times: LONGEST_S in pieces of 1 ms

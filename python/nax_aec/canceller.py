@@ -2,16 +2,18 @@
 from __future__ import annotations
 
 import ctypes
-from typing import Any, NamedTuple, Optional, Sequence
+from typing import TYPE_CHECKING, Any, NamedTuple, Optional, Sequence
 
 import numpy as np
-from numpy.typing import ArrayLike, NDArray
 
 from ._library import (BIG_ENDIAN, DELAY_ESTIMATION, HOST_ENDIAN, LITTLE_ENDIAN, LONGEST_DELAY,
                        REMAP, Param, library)
 from ._samples import columns, like, samples_of
 from ._state import State, whole
 from .meter import Meter, Report, meter_library
+
+if TYPE_CHECKING:   # NumPy has it from 1.20 on
+    from numpy.typing import ArrayLike, NDArray
 
 ANY_WORD = (-2**31, 2**31 - 1)  # what a parameter word of 32 bits holds
 

@@ -5,10 +5,9 @@ import logging
 import operator
 import sys
 import threading
-from typing import Any, NamedTuple, NoReturn, Optional, Union
+from typing import TYPE_CHECKING, Any, NamedTuple, NoReturn, Optional, Union
 
 import numpy as np
-from numpy.typing import NDArray
 
 from ._clock import Clock, Line
 from ._library import library
@@ -19,7 +18,10 @@ from .canceller import Canceller
 from .meter import Report, meter_library
 from .suppressor import Suppressor, suppressor_library
 
-Pcm = Union[bytes, bytearray, memoryview, NDArray[Any]]
+if TYPE_CHECKING:   # NumPy has it from 1.20 on
+    from numpy.typing import NDArray
+    Pcm = Union[bytes, bytearray, memoryview, NDArray[Any]]
+
 LOWEST_HZ, HIGHEST_HZ = 1000, 768000
 STEP_PIECES = 3         # captured pieces in a row that must be off before a gap is believed
 

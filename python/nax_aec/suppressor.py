@@ -3,15 +3,17 @@ from __future__ import annotations
 
 import ctypes
 import functools
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
-from numpy.typing import NDArray
 
 from ._library import companion
 from ._samples import like, samples_of
 from ._state import State
 from .canceller import Result
+
+if TYPE_CHECKING:   # NumPy has it from 1.20 on
+    from numpy.typing import NDArray
 
 
 @functools.lru_cache(maxsize=None)
