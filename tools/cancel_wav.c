@@ -34,7 +34,6 @@ enum { MAX_LISTED_CHANGES = 32, PATH_ROOM = 4096 };
 /* A reference frame above -60 dB of full scale (mean square, samples squared)
  * counts as active: room noise in a recorded reference stays below it. */
 static const double ACTIVE_MEAN_SQUARE = 32.768 * 32.768;
-static const double FRAME_S = 0.016;
 
 struct sinks {
     SNDFILE *cleaned, *echo, *refs, *input;
@@ -193,7 +192,7 @@ static void note_verdict(struct report *report, const nax_meter_report *now)
     report->last = *now;
 }
 
-static void print_second(const nax_meter_report *now, int rate)
+static void print_second(const nax_meter_report *now, const struct source *source)
 {
     static bool headed;
     if (!headed) puts("  time s  mic dBFS  ref dBFS  out dBFS  removed dB  delay ms  verdict");
@@ -201,10 +200,11 @@ static void print_second(const nax_meter_report *now, int rate)
     float ref = now->ref_dbfs[0];
     for (int r = 1; r < NAX_METER_REFS; r++)
         ref = fmaxf(ref, now->ref_dbfs[r]);
-    printf("%8.1f %9.1f %9.1f %9.1f %11.1f %9.1f  %s\n", FRAME_S * now->frames,
+    printf("%8.1f %9.1f %9.1f %9.1f %11.1f %9.1f  %s\n",
+           (double)now->frames * source->frame / source->rate,
            fmaxf(now->mic_dbfs[0], now->mic_dbfs[1]), ref,
-           fmaxf(now->out_dbfs[0], now->out_dbfs[1]), now->removed_db, 1e3 * now->delay / rate,
-           nax_meter_name(now->verdict));
+           fmaxf(now->out_dbfs[0], now->out_dbfs[1]), now->removed_db,
+           1e3 * now->delay / source->rate, nax_meter_name(now->verdict));
 }
 
 /* The verdict on the whole: the one that stood when the far end was last heard, since what
@@ -331,7 +331,7 @@ static void cancel(const struct options *options, struct source *source, struct 
     struct suppressor suppressor = create_suppressor(options, source);
     nax_meter_state *meter = create_meter(source->rate, (int)mics, (int)source->refs,
                                           (int)(source->refs - source->kept));
-    const long second = lrint(1 / FRAME_S); /* in frames */
+    const long second = source->rate / source->frame; /* in frames */
 
     for (int count; (count = read_frame(source, in)) > 0; report->frames++) {
         const double time_s = (double)report->frames * source->frame / source->rate;
@@ -345,7 +345,7 @@ static void cancel(const struct options *options, struct source *source, struct 
         nax_meter_short(meter, (const int16_t *)(const void *)audio, out, delay);
         nax_meter_read(meter, &now);
         note_verdict(report, &now);
-        if (options->report && (report->frames + 1) % second == 0) print_second(&now, source->rate);
+        if (options->report && (report->frames + 1) % second == 0) print_second(&now, source);
 
         if (suppressor.state)
             write_suppressed(&suppressor, options, sinks, source, out, echo, count);

@@ -7,6 +7,7 @@
 
 #include "nax_aec.h"
 #include "nax_aec_dump.h"
+#include "nax_meter.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -26,7 +27,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 /* ---- what the program holds -------------------------------------------------- */
 
-enum kind { NOTHING, MEMORY, STREAM, SOUND, RATE, STATE };
+enum kind { NOTHING, MEMORY, STREAM, SOUND, RATE, STATE, METER };
 static struct {
     enum kind kind;
     void *what;
@@ -69,6 +70,7 @@ static int release_all(void)
         if (kind == SOUND) sf_close(what);
         if (kind == RATE) src_delete(what);
         if (kind == STATE) nax_aec_state_destroy(what);
+        if (kind == METER) nax_meter_state_destroy(what);
     }
     return released;
 }
@@ -89,6 +91,8 @@ __attribute__((noreturn)) static void jump_back(int status) { longjmp(way_back, 
 #define src_delete(converter) src_delete(let_go(converter))
 #define nax_aec_state_init(...) hold(STATE, nax_aec_state_init(__VA_ARGS__))
 #define nax_aec_state_destroy(state) nax_aec_state_destroy(let_go(state))
+#define nax_meter_state_init(...) hold(METER, nax_meter_state_init(__VA_ARGS__))
+#define nax_meter_state_destroy(state) nax_meter_state_destroy(let_go(state))
 #pragma clang section bss = "program_bss" data = "program_data"
 #include "options.c"
 
@@ -97,6 +101,8 @@ __attribute__((noreturn)) static void jump_back(int status) { longjmp(way_back, 
 #include "cancel_wav_options.c"
 
 #include "sound_file.c"
+
+#include "verdicts.c"
 
 #include "cancel_wav_source.c"
 
@@ -198,7 +204,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                                     "--channels",
                                     "--ord",
                                     "-x",
-                                    "--"};
+                                    "--",
+                                    "--check",
+                                    "--report"};
     static char *const VALUES[] = {"mics-first", "refs-first",
                                    "0",          "1",
                                    "2",          "3",
@@ -224,11 +232,11 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     char *argv[32] = {"cancel_wav"};
     int argc = 1;
     for (int n = pick(8); n > 0; n--) {
-        const int option = pick(17);
+        const int option = pick(19);
         argv[argc++] = OPTIONS[option];
         if (option >= 7 && option <= 11)
             argv[argc++] = PATHS[pick(8)];
-        else if (option != 6 && option != 12 && option != 16)
+        else if (option != 6 && option != 12 && option < 16)
             argv[argc++] = VALUES[pick(20)];
     }
     const int files = pick(4);
