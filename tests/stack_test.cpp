@@ -24,9 +24,10 @@ static constexpr bool CHECKED = false;
 static constexpr bool CHECKED = false;
 #endif
 
-static constexpr size_t PROMISED = 8 * 1024;   // bytes, by the headers
-static constexpr uint8_t PAINT = 0xa5;         // of stack that was not used yet
-static const size_t STACK = PTHREAD_STACK_MIN; // bytes; the thread's own record lies in it, too
+static constexpr size_t PROMISED = 8 * 1024; // bytes, by the headers
+static constexpr uint8_t PAINT = 0xa5;       // of stack that was not used yet
+// Bytes; the thread's own record lies in it, too.
+static const size_t STACK = static_cast<size_t>(PTHREAD_STACK_MIN);
 
 struct Call {
     int32_t rate, channels;
