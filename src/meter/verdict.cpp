@@ -24,7 +24,9 @@ static constexpr float COPY_REMOVED_DB = 15.0f;
 // nine of ten cases, and 0.3 in the others; of an echo above 0.17 but in one of fifty.
 static constexpr float REMOVING = 0.1f, REMOVING_UNKNOWN = 0.3f, REMOVING_ASIDE = 0.4f;
 static constexpr float HARDLY = 0.08f, HARDLY_UNKNOWN = 0.2f, NOTHING = 0.04f;
-static constexpr float SOUNDING = 0.4f; // share of the far end; the near end talks less
+// Shares of the far end in which the microphone hears more than its noise.
+static constexpr float SOUNDING = 0.4f; // the near end talks less
+static constexpr float IN_NOISE = 0.1f;
 
 // Whether the canceller's filter, which begins at the applied delay and is two frames long,
 // reaches what is heard. Levels tell a distance to a frame; a room's tail makes it longer.
@@ -52,7 +54,10 @@ static int32_t judged_by_echo(const Evidence &e)
     if (e.removing > removing) return NAX_METER_CANCELLING;
     if (e.far_end_s < FIRST_S) return NAX_METER_SEARCHING;
     if (e.far_since_s < FIRST_S) return UNDECIDED;
-    if (aside || (present && e.removing < HARDLY)) return NAX_METER_NOT_CANCELLING;
+    if (aside) return NAX_METER_NOT_CANCELLING;
+    // Where it is looked for, an echo below the room's noise is none that anybody hears.
+    if (present && e.removing < HARDLY)
+        return e.sounding < IN_NOISE ? NAX_METER_NOT_HEARD : NAX_METER_NOT_CANCELLING;
     const bool hardly = e.removing < (known ? HARDLY : HARDLY_UNKNOWN);
     if (present || !hardly || e.far_since_s < UNHEARD_S) return UNDECIDED;
     if (!e.found || e.sounding < SOUNDING) return NAX_METER_NOT_HEARD;

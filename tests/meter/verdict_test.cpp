@@ -88,6 +88,8 @@ static const Case CASES[] = {
      [](Evidence &e) { e.removing = 0.7f, e.distance = 60; }, NAX_METER_CANCELLING},
     {"an echo where it should be, and nothing removed", [](Evidence &e) { e.removing = 0.05f; },
      NAX_METER_NOT_CANCELLING},
+    {"an echo where it should be, below the noise of the room",
+     [](Evidence &e) { e.removing = 0.02f, e.sounding = 0; }, NAX_METER_NOT_HEARD},
     {"an echo where it should be, and less removed than before",
      [](Evidence &e) { e.removing = 0.09f; }, UNDECIDED},
     {"the delay moved a second ago", [](Evidence &e) { e.removing = 0, e.far_since_s = 1; },
