@@ -25,9 +25,8 @@ static constexpr float SILENT_MIC = 10;
 // Where the onset is looked for, around the aim.
 static constexpr int32_t BEFORE_MS = 6;
 static constexpr int32_t AFTER_MS = 8;
-// An earlier lag is the onset when it lies at most so far before the tallest one and
-// reaches this share of it and this height. Late by a hair costs the canceller half of
-// what it removes, early by 2 ms next to nothing.
+// An earlier lag is the onset when it lies at most so far before the tallest one and reaches
+// this share of it and this height.
 static constexpr int32_t ONSET_MS = 6;
 static constexpr float ONSET_SHARE = 0.6f;
 static constexpr float ONSET_HEIGHT = 6;

@@ -1,7 +1,7 @@
-// The first arrival of the echo to a fraction of a millisecond, and a second opinion on
-// whether there is one: the cross-spectrum once more, around one lag, over a band that
-// the coarse search does not use. Behind a case the direct sound is often weak below
-// 2 kHz, where a reflection then stands in its place.
+// The fine look: the first arrival of the echo to a fraction of a millisecond, and a second
+// opinion on whether there is an echo. It is the same correlation around one lag, over a band
+// that the coarse search does not use. The direct sound of a loudspeaker in a case is often weak
+// below 2 kHz, so the coarse search may find a reflection instead.
 #pragma once
 
 #include "engines/decimator.h"

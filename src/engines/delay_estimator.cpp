@@ -1,5 +1,5 @@
-// The estimator put together: both signals to 4 kHz, evidence, peaks, now and then a fine
-// look, and the decision.
+// The estimator put together. Each frame: both signals to 4 kHz, evidence, peaks, a fine look
+// where one is due, the decision.
 #include "engines/delay_estimator.h"
 
 #include "engines/arrival.h"
@@ -21,16 +21,17 @@ namespace nax {
 static constexpr int32_t SEARCHING_TRANSFORMS = 3;
 static constexpr int32_t HOLDING_TRANSFORMS = 1;
 
-// Frames from one fine look to the next, where the looks are settled, and where they are
-// not; in a hurry every other frame for a while, until so many looks are spent. They
-// come back at the pace of the hurry, or slowly once it is over. Neighbouring frames
-// share half of their samples and say little more than one of them.
+// Frames from one fine look to the next: on average at a settled path, on average where looks
+// are urgent, and at least. Neighbouring frames share half of their samples, so two looks in a
+// row tell little more than one.
 static constexpr int32_t SETTLED_PERIOD = 12;
 static constexpr int32_t URGENT_PERIOD = 4;
+static constexpr int32_t HURRY_PERIOD = 2;
+// Urgent looks take from a credit of so many. While looks are urgent the credit grows by a frame's
+// share in every frame, otherwise in every sixth one.
 static constexpr int32_t LOOKS_AHEAD = 24;
 static constexpr int32_t CREDIT_PERIOD = 6;
-static constexpr int32_t HURRY_PERIOD = 2;
-// Frames at 8000 Hz are so cheap otherwise that the looks must be rarer.
+// The rest of a frame costs least at 8000 Hz, so looks are rarer there.
 static constexpr int32_t NARROW_SETTLED_PERIOD = 18;
 static constexpr int32_t NARROW_URGENT_PERIOD = 6;
 
@@ -130,8 +131,8 @@ static bool is_look_due(Work &work)
            work.rested >= (work.decision.phase == Phase::DOUBTED ? 1 : HURRY_PERIOD);
 }
 
-// Looks finely at the target. Returns whether there is an onset to decide on: after
-// every other look, because the transform back costs as much as half of one.
+// Looks finely at the target. Returns whether there is an onset to decide on. There is one after
+// every other look, because the transform back costs half as much as a look.
 static bool look(Work &work, Onset &onset)
 {
     choose_target(work.decision, work.peaks.peaks, work.peaks.partitions, work.followed);
