@@ -3,6 +3,7 @@
 const FRAME_S = 0.016;
 const SILENT_DBFS = -80;
 const SHORTEST_S = 2;
+const LONGEST_S = 900; // more would need more memory than a phone's browser gives
 const SETTLED = 0.5; // share of the frames, the last ones, in which the delay has been found
 
 /** What each verdict of the meter asks for. */
@@ -19,6 +20,7 @@ const CURES = {
 /** Before it is cleaned: why a recording cannot be judged, or null. Levels in dBFS. */
 export function unusable({ seconds, micDbfs, refDbfs }) {
     if (seconds < SHORTEST_S) return `The recording is ${seconds.toFixed(1)} s long; ${SHORTEST_S} s are needed.`;
+    if (seconds > LONGEST_S) return `The recording is longer than ${LONGEST_S / 60} minutes. Choose a part of it.`;
     if (micDbfs < SILENT_DBFS) return 'The microphone file is silent. Nothing can be cleaned.';
     if (refDbfs < SILENT_DBFS) return 'The reference file is silent. Without what was played no echo can be found.';
     return null;

@@ -91,9 +91,24 @@ test('counts the frames that take too long', async () => {
 test('stops at a second click, at once too, and when the page is hidden', async () => {
     const { browser, page } = await talkWith(played('speech', 20));
     try {
+        await page.evaluate(() => {
+            globalThis.tracks = [];
+            const allowed = new Promise(resolve => {
+                globalThis.allow = resolve;
+            });
+            const get = navigator.mediaDevices.getUserMedia.bind(navigator.mediaDevices);
+            navigator.mediaDevices.getUserMedia = async (...wanted) => {
+                const stream = await get(...wanted);
+                await allowed; // by the visitor, who has clicked again meanwhile
+                globalThis.tracks.push(...stream.getTracks());
+                return stream;
+            };
+        });
         await page.click('#talk .start');
         await page.click('#talk .start');
         assert.equal(await status(page), 'Stopped.');
+        await page.evaluate(() => globalThis.allow());
+        await page.waitForFunction(() => globalThis.tracks[0]?.readyState === 'ended');
         await page.click('#talk .start');
         await listened(page, 0.5);
         await page.evaluate(() => {
