@@ -75,7 +75,7 @@ typedef struct nax_res_state nax_res_state;
  * the format is not supported or memory is short.
  *
  * All memory of a state is allocated here: 46 to 72 KB depending on the rate, 50 KB per
- * microphone and 3 KB per reference. The weights of the network, 44 KB, are constants that
+ * microphone and 3 KB per reference. The weights of the network, 45 KB, are constants that
  * all states of all processes share.
  *
  * Threads: any.
