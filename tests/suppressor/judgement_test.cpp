@@ -4,7 +4,6 @@
 #include "nax_aec.h"
 #include "signals.h"
 
-#include <array>
 #include <memory>
 
 namespace nax::res {
@@ -109,33 +108,44 @@ private:
     Voice far_, near_;
 };
 
-TEST(TheJudgement, IsNearZeroOnEchoAloneAndNearOneOnATalkerAloneAtEveryRate)
+struct Case {
+    const char *heard;
+    double echo, near, far;
+    double least, most; // of the judgement
+};
+
+static void judge(int32_t rate, const Case &row)
 {
-    for (const int32_t rate : {8000, 16000, 32000, 48000}) {
-        const struct {
-            const char *heard;
-            double echo, near, far, least, most;
-        } rows[] = {
-            {"echo alone", 1, 0, 1, 0, 0.15},
-            {"echo alone, far", 0.3, 0, 1, 0, 0.15},
-            {"a talker, the far end plays into headphones", 0, 0.5, 1, 0.85, 1},
-            {"a faint talker, the far end plays into headphones", 0, 0.05, 1, 0.55, 1},
-            {"a talker, the far end is silent", 1, 0.5, 0, 1, 1},
-            {"a talker far above the echo", 0.1, 1, 1, 0.7, 1},
-        };
-        for (const auto &row : rows) {
-            Judgement call(rate, {{row.echo, row.near}});
-            const double judged = call.run(5, row.far)[0];
-            EXPECT_GE(judged, row.least) << row.heard << ", " << rate;
-            EXPECT_LE(judged, row.most) << row.heard << ", " << rate;
-        }
+    const double judged = Judgement(rate, {{row.echo, row.near}}).run(5, row.far)[0];
+    EXPECT_GE(judged, row.least) << row.heard << ", " << rate;
+    EXPECT_LE(judged, row.most) << row.heard << ", " << rate;
+}
+
+TEST(TheJudgement, IsNearZeroOnEchoAloneAndNearOneOnATalkerAlone)
+{
+    for (const Case &row : std::initializer_list<Case>{
+             {"echo alone", 1, 0, 1, 0, 0.2},
+             {"echo alone, from afar", 0.3, 0, 1, 0, 0.2},
+             {"a talker, the far end plays into headphones", 0, 0.5, 1, 0.85, 1},
+             {"a faint talker, the far end plays into headphones", 0, 0.05, 1, 0.8, 1},
+             {"a talker, the far end is silent", 1, 0.5, 0, 1, 1},
+             {"a talker far above the echo", 0.1, 1, 1, 0.7, 1},
+         })
+        judge(16000, row);
+}
+
+TEST(TheJudgement, IsTheSameAtEveryRate)
+{
+    for (const int32_t rate : {8000, 32000, 48000}) {
+        judge(rate, {"echo alone", 1, 0, 1, 0, 0.2});
+        judge(rate, {"a talker, the far end plays into headphones", 0, 0.5, 1, 0.85, 1});
     }
 }
 
 TEST(TheJudgement, IsOneForEachMicrophone)
 {
     const std::vector<double> judged = Judgement(16000, {{1, 0}, {0, 0.5}}).run(5);
-    EXPECT_LT(judged[0], 0.15);
+    EXPECT_LT(judged[0], 0.2);
     EXPECT_GT(judged[1], 0.85);
 }
 
