@@ -44,8 +44,9 @@ float weight_of_new(int32_t frames, int32_t count)
 static void clip(Channel &channel, const Sums &sums, const int16_t *samples, int32_t count)
 {
     if (sums.peak < LEAST_CLIPPED) return;
-    // A single loud sound is forgotten: what reached it half is the largest after ten seconds.
-    channel.largest = std::max(channel.largest - channel.largest / 1024, sums.peak);
+    // A single loud sound is forgotten within minutes. Faster, and in steady sound every frame
+    // would reach the largest value and be looked through.
+    channel.largest = std::max(channel.largest - 1, sums.peak);
     float clipped = 0;
     if (sums.peak >= channel.largest - 1)
         clipped = static_cast<float>(samples_at(samples, count, channel.largest - 1)) /
