@@ -96,10 +96,11 @@ class Canceller(State):
         4 frames (64 ms). Any thread may ask at any time, also while another one is in process().
         Raises ValueError when the canceller is closed.
 
+        >>> loudspeaker = 0.1 * np.random.default_rng(1).standard_normal(10 * 16000)
         >>> with Canceller(16000) as canceller:
-        ...     result = canceller.process(np.zeros(160000), np.zeros(160000))
+        ...     result = canceller.process(0.5 * loudspeaker, loudspeaker)
         ...     canceller.report().verdict
-        'no-microphone'
+        'cancelling'
         """
         return self._meter.read()
 
