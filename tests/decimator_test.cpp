@@ -41,6 +41,9 @@ TEST(MixToMono, IsTheMeanOfTheChannelsWithoutOverflow)
     to.resize(2);
     nax::mix_to_mono(planar.data(), 3, 2, to.data());
     EXPECT_EQ(to, (Samples{150, 110}));
+    const Samples more = {100, -200, 300, 500, 50, 30, 9000, 9000}; // a fourth channel behind them
+    nax::mix_to_mono(more.data(), 3, 2, to.data());
+    EXPECT_EQ(to, (Samples{150, 110}));
 }
 
 TEST(Decimator, FiltersFramesAsOneSignal)
