@@ -265,11 +265,11 @@ TEST_P(NeonLoops, SumForTheNetworkAsTheScalarOnesDo)
     expect_alike(1, [&](bool neon, auto &out, auto &, auto &, auto &, auto &) {
         (neon ? neon::squash : scalar::squash)(out[0], GetParam());
     });
-    RandomLayer random(13, 64, 208);
-    scalar::apply_layer(random.layer, random.inputs.data(), random.outputs.data());
-    const std::vector<float> plain = random.outputs;
-    neon::apply_layer(random.layer, random.inputs.data(), random.outputs.data());
-    EXPECT_EQ(plain, random.outputs);
+    RandomLayer drawn(13, 64, 208);
+    scalar::apply_layer(drawn.layer, drawn.inputs.data(), drawn.outputs.data());
+    const std::vector<float> plain = drawn.outputs;
+    neon::apply_layer(drawn.layer, drawn.inputs.data(), drawn.outputs.data());
+    EXPECT_EQ(plain, drawn.outputs);
 }
 
 INSTANTIATE_TEST_SUITE_P(Frames, NeonLoops, testing::ValuesIn(FRAME_SIZES));
