@@ -44,9 +44,11 @@ float weight_of_new(int32_t frames, int32_t count)
 static void clip(Channel &channel, const Sums &sums, const int16_t *samples, int32_t count)
 {
     if (sums.peak < LEAST_CLIPPED) return;
-    // A single loud sound is forgotten within minutes. Faster, and in steady sound every frame
+    // A single loud sound is forgotten within an hour. Faster, and in steady sound many frames
     // would reach the largest value and be looked through.
-    channel.largest = std::max(channel.largest - 1, sums.peak);
+    constexpr int32_t FADE_EVERY = 8; // frames, by one
+    const int32_t fade = channel.sounding_frames % FADE_EVERY == 0 ? 1 : 0;
+    channel.largest = std::max(channel.largest - fade, sums.peak);
     float clipped = 0;
     if (sums.peak >= channel.largest - 1)
         clipped = static_cast<float>(samples_at(samples, count, channel.largest - 1)) /
