@@ -1,6 +1,7 @@
 """The PipeWire plugin in a server: from its configuration, in a process beside it, by pactl."""
 import json
 import os
+import pathlib
 import signal
 import time
 
@@ -70,9 +71,19 @@ def wrong_setting(folder):
         return server.check(name, it.log(), ["aec.args: delay: 'far'"]) and it.answers()
 
 
-def end_children(process):
-    for child in open(f"/proc/{process.pid}/task/{process.pid}/children").read().split():
-        os.kill(int(child), signal.SIGKILL)
+def end_beside(it):
+    """Kills the cancellers that the server started, which are no children of its any more; returns
+    how many."""
+    ended = 0
+    for process in pathlib.Path("/proc").glob("[0-9]*"):
+        try:
+            ours = os.readlink(process / "cwd") == str(it.home) and b"nax-aec.conf" in (process / "cmdline").read_bytes()
+        except OSError:     # it has ended, or is none of ours to look at
+            continue
+        if ours:
+            os.kill(int(process.name), signal.SIGKILL)
+            ended += 1
+    return ended
 
 
 def beside_the_server(folder):
@@ -84,8 +95,7 @@ def beside_the_server(folder):
         it.wait_for_ports("nax_aec.microphone:capture_" + ("MONO" if later else "FL"), f"{sink}:playback_FL")
         chosen = it.ask("pw-metadata", "-n", "default", "0")
         out = server.play_and_record(it, "nax_aec.microphone", sink, 1 if later else 2)
-        end_children(it.processes[0])
-        alive = it.answers()
+        alive = end_beside(it) == 1 and it.answers()
     name = f"PipeWire, nax-aec.conf{', monitor.mode' if later else ''}"
     print(f"{name}: the server {'runs' if alive else 'stopped'} when it is gone")
     chosen = server.check(f"{name}, default devices", chosen, ['"nax_aec.microphone"', f'"{sink}"'])
