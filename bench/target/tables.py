@@ -13,7 +13,7 @@ OUTSIDE, BYTES, SPLIT, ALIGNMENT, ESTIMATOR, BINDING, LIBRARY, JOIN, SUPPRESSOR,
 OUR_HEAP_LIMIT = 400 * 1024
 STACK_LIMIT = 8 * 1024
 METER_LIMIT = 4 * 1024         # heap
-METER_SHARES = {'8000': 1.5, '16000': 1.0, '32000': 1.0, '48000': 1.0} # % of the canceller's, 1 x 1, NEON
+METER_SHARES = {'8000': 1.6, '16000': 1.0, '32000': 1.0, '48000': 1.0} # % of the canceller's, 1 x 1, NEON
 LIBRARIES = 'aec', 'meter', 'res'
 exceeded = []                   # what is above its limit
 
