@@ -98,7 +98,7 @@ class Canceller(State):
 
         >>> loudspeaker = 0.1 * np.random.default_rng(1).standard_normal(10 * 16000)
         >>> with Canceller(16000) as canceller:
-        ...     result = canceller.process(0.5 * loudspeaker, loudspeaker)
+        ...     result = canceller.process(0.5 * np.roll(loudspeaker, 1000), loudspeaker)
         ...     canceller.report().verdict
         'cancelling'
         """
