@@ -106,10 +106,17 @@ def drop_outs(samples, rate):
     return found if sum(length for _, length in found) < MOST_GAPS * len(samples) / rate else []
 
 
+def pieces_of(x, size, step):
+    """All pieces (pieces x size) of x (n) that begin at multiples of step. NumPy has its own from
+    1.20 on."""
+    count = max(0, (len(x) - size) // step + 1)
+    return np.lib.stride_tricks.as_strided(x, (count, size), (step * x.strides[0], x.strides[0]), writeable=False)
+
+
 def frame_spectra(x, rate, size=1024):
     """Power spectra of the active pieces (pieces x bins), half overlapped, and their
     frequencies in Hz (bins)."""
-    pieces = np.lib.stride_tricks.sliding_window_view(x, size)[::size // 2]
+    pieces = pieces_of(x, size, size // 2)
     pieces = pieces[pieces.var(axis=1) > ACTIVE_POWER]
     pieces = pieces[::max(1, len(pieces) // 1000)]
     frequency = np.fft.rfftfreq(size, 1 / rate)
@@ -147,7 +154,7 @@ def plays_above(x, y, rate, edge):
     """Whether y's spectrum above edge (Hz) follows x's level, and is more than what distortion
     leaves there."""
     size = 1024
-    x_pieces, y_pieces = (np.lib.stride_tricks.sliding_window_view(c, size)[::size] for c in (x, y))
+    x_pieces, y_pieces = (pieces_of(c, size, size) for c in (x, y))
     powers, frequency = np.abs(np.fft.rfft(y_pieces * np.hanning(size))) ** 2, np.fft.rfftfreq(size, 1 / rate)
     if frequency[-1] <= 1.1 * edge or x_pieces.var() == 0 or y_pieces.var() == 0:
         return False

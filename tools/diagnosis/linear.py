@@ -8,7 +8,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
-from .channel import ACTIVE_POWER, decibels, frame_powers, frame_size
+from .channel import ACTIVE_POWER, decibels, frame_powers, frame_size, pieces_of
 
 RATE = 16000                    # Hz
 FILTER_S = 0.032                # length of the library's filter
@@ -237,7 +237,7 @@ def swing_db(gains_db):
     what a loudspeaker distorts does, or where too little is known."""
     if len(gains_db) < 20:
         return 0.0
-    smooth = np.median(np.lib.stride_tricks.sliding_window_view(gains_db, 3), axis=1)
+    smooth = np.median(pieces_of(gains_db, 3, 1), axis=1)
     swing = float(np.subtract(*np.percentile(smooth, (90, 10))))
     return swing if np.mean(np.abs(gains_db[1:-1] - smooth)) < 0.15 * swing else 0.0
 
@@ -246,7 +246,7 @@ def coherence(x, y, rate, window_s=0.128):
     """Magnitude-squared coherence (bins) of x, held back and active, and y, and its
     frequencies in Hz."""
     size = int(window_s * rate)
-    x_parts, y_parts = (np.lib.stride_tricks.sliding_window_view(c, size)[::size // 2] for c in (x, y))
+    x_parts, y_parts = (pieces_of(c, size, size // 2) for c in (x, y))
     active = x_parts.var(axis=1) > ACTIVE_POWER
     x_spectra, y_spectra = (np.fft.rfft(c[active] * np.hanning(size)) for c in (x_parts, y_parts))
     s_xx, s_yy = ((np.abs(s) ** 2).sum(0) for s in (x_spectra, y_spectra))
