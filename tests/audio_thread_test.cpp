@@ -11,9 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <memory>
-
 class AudioThread : public testing::Test {
 protected:
     void SetUp() override
@@ -123,61 +120,4 @@ TEST_F(AudioThread, ProcessesAThousandFramesWithoutASystemCallALockOrTheHeap)
                     ASSERT_TRUE(WIFEXITED(status)) << "ended at a system call";
                     EXPECT_EQ(WEXITSTATUS(status), 0);
                 }
-}
-
-// A stack that was painted, and how much of it a thread wrote to below its first function.
-struct PaintedStack {
-    static constexpr size_t SIZE = 256 * 1024;
-    static constexpr char PAINT = 0x5a;
-    alignas(4096) char bytes[SIZE];
-
-    size_t used_below(const char *top) const
-    {
-        const char *lowest = std::find_if(bytes, top, [](char byte) { return byte != PAINT; });
-        return static_cast<size_t>(top - lowest);
-    }
-};
-
-struct Frames {
-    nax_aec_state *state;
-    Samples in;
-    int32_t count;     // samples per frame
-    const char *stack; // of the thread, at the start of its function
-    int32_t moves;     // of the delay
-};
-
-static void *process_frames(void *argument)
-{
-    Frames &frames = *static_cast<Frames *>(argument);
-    char top;
-    frames.stack = &top;
-    int32_t delay = 0;
-    for (size_t at = 0; at < frames.in.size(); at += static_cast<size_t>(frames.count)) {
-        const int32_t now =
-            nax_aec_short(frames.state, &frames.in[at], nullptr, nullptr, frames.count);
-        frames.moves += now != delay;
-        delay = now;
-    }
-    return nullptr;
-}
-
-// Audio threads of small devices have 16 KB. The loader's resolving of symbols is within it.
-TEST_F(AudioThread, NeedsLessThan8KilobytesOfStackForAFrame)
-{
-    for (const int32_t sample_rate : RATES) {
-        const State state = make_state(sample_rate, 2, 2, {.model_aec_en = 1});
-        Frames frames = {state.get(), material({sample_rate, 2, 2, 1}, 60),
-                         4 * frame_size(sample_rate), nullptr, 0};
-        const auto stack = std::make_unique<PaintedStack>();
-        std::fill_n(stack->bytes, PaintedStack::SIZE, PaintedStack::PAINT);
-        pthread_attr_t attributes;
-        pthread_attr_init(&attributes);
-        ASSERT_EQ(pthread_attr_setstack(&attributes, stack->bytes, PaintedStack::SIZE), 0);
-        pthread_t thread;
-        ASSERT_EQ(pthread_create(&thread, &attributes, process_frames, &frames), 0);
-        pthread_join(thread, nullptr);
-        pthread_attr_destroy(&attributes);
-        EXPECT_GT(frames.moves, 0) << sample_rate;
-        EXPECT_LT(stack->used_below(frames.stack), 8192) << sample_rate;
-    }
 }
