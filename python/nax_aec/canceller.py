@@ -36,8 +36,8 @@ class Canceller(State):
     >>> with Canceller(16000) as canceller:
     ...     for _ in range(3):
     ...         result = canceller.process(np.zeros(256, np.int16), np.zeros(256, np.int16))
-    >>> result.cleaned.shape, result.cleaned.dtype, result.delays
-    ((256,), dtype('int16'), array([0], dtype=int32))
+    >>> result.cleaned.shape, result.cleaned.dtype, result.delays.tolist()
+    ((256,), dtype('int16'), [0])
     """
 
     def __init__(self, sample_rate: int, microphones: int = 1, references: int = 1, *,
