@@ -131,8 +131,9 @@ TEST(Loops, ALayerIsThatOfItsDefinitionUpToTheLargestSums)
                 const size_t block = i / 4 * random.inputs.size() / 16 + j / 16;
                 sum += random.weights[(block * 4 + i % 4) * 16 + j % 16] * random.inputs[j];
             }
-            EXPECT_EQ(random.outputs[i], static_cast<float>(sum) * random.scale[i] + random.bias[i])
-                << i;
+            // Volatile, so that the compiler does not fuse the two operations.
+            const volatile float product = static_cast<float>(sum) * random.scale[i];
+            EXPECT_EQ(random.outputs[i], product + random.bias[i]) << i;
         }
     }
 }
