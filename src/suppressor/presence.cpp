@@ -131,12 +131,16 @@ void presence_update(Presence &presence, const Bands &bands, const Evidence &evi
     float outputs[OUTPUTS];
     find_features(bands, evidence, presence.inputs);
     run_network(presence.inputs, presence.state, outputs);
+    // A loudspeaker's distortion also fills bands in which the reference is silent, so that the
+    // reference's loudest band counts.
+    const float *const activity = evidence.reference->activity;
+    const float active = *std::max_element(activity, activity + bands.count);
     for (int32_t b = 0; b < bands.count; b++) {
         const float judged = outputs[std::min(b, TOPMOST_JUDGED)];
         const float talker =
             std::clamp((judged - NO_TALKER) / (ALL_TALKER - NO_TALKER), 0.0f, 1.0f);
         // Without a reference there is no echo.
-        presence.talker[b] = 1 - evidence.reference->activity[b] * (1 - talker);
+        presence.talker[b] = 1 - active * (1 - talker);
     }
 }
 
