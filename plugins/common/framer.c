@@ -12,8 +12,8 @@
 
 /* Samples after which the canceller gives silence for silence. It keeps two frames of the
  * reference, 1536 samples at 48 kHz. Its high-pass filter of the microphones has a pole at
- * 0.992: of a step of full scale less than 0.3 is left after as many. */
-enum { CANCELLER_KEEPS = 1536 };
+ * 0.992: of a step of full scale less than 0.001 is left after 2304 samples. */
+enum { CANCELLER_KEEPS = 2304 };
 
 /* Frames that the suppressor keeps of what the canceller gives. */
 enum { SUPPRESSOR_KEEPS = 2 };

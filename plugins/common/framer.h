@@ -67,7 +67,7 @@ void framer_advance(struct framer *framer, size_t count);
 void framer_drain(struct framer *framer);
 
 /* Prepares for a stream that starts again. Silence takes the place of all earlier sound. What
- * was learnt about the room stays. Costs as much as 5 (48 kHz) to 12 frames (8 kHz); allocates nothing,
+ * was learnt about the room stays. Costs as much as 6 (48 kHz) to 18 frames (8 kHz); allocates nothing,
  * locks nothing and calls nothing of the system. */
 void framer_restart(struct framer *framer);
 
