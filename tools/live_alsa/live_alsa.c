@@ -227,9 +227,10 @@ static void open_session(struct session *session)
         create_meter(options->rate, options->words.mics, options->refs, options->words.drop);
     if (options->suppress) create_suppressor(session);
     /* The first call allocates a buffer. A frame of silence makes it here, so that the
-     * audio thread allocates nothing. */
+     * audio thread allocates nothing. The suppressor hears the same frames as the canceller. */
     const int16_t *audio;
     cancel(session, session->spare, &audio);
+    if (session->suppressor) suppress(session, session->spare + (size_t)session->frame * channels);
     capture_start(&session->capture);
 }
 
