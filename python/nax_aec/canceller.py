@@ -78,9 +78,9 @@ class Canceller(State):
                            delay_len, look_ahead, None if table is None else table.ctypes.data)
         self.kept = refs - drop_channel
         lib = library()
+        self._meter = Meter(self.sample_rate, mics, refs, drop_channel)
         self._keep(lib.nax_aec_state_init(self.sample_rate, 16, mics, refs,
                                           ctypes.byref(self.param)), lib.nax_aec_state_destroy)
-        self._meter = Meter(self.sample_rate, mics, refs, drop_channel)
 
     def close(self) -> None:
         """Releases the state. Waits for another thread's call. A second close does nothing."""
