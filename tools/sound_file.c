@@ -55,9 +55,12 @@ void sound_note_cut_short(const struct sound_file *sound)
 {
     char log[8192] = "";
     sf_command(sound->file, SFC_GET_LOG_INFO, log, sizeof log);
+    static const char BETWEEN[] = " (should be ";
     for (const char *at = log; (at = strstr(at, ": ")); at++) {
-        unsigned long long announced, held;
-        if (sscanf(at, ": %llu (should be %llu)", &announced, &held) != 2) continue;
+        char *end;
+        const unsigned long long announced = strtoull(at + 2, &end, 10);
+        if (end == at + 2 || strncmp(end, BETWEEN, sizeof BETWEEN - 1) != 0) continue;
+        const unsigned long long held = strtoull(end + sizeof BETWEEN - 1, NULL, 10);
         if (announced <= held + HEADER_SLACK || announced >= LENGTH_NOT_KNOWN) continue;
         complain(sound->path, "is cut short: %llu of the %llu bytes that its header announces",
                  held, announced);
