@@ -200,7 +200,10 @@ def deepest_stack(build):
     inner = [size for name, size in frame.items() if 'scalar' in name or 'neon' in name]
     frame['__indirect_call'] = max(inner)
 
+    # A function that its own file calls may be named FILE:NAME there and NAME elsewhere.
     def depth(name):
+        if name not in frame:
+            name = name.rpartition(':')[2]
         return frame.get(name, 0) + max((depth(target) for target in calls[name]), default=0)
     return {name: depth(name) for name in ('nax_aec_short', 'nax_aec_byte', 'nax_meter_short', 'nax_res_short')}
 

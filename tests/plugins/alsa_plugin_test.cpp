@@ -362,6 +362,9 @@ TEST_F(AlsaPlugin, LogsWhenItIsWellAgainAndLooksAtTheEnd)
 
 TEST_F(AlsaPlugin, StreamsAndClosesInAForkedProcess)
 {
+#if defined(__arm__) || defined(__aarch64__)
+    GTEST_SKIP() << "QEMU ends a forked process that starts a thread";
+#endif
     const Recording recording = dead_microphone();
     configure(recording, "", "board", "looped yes");
     snd_pcm_t *pcm = start(recording);
