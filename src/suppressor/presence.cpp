@@ -78,6 +78,10 @@ void find_features(const Bands &bands, const Evidence &evidence, int8_t *inputs)
         input[6] = feature(evidence.coherence[b]);
         const int32_t from = std::max(bands.edge[b] - MARGIN, LOWEST_BIN);
         const int32_t to = std::min(bands.edge[b + 1] + MARGIN, bins);
+        if (from >= to) { // above 8 kHz
+            input[7] = input[8] = 0;
+            continue;
+        }
         Moments m;
         sum_products(cleaned + from, echo + from, ref + from, to - from, m);
         const float n = static_cast<float>(to - from);
