@@ -283,7 +283,7 @@ static bool flushes_denormals()
     return small * 0.01f == 0.0f;
 }
 
-TEST_F(Frame, EnginesFlushDenormalNumbersAndTheCallerDoesNot)
+TEST_F(Frame, FlushesDenormalNumbersForTheEnginesAndNotForTheCaller)
 {
 #if !defined(__SSE2__) && !defined(__arm__) && !defined(__aarch64__)
     GTEST_SKIP() << "no way to flush denormals on this processor";
