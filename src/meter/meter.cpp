@@ -4,6 +4,7 @@
 
 #include "kernels/float_mode.h"
 #include "kernels/kernels.h"
+#include "kernels/rates.h"
 #include "meter/levels.h"
 #include "meter/published.h"
 #include "meter/stream.h"
@@ -14,7 +15,7 @@
 
 using namespace nax::meter;
 
-static constexpr int32_t MAX_FRAME = 768, MAX_MICS = 2;
+static constexpr int32_t MAX_MICS = 2;
 static constexpr int32_t REPORT_EVERY = 4; // frames
 
 struct nax_meter_state {
@@ -26,17 +27,6 @@ struct nax_meter_state {
     Standing standing;
     Published published;
 };
-
-static int32_t frame_size_for(int32_t sample_rate)
-{
-    switch (sample_rate) {
-    case 8000: return 128;
-    case 16000: return 256;
-    case 32000: return 512;
-    case 48000: return 768;
-    default: return 0;
-    }
-}
 
 // The report, its levels still powers: in decibels they are wanted when somebody reads.
 static nax_meter_report report_of(const nax_meter_state &state)
@@ -79,16 +69,15 @@ nax_meter_state *nax_meter_state_init(int32_t sample_rate, int32_t num_src_chann
                                       int32_t num_ref_channel)
 {
     const nax::FloatMode mode;
-    const int32_t frame_size = frame_size_for(sample_rate);
-    if (frame_size == 0 || num_src_channel < 1 || num_src_channel > MAX_MICS ||
+    if (!nax::is_served(sample_rate) || num_src_channel < 1 || num_src_channel > MAX_MICS ||
         num_ref_channel < 1 || num_ref_channel > INT32_MAX - num_src_channel)
         return nullptr;
     nax_meter_state *state = static_cast<nax_meter_state *>(calloc(1, sizeof *state));
     if (!state) return nullptr;
-    state->frame_size = frame_size;
+    state->frame_size = nax::frame_size_of(sample_rate);
     state->mics = num_src_channel;
     state->refs = state->kept = num_ref_channel;
-    stream_init(state->stream, frame_size);
+    stream_init(state->stream, state->frame_size);
     publish(state->published, report_of(*state));
     return state;
 }
@@ -106,7 +95,7 @@ int32_t nax_meter_drop(nax_meter_state *state, int32_t drop_channel)
 static float take_in(const nax_meter_state &state, Channel &channel, const int16_t *samples,
                      int32_t stride)
 {
-    int16_t planar[MAX_FRAME];
+    int16_t planar[nax::MAX_FRAME];
     nax::copy_channel(samples, stride, planar, 1, state.frame_size);
     return take_in(channel, planar, state.frame_size);
 }

@@ -63,13 +63,6 @@ static void release_lines(int16_t **&lines, int64_t count)
     lines = nullptr;
 }
 
-static bool is_served(int32_t sample_rate)
-{
-    for (const int32_t rate : SAMPLE_RATES)
-        if (rate == sample_rate) return true;
-    return false;
-}
-
 // Returns whether a format is refused, and writes the reason to standard error.
 static bool refuse_format(int32_t sample_rate, int32_t bits_per_sample, int32_t mics, int32_t refs)
 {
@@ -94,7 +87,7 @@ static bool refuse_format(int32_t sample_rate, int32_t bits_per_sample, int32_t 
 static void fill(nax_aec_state &state, int32_t sample_rate, int32_t mics, int32_t refs,
                  const nax_aec_param &param)
 {
-    const int32_t frame = frame_size_of(sample_rate);
+    const int32_t frame = nax::frame_size_of(sample_rate);
     state.frame_size = frame;
     state.frame_size_1 = frame;
     state.frame_size_2 = frame;
@@ -163,7 +156,7 @@ extern "C" nax_aec_state *nax_aec_state_init(int32_t sample_rate, int32_t bits_p
     st->look_ahead = param->look_ahead;
 
     // The record stays allocated, and st keeps pointing to it: nax_aec.h promises this.
-    if (!is_served(sample_rate)) {
+    if (!nax::is_served(sample_rate)) {
         static const char message[] = "Not Support Sampling_rate\n";
         fwrite(message, 1, sizeof message - 1, stderr);
         return nullptr;

@@ -7,6 +7,7 @@
 #include "engines/canceller.h"
 #include "engines/delay_estimator.h"
 #include "engines/delay_lines.h"
+#include "kernels/rates.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -19,14 +20,11 @@ inline constexpr int32_t DELAY_LINE_LEN = nax::DELAY_REACH;
 // Words of the record that belong to the delay estimator.
 inline constexpr int32_t DELAY_EST_WORDS = nax::DELAY_STATE_WORDS;
 
-// The rates that are served, in Hz. A frame is 16 ms. The delay line holds a whole number of
-// frames, so that each frame is written in one piece.
-inline constexpr int32_t SAMPLE_RATES[] = {8000, 16000, 32000, 48000};
-constexpr int32_t frame_size_of(int32_t sample_rate) { return sample_rate / 1000 * 16; }
+// The delay line holds a whole number of frames, so that each frame is written in one piece.
 constexpr bool frames_fit()
 {
-    for (const int32_t rate : SAMPLE_RATES)
-        if (rate % 1000 != 0 || DELAY_LINE_LEN % frame_size_of(rate) != 0) return false;
+    for (const int32_t rate : nax::SAMPLE_RATES)
+        if (rate % 1000 != 0 || DELAY_LINE_LEN % nax::frame_size_of(rate) != 0) return false;
     return true;
 }
 static_assert(frames_fit());

@@ -1,12 +1,13 @@
 // The frequency bands of the suppressor. Each is about one Bark wide.
 #pragma once
 
+#include "kernels/rates.h"
+
 #include <cstdint>
 
 namespace nax::res {
 
 // A window is two frames of 16 ms at every rate, so a bin is always 31.25 Hz wide.
-inline constexpr int32_t MAX_FRAME = 768;               // samples, at 48000 Hz
 inline constexpr int32_t VECTOR = 4;                    // bins; the inner loops' step
 inline constexpr int32_t MAX_BINS = MAX_FRAME + VECTOR; // 0 Hz to half the rate, and padding
 inline constexpr int32_t MAX_BANDS = 24;

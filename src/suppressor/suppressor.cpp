@@ -4,6 +4,7 @@
 
 #include "kernels/float_mode.h"
 #include "kernels/kernels.h"
+#include "kernels/rates.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -16,34 +17,22 @@ template <typename Type> static Type *allocate(int32_t count)
     return static_cast<Type *>(calloc(static_cast<size_t>(count), sizeof(Type)));
 }
 
-static int32_t frame_size_for(int32_t sample_rate)
-{
-    switch (sample_rate) {
-    case 8000: return 128;
-    case 16000: return 256;
-    case 32000: return 512;
-    case 48000: return 768;
-    default: return 0;
-    }
-}
-
 nax_res_state *nax_res_state_init(int32_t sample_rate, int32_t num_src_channel,
                                   int32_t num_ref_channel)
 {
     const nax::FloatMode mode;
-    const int32_t frame_size = frame_size_for(sample_rate);
-    if (frame_size == 0 || num_src_channel < 1 || num_src_channel > 2 || num_ref_channel < 1 ||
-        num_ref_channel > INT32_MAX - num_src_channel)
+    if (!nax::is_served(sample_rate) || num_src_channel < 1 || num_src_channel > 2 ||
+        num_ref_channel < 1 || num_ref_channel > INT32_MAX - num_src_channel)
         return nullptr;
     nax_res_state *state = allocate<nax_res_state>(1);
     if (!state) return nullptr;
-    state->frame_size = frame_size;
+    state->frame_size = nax::frame_size_of(sample_rate);
     state->mics = num_src_channel;
     state->refs = num_ref_channel;
-    state->bands = bands_for(frame_size);
+    state->bands = bands_for(state->frame_size);
     state->ref_windows = allocate<Window>(num_ref_channel);
     state->microphones = allocate<Microphone>(num_src_channel);
-    const bool transforms = spectra_init(state->spectra, frame_size);
+    const bool transforms = spectra_init(state->spectra, state->frame_size);
     if (!state->ref_windows || !state->microphones || !transforms) {
         nax_res_state_destroy(state);
         return nullptr;
