@@ -101,6 +101,7 @@ class Timeline:
         self.done = 0                           # captured samples that were processed
         self.silent = self.late = self.discarded = self.too_early = self.steps = 0
         self.drift = 0.0                        # of the playback's clock, as it is made up for
+        self._off = 0.0                         # samples by which it is read before its time
         self._ramp = np.arange(frame) / frame
 
     def held(self) -> int:
@@ -186,8 +187,9 @@ class Timeline:
         """The median of how much later the pieces that follow are than the first one's time has
         them: a first time that is off would move all of the playback."""
         offs = [0.0]
+        period_s = self.converter.ratio * (self.clock.line.period_s if self.clock.line else 1 / self.rate)
         for time, _, rows in self.waiting[:24]:
-            off = time - at - count * self.converter.ratio / self.rate
+            off = time - at - count * period_s
             if abs(off) > self.clock.tolerance:
                 break
             offs.append(off)
@@ -248,10 +250,11 @@ class Timeline:
             self.late += int(min(playback.samples.end, round(wanted)))
         elif playback.read is not None and abs(wanted - playback.read) > MOST_S * self.rate:
             self.steps += 1
-            playback.read = None
+            playback.read, self._off = None, 0.0
         if playback.read is None or playback.read < 0:
-            playback.read = wanted if self.drift else float(round(wanted))
-        off = wanted - playback.read
+            begin = wanted - self._off      # as the one before is read: the echo's delay stays
+            playback.read = begin if self.drift else float(round(begin))
+        off = self._off = wanted - playback.read
         drift = line.period_s / playback.line.period_s - 1
         doubt = SURE * math.hypot(line.uncertain, playback.line.uncertain)
         self.drift = drift if abs(drift) > max(doubt, LEAST_DRIFT) else 0.0
