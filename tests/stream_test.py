@@ -2,9 +2,9 @@
 """nax_aec.Stream: sound in pieces, with and without times, against the whole recording in one go.
 
 The reference that a test expects to be used is made by hand; then the samples must be those of
-nax_aec.cancel with it. With --long: an hour in 100000 calls on two threads, and a minute of
-threads that call everything at once. With NAX_AEC_INSTALLED the installed package is tested. Ends
-with status 77, which CTest counts as skipped, when NumPy is missing.
+nax_aec.cancel with it. With --long: an hour in 100000 calls on two threads, a minute of threads
+that call everything at once, and what a stream costs. With NAX_AEC_INSTALLED the installed package
+is tested. Ends with status 77, which CTest counts as skipped, when NumPy is missing.
 """
 import doctest
 import importlib.util
@@ -529,6 +529,27 @@ class Long(unittest.TestCase):
         print(f"{at / RATE:.0f} s in {len(ends) - 1} calls a side; most memory {most[0]} kB after a tenth, "
               f"{most[1]} kB at the end")
         self.assertLess(most[1], most[0] + 2000)
+
+    def test_what_a_stream_costs_over_its_canceller(self):
+        """Processor time in pieces of 20 ms, by turns, the least of several rounds; printed, since no
+        machine is like another."""
+        mic, ref = call(60)
+        kinds = {"without times": None, "with times": 0.0, "with times, 200 ppm": 200e-6}
+        least = dict.fromkeys(["canceller", *kinds], float("inf"))
+        for _ in range(7):
+            for kind, ppm in [("canceller", None), *kinds.items()]:
+                begun = time.process_time()
+                if kind == "canceller":
+                    cancel(mic, ref, RATE)
+                else:
+                    stream = Stream(RATE)
+                    for i in range(0, len(mic), PIECE):
+                        stream.played(ref[i:i + PIECE], None if ppm is None else i / RATE * (1 + ppm))
+                        stream.captured(mic[i:i + PIECE], None if ppm is None else i / RATE)
+                    self.assertGreater(stream.counts.returned, len(mic) - 2 * PIECE)
+                least[kind] = min(least[kind], time.process_time() - begun)
+        for kind in kinds:
+            print(f"{kind}: {(least[kind] - least['canceller']) / len(mic) * RATE:.2%} of a core")
 
     def test_a_minute_of_threads_that_call_everything(self):
         stream, stop, faults, calls = Stream(RATE, latency=0.1), time.monotonic() + 60, [], [0] * 5

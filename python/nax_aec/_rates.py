@@ -9,7 +9,7 @@ from typing import TYPE_CHECKING
 
 import numpy as np
 
-from ._samples import FULL_SCALE
+from ._samples import FULL_SCALE, rounded
 from ._state import RATES
 
 if TYPE_CHECKING:   # NumPy has it from 1.20 on
@@ -71,8 +71,7 @@ class Converter:
         if self._lib.src_process(self._state, ctypes.byref(work)) or \
                 work.input_frames_used != len(given):
             raise RuntimeError("libsamplerate did not take all samples")
-        scaled = np.rint(out[:work.output_frames_gen] * np.float32(FULL_SCALE))
-        return np.clip(scaled, -32768, 32767).astype(np.int16)
+        return rounded(out[:work.output_frames_gen] * np.float32(FULL_SCALE))
 
     def flush(self) -> NDArray[np.int16]:
         """What it holds back. The next row begins a new stream."""

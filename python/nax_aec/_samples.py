@@ -32,8 +32,16 @@ def samples_of(audio: NDArray[Any], channels: int, name: str) -> NDArray[np.int1
         raise TypeError(f"{name} are {audio.dtype}, neither int16 nor floats of full scale 1")
     if not np.isfinite(table).all():
         raise ValueError(f"{name} hold samples that are not finite")
-    scaled = np.rint(table * FULL_SCALE)
-    return np.ascontiguousarray(np.clip(scaled, -32768, 32767), np.int16)
+    return np.ascontiguousarray(rounded(table * FULL_SCALE))
+
+
+def rounded(scaled: NDArray[Any]) -> NDArray[np.int16]:
+    """Floats of the scale of 16 bits, rounded and clipped, which overwrites them. (np.clip takes
+    four times as long for a frame.)"""
+    np.rint(scaled, out=scaled)
+    np.maximum(scaled, -32768, out=scaled)
+    np.minimum(scaled, 32767, out=scaled)
+    return scaled.astype(np.int16)
 
 
 def like(audio: NDArray[Any], samples: NDArray[np.int16]) -> NDArray[Any]:

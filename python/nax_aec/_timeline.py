@@ -11,6 +11,7 @@ import numpy as np
 
 from ._clock import MOST_S, Clock, Line
 from ._rates import Converter
+from ._samples import rounded
 
 if TYPE_CHECKING:   # NumPy has it from 1.20 on
     from numpy.typing import NDArray
@@ -78,12 +79,12 @@ class Playback:
 
 
 @functools.lru_cache(maxsize=None)
-def kernels() -> NDArray[np.float64]:
+def kernels() -> NDArray[np.float32]:
     """Hann-windowed sincs: 2 * WING taps that move a signal ahead by 0 to 1.5 samples, in steps
     of 1 / PHASES: that is 68 dB exact at the highest frequency."""
     phases = np.arange(1.5 * PHASES)[:, np.newaxis] / PHASES
     x = np.arange(-WING + 1, WING + 1) - phases
-    return np.sinc(x) * (0.5 + 0.5 * np.cos(np.pi * x / (WING + 2)))
+    return (np.sinc(x) * (0.5 + 0.5 * np.cos(np.pi * x / (WING + 2)))).astype(np.float32)
 
 
 class Timeline:
@@ -102,7 +103,7 @@ class Timeline:
         self.silent = self.late = self.discarded = self.too_early = self.steps = 0
         self.drift = 0.0                        # of the playback's clock, as it is made up for
         self._off = 0.0                         # samples by which it is read before its time
-        self._ramp = np.arange(frame) / frame
+        self._ramp = (np.arange(frame) / frame).astype(np.float32)
 
     def held(self) -> int:
         """The samples that wait to be read."""
@@ -283,14 +284,16 @@ class Timeline:
         other: within a frame the fraction moves by less than a tenth of a sample."""
         frame, samples, moves = self.frame, playback.samples, self.frame * (playback.rate - 1)
         base = math.floor(min(read, read + moves))
-        held = np.zeros((frame + 2 * WING - 1, self.channels))
+        held = np.zeros((self.channels, frame + 2 * WING - 1), np.float32)
         first = base - WING + 1
-        low, high = max(first, samples.first), min(first + len(held), samples.end)
+        low, high = max(first, samples.first), min(first + held.shape[1], samples.end)
         if high <= low:
             return
-        held[low - first:high - first] = samples.rows(low, high)
+        held[:, low - first:high - first] = samples.rows(low, high).T
         begins, ends = (kernels()[round((at - base) * PHASES)] for at in (read, read + moves))
         for c in range(self.channels):
-            start = np.correlate(held[:, c], begins)
-            moved = start + self._ramp * (np.correlate(held[:, c], ends) - start)
-            into[:, c] += np.rint(moved.clip(-32768, 32767)).astype(np.int16)
+            start, moved = np.correlate(held[c], begins), np.correlate(held[c], ends)
+            moved -= start
+            moved *= self._ramp
+            moved += start
+            into[:, c] += rounded(moved)

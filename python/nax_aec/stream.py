@@ -121,6 +121,7 @@ class Stream:
         self._in = np.zeros((frame, m + kept), np.int16)
         self._out = np.zeros((frame, m + self._canceller.references), np.int16)
         self._echo, self._suppressed = np.zeros((2, frame, m), np.int16)
+        self._pointers = [a.ctypes.data for a in (self._in, self._out, self._echo, self._suppressed)]
         self._given = self._returned = 0        # sample instants at the rate of the capture
         self._ahead = frame if suppress else 0  # samples of silence that the suppressor gives first
         self._steps = self._delay = self._told = 0
@@ -300,13 +301,13 @@ class Stream:
         with self._canceller._in_use() as state:
             call, length = library().nax_aec_short, frame * self._out.shape[1]
             measure, meter = meter_library().nax_meter_short, self._canceller._meter.state
-            pointers = [a.ctypes.data for a in (self._in, self._out, self._echo)]
+            into, out, echo, _ = self._pointers
             for i in range(count):
                 start = first + i * frame
                 self._in[:, :m] = self._mic.rows(start, start + frame)
                 timeline.read(self._in[:, m:], line)
-                self._delay = call(state, *pointers, length)
-                measure(meter, pointers[0], pointers[1], self._delay)
+                self._delay = call(state, into, out, echo, length)
+                measure(meter, into, out, self._delay)
                 cleaned[i * frame:(i + 1) * frame] = \
                     self._suppress() if self._suppressor else self._out[:, :m]
         self._mic.drop(timeline.done)
@@ -317,8 +318,7 @@ class Stream:
         """The frame before the canceller's last one, suppressed."""
         assert self._suppressor
         with self._suppressor._in_use() as state:
-            suppressor_library().nax_res_short(state, *(a.ctypes.data for a in (
-                self._out, self._echo, self._suppressed)))
+            suppressor_library().nax_res_short(state, *self._pointers[1:])
         return self._suppressed
 
     def _tell(self) -> None:
