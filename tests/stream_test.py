@@ -19,6 +19,7 @@ import sys
 import tempfile
 import threading
 import time
+import types
 import unittest
 import wave
 
@@ -369,6 +370,16 @@ class Rates(unittest.TestCase):
                     self.assertGreater(removed_db(mic[:4 * rate], out), 12)
 
 
+    def test_a_stream_that_nobody_closes_releases_its_converters(self):
+        stream = Stream(44100)
+        converter, released = stream._back, []
+        library, state = converter._lib, converter._state
+        converter._lib = types.SimpleNamespace(src_delete=released.append)
+        del stream, converter
+        self.assertEqual(released, [state])
+        library.src_delete(state)
+
+
 class Errors(unittest.TestCase):
     def test_arguments_that_do_not_fit(self):
         for arguments, options in (((999,), {}), ((RATE, 3), {}), ((RATE,), dict(reference_rate=10**6)),
@@ -379,6 +390,10 @@ class Errors(unittest.TestCase):
         for wrong in (np.zeros((100, 2)), np.zeros(100) * np.nan):
             for method in (stream.played, stream.captured):
                 self.assertRaises(ValueError, method, wrong)
+        for wrong in (5, [1, 2], "sound", np.zeros(100, int)):
+            for method in (stream.played, stream.captured):
+                self.assertRaises(TypeError, method, wrong)
+        self.assertEqual(stream.counts.captured, 0)
 
     def test_a_closed_stream(self):
         stream = Stream(RATE)

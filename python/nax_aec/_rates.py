@@ -84,3 +84,5 @@ class Converter:
         state, self._state = self._state, None
         if state is not None:
             self._lib.src_delete(state)
+
+    __del__ = close

@@ -257,7 +257,7 @@ class Stream:
             self._check_time(at)
             return rows, pcm[:0]
         self._check_time(at)
-        data = self._rest[name] + bytes(pcm)
+        data = self._rest[name] + memoryview(pcm).tobytes()
         whole = len(data) // (2 * channels) * (2 * channels)
         self._rest[name] = data[whole:]
         rows = np.frombuffer(data[:whole], "<i2").reshape(-1, channels)
