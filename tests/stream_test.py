@@ -481,6 +481,8 @@ class Examples(unittest.TestCase):
             at = 1000 + i / rate
             player.add(at + rng.uniform(0, 0.4), b"p", ref[i:i + 960], at)
             player.add(at + 0.02, b"c", mic[i:i + 960], at)
+        player.add(999, b"p", ref[:48000], 1007.0)      # an answer that is cancelled before it is played
+        player.add(999.5, b"i", ref[:0], 1007.0)
 
         async def satellite(port):
             cleaned = b""
@@ -497,7 +499,7 @@ class Examples(unittest.TestCase):
         server = self.start("satellite_server.py", str(port), str(rate))
         self.assertEqual(server.stdout.readline(), "listening\n")
         cleaned = asyncio.run(satellite(port))
-        self.assertIn("late=0, discarded=0", server.stdout.readline())
+        self.assertIn("late=0, discarded=48000", server.stdout.readline())
         wanted = cancel(mic, ref, rate).cleaned[:len(cleaned)]
         self.assertEqual(len(cleaned), (len(mic) - rate // 2) // 768 * 768)
         np.testing.assert_array_equal(cleaned, wanted)

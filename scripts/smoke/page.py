@@ -130,7 +130,8 @@ def of_python(blocks, folder):
             when = [at / RATE] if "at):" in text else []
             names.get("on_play_begins", names["on_playback"])(played[piece].tobytes(), *when)
             names.get("on_audio", names["on_capture"])(mic[piece].tobytes(), *when)
-    return right and names["stream"].counts.delay > 0
+    counts = names["stream"].counts
+    return right and counts.delay > 0 and counts.late == counts.silent == 0
 
 
 def run(folder):
