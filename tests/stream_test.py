@@ -261,6 +261,16 @@ class WithTimes(unittest.TestCase):
             self.expect(player, mic, used, late=320)
         self.assertIn("0.020 s of reference came too late", log.output[0])
 
+    def test_it_is_told_again_each_time_that_twice_as_much_is_late(self):
+        mic, ref = call(2)
+        stream = Stream(RATE)
+        stream.captured(mic, 0.0)
+        with self.assertLogs("nax_aec", "WARNING") as log:
+            for i in range(0, 3200, 320):
+                stream.played(ref[i:i + 320], i / RATE)
+        self.assertEqual(stream.counts.late, 3200)
+        self.assertEqual([line.split()[0][-5:] for line in log.output], ["0.020", "0.060", "0.140"])
+
     def test_a_gap_in_what_is_played_is_silence(self):
         mic, ref = call(2)
         player, used = Player(), ref.copy()

@@ -77,9 +77,11 @@ class Stream:
     With times, the order of arrival does not count. `at` is when the first sample of the piece
     was or will be played, or was captured, in seconds of one clock that runs on, such as
     time.monotonic() of one machine. Give it to all pieces or to none. It may be off by some
-    ms: a line is fitted. A played piece that is further off the ones before than by their
-    jitter (2 to 50 ms) is taken for a gap or a new playback. Clocks of playback and capture
-    that run at different rates are made up for by resampling the reference.
+    ms: a line is fitted. Times that count samples are better: after a gap or an interrupt a
+    time that is off by ms moves the echo, and the canceller loses some dB until it has followed.
+    A played piece that is further off the ones before than by their jitter (2 to 50 ms) is taken
+    for a gap or a new playback. Clocks of playback and capture that run at different rates are
+    made up for by resampling the reference.
 
     What cannot be placed is not guessed: it is counted in `counts`, and the logger "nax_aec"
     warns when the count of late or dropped samples begins, and each time it has doubled.
