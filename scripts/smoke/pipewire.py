@@ -71,6 +71,15 @@ def wrong_setting(folder):
         return server.check(name, it.log(), ["aec.args: delay: 'far'"]) and it.answers()
 
 
+def past_the_sink(folder):
+    """Whether the status says so when what is heard is played to another sink."""
+    with server.server(folder, 2, 1024, aec=stanza()) as it:
+        it.wait_for_ports("ec_sink:playback_FL")
+        server.play_and_record(it, "ec_source", "another")
+        status = told(it).get("nax.status")
+    return server.check("PipeWire, played past the sink", str(status), ["no-reference"])
+
+
 def end_beside(it):
     """Kills the cancellers that the server started, which are no children of its any more; returns
     how many."""
@@ -146,7 +155,8 @@ def patiently(check, folder, *arguments):
 def run(folder):
     if sound.skipped("PipeWire", [sound.BUILD / "plugins/libspa-aec-nax.so"], server.PROGRAMS):
         return True
-    results = [wrong_setting(folder), patiently(beside_the_server, folder), patiently(by_pactl, folder)]
+    results = [wrong_setting(folder), past_the_sink(folder)]
+    results += [patiently(beside_the_server, folder), patiently(by_pactl, folder)]
     results += [patiently(in_the_server, folder, quantum) for quantum in (1024, 256, None)]
     if server.version() >= STREAMS_MAY_DIFFER:
         results.append(patiently(in_the_server, folder, 1024, 1))
