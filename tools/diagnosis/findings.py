@@ -36,17 +36,17 @@ def byte_order(m):
     if wrong:
         yield Finding("byte-order", f"The bytes of the samples are swapped in {channels_text(wrong)}: "
                       "the low bytes carry more than the high ones.",
-                      "Capture S16_LE where it says S16_BE, or the reverse, or tell nax_aec_byte "
-                      "the other byte order. What follows is judged with the bytes put right.")
+                      "Exchange S16_LE and S16_BE in the capture, or give nax_aec_byte the other "
+                      "byte order. The rest of this page is about the corrected samples.")
 
 
 def roles(m):
     wrong = [(c, one) for c, one in enumerate(m.channels) if one.expected and one.role != "silent"
              and one.role != one.expected]
     if wrong:
-        yield Finding("roles", "Not what they should be: " + ", ".join(
+        yield Finding("roles", "Channels do not hold what was said: " + ", ".join(
             f"channel {c} looks like a {one.role}" for c, one in wrong) + ".",
-            "Give the channels in the order that pos says, see the parameters below.")
+            "Put the channels into the order that pos names. The parameters below fit this recording.")
 
 
 def microphones(m):
@@ -55,19 +55,19 @@ def microphones(m):
         yield Finding("no-microphone", "No channel looks like a microphone with sound in it.",
                       "Check the microphone's wiring, gain and mute.")
     if len(mics) > 2:
-        yield Finding("microphones", f"{channels_text(mics)} look like microphones; the library takes 2.",
-                      "Give it the two that matter most.")
+        yield Finding("microphones", f"{channels_text(mics)} look like microphones. The library takes 2.",
+                      "Choose two of them.")
 
 
 def silent_references(m):
     silent = [c for c in m.of("reference") if c not in m.sounding]
     if not m.sounding:
         yield Finding("reference-silent", "No reference holds any sound above -60 dBFS.",
-                      "Tap the reference behind the last volume control and mixer that the "
-                      "loudspeaker's signal passes; check that the loopback is switched on.")
+                      "Check that the loopback is switched on. Take the reference behind the last mixer and "
+                      "volume control before the loudspeaker.")
     elif silent:
         yield Finding("reference-silent", f"The reference in {channels_text(silent)} is silent.",
-                      "Drop it (drop_channel) if nothing is ever played there, else check the loopback.")
+                      "If nothing is ever played there, drop it (drop_channel). Otherwise check the loopback.")
 
 
 def clipped(m):
@@ -75,7 +75,7 @@ def clipped(m):
         if one.clipped > CLIPPED and one.role != "silent":
             yield Finding("clipped", f"The {one.role} in channel {c} is clipped in {100 * one.clipped:.2f} % "
                           "of its samples.",
-                          "Lower its gain: what clipping adds is not linear, and no linear filter removes it.")
+                          "Lower its gain. No linear filter removes the distortion of clipping.")
 
 
 def offset(m):
@@ -83,8 +83,8 @@ def offset(m):
         if abs(one.offset) > OFFSET:
             yield Finding("offset", f"Channel {c} has an offset (DC) of {32768 * one.offset:+.0f}, "
                           f"{100 * one.offset:+.1f} % of full scale.",
-                          "Switch the converter's high-pass on, or find the input that floats: an offset "
-                          "takes headroom and clicks where sound is cut.")
+                          "Switch the converter's high-pass filter on, or look for an input that is not connected. "
+                          "An offset takes headroom and makes clicks where sound is cut.")
 
 
 def drop_outs(m):
@@ -99,77 +99,76 @@ def drop_outs(m):
         yield Finding("drop-outs", f"The {one.role} in channel {c} drops out {len(gaps)} time(s), for "
                       f"{np.median(lengths):.0f} ms (up to {max(lengths):.0f}), at {when} s"
                       + (f", every {np.median(apart):.2f} s." if regular else "."),
-                      "Zeros stand in for samples that came late: larger buffers, a higher priority for "
-                      "the audio thread, no file or network work on it.")
+                      "Samples came late and zeros replaced them. Use larger buffers, give the audio thread a "
+                      "higher priority, and keep file and network work out of it.")
 
 
 def copies(m):
     for r, y in m.copies:
         yield Finding("reference-is-microphone", f"The reference in channel {r} is a copy of the microphone "
                       f"in channel {y}.",
-                      "The canceller would remove the near end: wire the loudspeaker's signal there.")
+                      "Connect the loudspeaker's signal there. With this one the canceller removes the near end.")
     for r, other in m.twice:
         yield Finding("reference-twice", f"The reference in channel {r} is a copy of channel {other}.",
-                      "Drop one (drop_channel): two equal references cost time and adapt more slowly.")
+                      "Drop one of them (drop_channel). Two equal references cost more and adapt more slowly.")
 
 
 def side_tone(m):
     if m.side_tone:
         r, y, share = m.side_tone
         yield Finding("side-tone", f"The reference in channel {r} holds the near end of the microphone in channel "
-                      f"{y} as well, in {100 * share:.0f} % of the time: side tone.",
-                      "Switch the monitor or side-tone path off, or tap the reference before it is mixed in: "
-                      "the canceller removes all that the reference holds.")
+                      f"{y} in {100 * share:.0f} % of the time. This is side tone.",
+                      "Switch the monitor or side-tone path off, or take the reference before the mixer. "
+                      "The canceller removes everything that the reference holds, the near end, too.")
 
 
 def bands(m):
     if m.made_at:
-        yield Finding("rate", f"The recording claims {m.rate} Hz, but nothing in it is above what "
-                      f"{m.made_at} Hz holds: it was made at {m.made_at} Hz and resampled.",
-                      f"Run the library at {m.made_at} Hz, at a fraction of the cost, or find what "
-                      "resamples on the way.")
+        yield Finding("rate", f"The recording has {m.rate} Hz and no sound above {m.made_at // 2} Hz. It was "
+                      f"made at {m.made_at} Hz and resampled.",
+                      f"Run the library at {m.made_at} Hz, which costs less, or look for the resampler.")
     for r, edge in m.narrow:
-        yield Finding("band", f"The reference in channel {r} ends at {edge / 1000:.1f} kHz, the loudspeaker "
-                      "plays more.", "Tap the reference where that is added.")
+        yield Finding("band", f"The reference in channel {r} ends at {edge / 1000:.1f} kHz. The loudspeaker "
+                      "plays higher frequencies.", "Take the reference behind the point where they are added.")
 
 
 def rates(m):
     if abs(m.ratio - 1) > 0.05:
         yield Finding("rates-differ", f"The reference runs at {m.ratio:.3g} times the rate of the microphone.",
-                      "Capture both at one rate; a file's header does not resample.")
+                      "Capture both at one rate. To change the rate in a file's header does not resample it.")
     elif m.ratio != 1:
         off = 100 * (1 / m.ratio - 1)
-        yield Finding("rates-differ", f"The rates do not match: the microphone runs {abs(off):.2f} % "
+        yield Finding("rates-differ", f"The rates differ: the microphone runs {abs(off):.2f} % "
                       f"{'fast' if off > 0 else 'slow'} against the reference.",
-                      "That is more than clocks drift: look for a resampler, a file with the wrong rate in its "
-                      "header, or samples that are lost or doubled all the time.")
+                      "Clocks drift less than that. Look for a resampler, a wrong rate in a file's header, or "
+                      "samples that are lost or doubled all the time.")
 
 
 def no_echo(m):
     if m.echoes or m.ratio != 1 or not m.sounding or not m.of("microphone") or m.copies:
         return
     if m.tonal:
-        yield Finding("tones", "The references hold nothing but steady or repeating sounds, which fit their "
-                      "echo at many delays.", "Record speech or music: by such sounds neither this page nor "
-                      "the library finds the delay, but at their first onset.")
+        yield Finding("tones", "The references hold steady or repeating sounds only. Their echo fits at many "
+                      "delays.", "Record speech or music. With steady sounds the delay shows at their first onset "
+                      "only, here and in the library.")
     else:
         yield Finding("no-echo", "No echo of any reference is found in the microphones, up to 2 s late or early.",
-                      "If an echo can be heard there, the reference is another signal than the "
-                      "loudspeaker's; if not, there is nothing to cancel.")
+                      "If you hear an echo there, the reference is not the loudspeaker's signal. If you do not, "
+                      "there is nothing to cancel.")
 
 
 def reach(m):
     arrivals = [one.arrival for echo in m.echoes[:1] for one in echo.sections]
     if arrivals and min(arrivals) < -0.001:
         yield Finding("reference-late", f"The reference comes {-1e3 * min(arrivals):.1f} ms later than its echo.",
-                      "See first that the two are not exchanged. The library can only hold the reference back: "
-                      "tap it earlier, or delay the microphones by more than that.")
+                      "Check that reference and microphone are not exchanged. Then take the reference earlier, or "
+                      "delay the microphones by more than that: the library delays the reference only.")
     most = library.reach(m.rate)
     if arrivals and max(arrivals) * m.rate > most:
         yield Finding("delay-too-long", f"The echo is {max(arrivals) * m.rate:.0f} samples late "
                       f"({1e3 * max(arrivals):.1f} ms); the delay lines reach {most} ({1e3 * most / m.rate:.1f} ms).",
-                      "Shorten the buffers between the reference's tap and the loudspeaker, tap it later, or hold "
-                      "it back by a constant before the call; a lower sample rate has longer lines.")
+                      "Shorten the buffers between the reference and the loudspeaker, take the reference later, or "
+                      "delay it by a constant before the call. At a lower sample rate the lines are longer.")
 
 
 def moves(m):
@@ -185,13 +184,13 @@ def moves(m):
             (paths if other_path else steps).append(f"{when} ({1e3 * move:+.1f} ms)")
     if steps:
         yield Finding("delay-steps", f"The delay steps {len(steps)} time(s), " + ", ".join(steps[:8]) + ".",
-                      "Look for overruns and underruns: lost samples move the echo for good. The "
-                      "library follows, each time after a moment of echo.")
+                      "Look for overruns and underruns: each lost sample moves the echo for good. The "
+                      "library follows a step, and echo is heard until it has.")
     if paths:
-        yield Finding("path-changed", "The echo's path changes " + ", ".join(paths[:8]) + ": another response, not "
-                      "the same one later.",
-                      "Nothing is wrong if the device, or somebody near it, moved there: the canceller learns the "
-                      "new path.")
+        yield Finding("path-changed", "The echo's path changes " + ", ".join(paths[:8]) + ": the response differs, "
+                      "not only its delay.",
+                      "This is normal when the device or somebody near it moved. The canceller learns the new "
+                      "path.")
 
 
 def drift(m):
@@ -200,9 +199,9 @@ def drift(m):
             apart_s = frame_size(m.rate) / m.rate / abs(echo.drift_ppm) * 1e6
             yield Finding("drift", f"The delay drifts by {echo.drift_ppm:+.0f} ppm: two clocks, a frame apart "
                           f"every {apart_s:.0f} s.",
-                          "Unless something moved all the time, which looks alike: capture references and "
-                          "microphones by one clock, best as channels of one device; "
-                          "else expect the alignment to move and the filter to relearn.")
+                          "Capture references and microphones with one clock, best as channels of one device. "
+                          "With two clocks the alignment moves again and again, and the filter relearns each "
+                          "time. A device or person that moves all the time looks the same.")
 
 
 def swing(m):
@@ -210,7 +209,7 @@ def swing(m):
         if echo.swing_db > SWING_DB:
             yield Finding("gain-swings", f"The echo's gain moves by {echo.swing_db:.0f} dB against the reference in "
                           f"channel {echo.ref}.",
-                          "Switch automatic gain control off, or put it behind the canceller; tap the reference "
+                          "Switch automatic gain control off, or put it behind the canceller. Take the reference "
                           "behind the volume control.")
 
 
@@ -219,10 +218,10 @@ def not_linear(m):
         most = max(echo.short[1], echo.long[1]) if echo.short and echo.long else 100
         if most < LINEAR_DB:
             yield Finding("not-linear", f"At best {most:.1f} dB of the microphone in channel {echo.mic} could be "
-                          "removed by a linear filter: the rest is near end, noise or distortion.",
-                          "Judge with the far end alone. If it stays so, turn the loudspeaker down, look for "
-                          "compressors or equalisers behind the reference's tap, and put a residual echo "
-                          "suppressor behind the library.")
+                          "removed by a linear filter. The rest is near end, noise or distortion.",
+                          "Record with the far end alone. If the figure stays as low, turn the loudspeaker down, "
+                          "look for compressors or equalisers behind the reference, and run the suppressor "
+                          "(nax_res.h) behind the library.")
 
 
 def misaligned(m):
@@ -242,12 +241,13 @@ def misaligned(m):
     wrong = ~library.is_aligned(applied, late, m.rate)
     if len(wrong) == 0 or wrong.mean() < MISALIGNED:
         return
-    text = (f"The library goes wrong: in {100 * wrong.mean():.0f} % of the time the delay that it applies misses the "
-            f"echo, in the end by {applied[wrong][-1]} samples where the echo comes {late[wrong][-1]:.0f} late")
+    text = (f"The library applies a wrong delay in {100 * wrong.mean():.0f} % of the time: in the end "
+            f"{applied[wrong][-1]} samples where the echo comes {late[wrong][-1]:.0f} late")
     if m.run.removed and echo.short:
         text += f"; it removes {m.run.removed[1]:.1f} dB at best, where {echo.short[1]:.1f} dB could be"
-    cure = (f"With delay_len = {m.advised.delay_len}, as below, it starts right and stays so." if m.advised else
-            f"Hold the reference back by {max(0, int(late[-1]) // 16 * 16)} samples in the application and switch the "
+    cure = (f"Set delay_len = {m.advised.delay_len}, as below. With it the delay was right from the first frame on."
+            if m.advised else
+            f"Delay the reference by {max(0, int(late[-1]) // 16 * 16)} samples in the application and switch the "
             "estimation off (model_aec_en without NAX_AEC_DELAY_ESTIMATION).")
     yield Finding("misaligned", text + ".", cure)
 
