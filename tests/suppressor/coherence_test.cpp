@@ -42,4 +42,16 @@ TEST(CoherenceOfABand, FallsWithinASecondWhereThePhasesDoNotAgree)
     EXPECT_LT(coherence.value[7], 0.01);
 }
 
+TEST(CoherenceOfABand, IsTheSameAtEveryPhaseThatStays)
+{
+    const Bands bands = bands_for(256);
+    Coherence coherence = {};
+    for (int32_t t = 0; t < 60; t++) {
+        Comparison comparison = comparison_of(1e6f, 0);
+        std::swap(comparison.cross_re, comparison.cross_im);
+        coherence_update(coherence, bands, comparison);
+    }
+    EXPECT_NEAR(coherence.value[7], 1, 1e-3);
+}
+
 } // namespace nax::res
