@@ -31,15 +31,17 @@ TEST(Spectra, GiveFullScaleNoiseBackToTheSampleAFrameLate)
         const Samples samples = noise.frame(20 * frame, 32767.0);
         Complex spectrum[MAX_BINS];
         float left_over[MAX_FRAME] = {};
-        Samples out(static_cast<size_t>(frame));
+        constexpr int16_t UNTOUCHED = 12345;
+        Samples out(static_cast<size_t>(frame + 1), UNTOUCHED);
         for (int32_t t = 0; t + 2 <= 20; t++) {
             const int16_t *frames = &samples[static_cast<size_t>(t * frame)];
             analyse(*spectra, frames, spectrum);
             synthesise(*spectra, spectrum, left_over, out.data());
             if (t > 0) {
-                EXPECT_TRUE(std::equal(out.begin(), out.end(), frames)) << frame << " " << t;
+                EXPECT_TRUE(std::equal(frames, frames + frame, out.begin())) << frame << " " << t;
             }
         }
+        EXPECT_EQ(out.back(), UNTOUCHED) << frame;
     }
 }
 
