@@ -10,7 +10,7 @@
  * converged. This library attenuates that residual echo, frequency by frequency, in the
  * output of nax_aec_short. A listener at the far end then hears the near-end talker and
  * the noise of the room. The library estimates the residual echo while it runs. A neural
- * network of 41,000 weights, which is part of the library, judges how much of each
+ * network of 40,000 weights, which is part of the library, judges how much of each
  * frequency band is the near-end talker. There is nothing to set, to load or to train.
  * While nothing is played, the microphones pass unchanged.
  *

@@ -13,7 +13,7 @@ import voices
 
 SECONDS = 20
 RATES, RATE_SHARES = (16000, 8000, 48000, 32000), (0.77, 0.13, 0.07, 0.03)
-BANDS, FEATURES = 22, 9
+BANDS, FEATURES = 20, 10
 RECORD = np.dtype([("inputs", "i1", BANDS * FEATURES), ("near", "<f4", BANDS), ("rest", "<f4", BANDS)])
 FULL_SCALE = 32768.0
 
@@ -22,14 +22,16 @@ def decibels(db):
     return 10 ** (db / 20)
 
 
-def speech(rng, voice, rate, samples):
-    """A talker (samples) of active level 1: bursts of words with pauses between them."""
+def speech(rng, voice, rate, samples, single_words=0.0):
+    """A talker (samples) of active level 1: bursts of words with pauses between them, or, with
+    the probability single_words, single words with pauses."""
     if rng.random() < 0.05:                     # whispered, or no voice at all
         return syllables(rng, rate, samples)
     files, x = voices.words(voice), np.zeros(samples, np.float32)
     pitch = rng.uniform(0.88, 1.14)
+    longest = 0 if rng.random() < single_words else 5       # burst, seconds
     at = int(rng.uniform(0, 2) * rate)
-    burst = at + int(rng.uniform(1, 5) * rate)
+    burst = at + int(rng.uniform(min(1, longest), longest) * rate)
     while at < samples:
         word = voices.word(files[rng.integers(len(files))], rate)
         if len(word):
@@ -39,7 +41,7 @@ def speech(rng, voice, rate, samples):
         at += len(word) + int(rng.uniform(0.02, 0.25) * rate)
         if at > burst:
             at += int(rng.exponential(1.2) * rate)
-            burst = at + int(rng.uniform(1, 5) * rate)
+            burst = at + int(rng.uniform(min(1, longest), longest) * rate)
     return x / voices.active_rms(x, rate)
 
 
@@ -66,7 +68,7 @@ def music(rng, path, rate, samples):
 
 def room(rng, rate, loudest_tail_db):
     """A room response (n): a direct sound, early reflections and an exponential tail."""
-    seconds = rng.uniform(0.08, 0.5)
+    seconds = rng.uniform(0.08, 0.5) if rng.random() < 0.8 else rng.uniform(0.4, 1.0)
     time = np.arange(int(seconds * rate)) / rate
     tail = rng.standard_normal(len(time)) * np.exp(-6.9 * time / seconds) * np.minimum(1, time / 0.004)
     tail *= decibels(rng.uniform(-14, loudest_tail_db)) / np.sqrt((tail ** 2).sum())
@@ -93,6 +95,10 @@ def loudspeaker(rng, x, rate):
     elif kind == "uneven":
         x = np.where(x > 0, x, np.tanh(x / limit) * limit)
     x = filtered(x, rate, "high", int(rng.choice((1, 2, 4))), rng.uniform(80, 700))
+    for _ in range(rng.integers(4)):            # resonances of the case
+        corner = 100 * (min(8000, 0.4 * rate) / 100) ** rng.random()
+        peak = signal.iirpeak(corner, rng.uniform(1, 4), rate)
+        x = x + (decibels(rng.uniform(-10, 10)) - 1) * signal.lfilter(*peak, x)
     return filtered(x, rate, "low", 2, rng.uniform(3000, 20000)) if rng.random() < 0.6 else x
 
 
@@ -142,15 +148,17 @@ def mixture(number, validation):
         far = np.zeros(samples)
     else:
         far = speech(rng, far_voice, rate, samples) if kind == "speech" else music(rng, rng.choice(pieces), rate, samples)
+        if rng.random() < 0.1:                  # a telephone, a player without treble
+            far = filtered(far, rate, "low", 6, rng.uniform(2500, 5000))
         if rng.random() < 0.5:
             far = far + decibels(rng.uniform(-60, -30)) * noise(rng, rate, samples)
-    far_level = decibels(rng.uniform(-36, -14))
+    far_level = decibels(rng.uniform(-48, -14))
     heard = kind != "silence" and rng.random() > 0.08       # or headphones are worn
-    echo_level = decibels(rng.uniform(-48, -16))
+    echo_level = decibels(rng.uniform(-48, -14))
     echo = echo_level * echo_of(rng, far, rate) if heard else np.zeros(samples)
     near = np.zeros(samples)
     if rng.random() < 0.87:
-        near = signal.oaconvolve(speech(rng, near_voice, rate, samples), room(rng, rate, -4))[:samples]
+        near = signal.oaconvolve(speech(rng, near_voice, rate, samples, 0.35), room(rng, rate, -4))[:samples]
         near *= echo_level * decibels(rng.uniform(-14, 14)) / voices.active_rms(near, rate)
         if rng.random() < 0.3:                  # he begins late or stops early
             at = rng.integers(samples)

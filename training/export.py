@@ -19,16 +19,25 @@ def in_blocks(weights):
     return weights.reshape(rows // 4, 4, columns // 16, 16).transpose(0, 2, 1, 3).ravel()
 
 
+SHAPES = {                      # rows and columns of the layers, as presence_weights.h names them
+    "INPUT_LAYER": ("HIDDEN", "PADDED_INPUTS"),
+    "INPUT_GATES": ("3 * HIDDEN", "HIDDEN"),
+    "STATE_GATES": ("3 * HIDDEN", "HIDDEN"),
+    "OUTPUT_LAYER": ("OUTPUTS", "2 * HIDDEN"),
+}
+
+
 def source(layers, provenance):
     """Text of presence_weights.cpp; provenance is a list of lines."""
     head = "\n".join(f"// {line}".rstrip() for line in provenance)
     parts = [f'{head}\n// clang-format off\n#include "suppressor/presence_weights.h"\n\nnamespace nax::res {{\n']
     for name, (weights, scale, bias) in layers.items():
-        rows, columns = weights.shape
+        rows, columns = SHAPES[name]
         low = name.lower()
         parts.append(f"static constexpr int8_t {low}_weights[] = {{\n{numbers(in_blocks(weights), str)}\n}};\n"
                      f"static constexpr float {low}_scale[] = {{\n{numbers(scale, literal)}\n}};\n"
                      f"static constexpr float {low}_bias[] = {{\n{numbers(bias, literal)}\n}};\n"
+                     f"static_assert(sizeof {low}_weights == {rows} * {columns});\n"
                      f"const Layer {name} = {{{rows}, {columns}, {low}_weights, {low}_scale, {low}_bias}};\n")
     parts.append("} // namespace nax::res\n")
     return "\n".join(parts)

@@ -2,8 +2,8 @@
 import numpy as np
 import torch
 
-BANDS, FEATURES, HIDDEN = 22, 9, 64
-INPUTS, PADDED_INPUTS, OUTPUTS = BANDS * FEATURES, 208, 24
+BANDS, FEATURES, HIDDEN = 20, 10, 64
+INPUTS, PADDED_INPUTS, OUTPUTS = BANDS * FEATURES, 208, BANDS
 INPUT_ONE, HIDDEN_ONE = 48, 127
 POWERS = 6                      # the first features of a band are log powers
 LOG_SCALE = 0.1                 # of log2 of a power

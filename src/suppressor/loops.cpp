@@ -114,15 +114,16 @@ void scalar::track_least(const float *power, float keep, float *running, float *
     }
 }
 
-void scalar::apply_gain(const Bands &bands, const GainRule &rule, float keep,
-                        const float *cleaned_power, const float *residual, const float *noise,
-                        float *power_out, Complex *spectrum)
+void scalar::apply_gain(const Bands &bands, const GainRule &rule, const float *cleaned_power,
+                        const float *residual, const float *noise, float *power_out,
+                        Complex *spectrum)
 {
     for (int32_t b = 0; b < bands.count; b++)
         for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k++) {
             const float echo = rule.over[b] * residual[k];
-            const float clear = keep * power_out[k] +
-                                (1 - keep) * std::max(cleaned_power[k] - echo, 0.0f) + TINY_POWER;
+            const float rest = std::max(cleaned_power[k] - echo, 0.0f);
+            const float clear =
+                rule.keep[b] * power_out[k] + (1 - rule.keep[b]) * rest + TINY_POWER;
             const float wiener = rule.factor[b] * clear / (clear + echo);
             const float held = std::sqrt(noise[k] / (cleaned_power[k] + TINY_POWER));
             const float least = std::max(rule.floor[b], held);

@@ -71,10 +71,11 @@ struct GainRule {
     float over[MAX_BANDS];
     float floor[MAX_BANDS];
     float factor[MAX_BANDS];
+    float keep[MAX_BANDS];
 };
-using ApplyGain = void(const Bands &bands, const GainRule &rule, float keep,
-                       const float *cleaned_power, const float *residual, const float *noise,
-                       float *power_out, Complex *spectrum);
+using ApplyGain = void(const Bands &bands, const GainRule &rule, const float *cleaned_power,
+                       const float *residual, const float *noise, float *power_out,
+                       Complex *spectrum);
 
 // roots = about power^(1/4), within 6 %: the bits of a float are about its logarithm, so a
 // quarter of them are those of its root. 0 gives 3e-10. bins is a multiple of 4.

@@ -171,15 +171,14 @@ static float32x4_t root(float32x4_t a)
     return vsetq_lane_f32(std::sqrt(vgetq_lane_f32(a, 3)), roots, 3);
 }
 
-void apply_gain(const Bands &bands, const GainRule &rule, float keep_share,
-                const float *cleaned_power, const float *residual, const float *noise,
-                float *power_out, Complex *spectrum)
+void apply_gain(const Bands &bands, const GainRule &rule, const float *cleaned_power,
+                const float *residual, const float *noise, float *power_out, Complex *spectrum)
 {
     const float32x4_t zero = vdupq_n_f32(0), one = vdupq_n_f32(1), tiny = vdupq_n_f32(TINY_POWER);
-    const float32x4_t keep = vdupq_n_f32(keep_share), rest_share = vdupq_n_f32(1 - keep_share);
     for (int32_t b = 0; b < bands.count; b++) {
         const float32x4_t over = vdupq_n_f32(rule.over[b]), floor = vdupq_n_f32(rule.floor[b]);
         const float32x4_t times = vdupq_n_f32(rule.factor[b]);
+        const float32x4_t keep = vdupq_n_f32(rule.keep[b]), rest_share = vsubq_f32(one, keep);
         for (int32_t k = bands.edge[b]; k < bands.edge[b + 1]; k += VECTOR) {
             const float32x4_t e = vld1q_f32(cleaned_power + k);
             const float32x4_t echo = vmulq_f32(over, vld1q_f32(residual + k));

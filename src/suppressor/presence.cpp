@@ -6,6 +6,7 @@
 //   - The features are powers that the suppressor has computed already, and the correlation
 //     of the fine structure of the cleaned microphone with that of the removed echo and of
 //     the reference. In a band that two talkers share, it shows whose harmonics are left.
+//     What is left in phase with the removed echo is echo.
 // training/ makes the weights. Inputs and weights are integers, so their sums are exact.
 #include "suppressor/presence.h"
 
@@ -21,11 +22,12 @@ static constexpr float LEAST_POWER = 0.04f; // half of that of rounding to 16 bi
 // The fine structure of a band is that of its bins and of so many on either side, at least
 // 31 bins. Bins below LOWEST_BIN, 125 Hz, and from HIGHEST_BIN, 8 kHz, on are left out.
 static constexpr int32_t MARGIN = 12, LOWEST_BIN = VECTOR, HIGHEST_BIN = 256;
-// Bands from this one on, 6.4 kHz, share its judgement: at 16000 Hz the next band is only
-// 250 Hz wide and nearly empty, so the network does not learn it.
-static constexpr int32_t TOPMOST_JUDGED = JUDGED_BANDS - 2;
 // The outputs between these are mapped to 0..1.
 static constexpr float NO_TALKER = 0.05f, ALL_TALKER = 0.9f;
+// A talker sounds in many bands at once. While the mean share over these bands, 250 Hz to 5 kHz,
+// is MANY or more, each band's share is raised; while it is FEW or less, each is lowered.
+static constexpr int32_t LOWEST_OF_SPEECH = 2, HIGHEST_OF_SPEECH = 17;
+static constexpr float FEW = 0.1f, MANY = 0.5f;
 
 // log2(a) within 0.01 for a > 0: the exponent and a parabola through the mantissa.
 static float log2_of(float a)
@@ -76,17 +78,17 @@ void find_features(const Bands &bands, const Evidence &evidence, int8_t *inputs)
         input[4] = of_power(evidence.residual_mean[b]);
         input[5] = of_power(evidence.noise_mean[b]);
         input[6] = feature(evidence.coherence[b]);
+        // Re(E conj(D)) = (|Y|^2 - |E|^2 - |D|^2) / 2
+        const float in_phase = comparison.mic[b] - comparison.cleaned[b] - comparison.echo[b];
+        input[7] = feature(0.5f * in_phase /
+                           std::sqrt(comparison.cleaned[b] * comparison.echo[b] + LEAST_POWER));
         const int32_t from = std::max(bands.edge[b] - MARGIN, LOWEST_BIN);
         const int32_t to = std::min(bands.edge[b + 1] + MARGIN, bins);
-        if (from >= to) { // above 8 kHz
-            input[7] = input[8] = 0;
-            continue;
-        }
         Moments m;
         sum_products(cleaned + from, echo + from, ref + from, to - from, m);
         const float n = static_cast<float>(to - from);
-        input[7] = feature(correlation(n, m.a, m.b, m.aa, m.bb, m.ab));
-        input[8] = feature(correlation(n, m.a, m.c, m.aa, m.cc, m.ac));
+        input[8] = feature(correlation(n, m.a, m.b, m.aa, m.bb, m.ab));
+        input[9] = feature(correlation(n, m.a, m.c, m.aa, m.cc, m.ac));
     }
 }
 
@@ -130,6 +132,18 @@ void run_network(const int8_t *inputs, float *state, float *outputs)
         outputs[b] = sigmoid(outputs[b]);
 }
 
+void decide(const Bands &bands, float *talker)
+{
+    const int32_t end = std::min(bands.count, HIGHEST_OF_SPEECH + 1);
+    float sum = 0;
+    for (int32_t b = LOWEST_OF_SPEECH; b < end; b++)
+        sum += talker[b];
+    const float mean = sum / static_cast<float>(end - LOWEST_OF_SPEECH);
+    const float up = std::clamp((mean - FEW) / (MANY - FEW), 0.0f, 1.0f);
+    for (int32_t b = 0; b < bands.count; b++)
+        talker[b] = (1 - up) * talker[b] * talker[b] + up * std::sqrt(talker[b]);
+}
+
 void presence_update(Presence &presence, const Bands &bands, const Evidence &evidence)
 {
     float outputs[OUTPUTS];
@@ -140,12 +154,13 @@ void presence_update(Presence &presence, const Bands &bands, const Evidence &evi
     const float *const activity = evidence.reference->activity;
     const float active = *std::max_element(activity, activity + bands.count);
     for (int32_t b = 0; b < bands.count; b++) {
-        const float judged = outputs[std::min(b, TOPMOST_JUDGED)];
+        const float judged = outputs[std::min(b, JUDGED_BANDS - 1)];
         const float talker =
             std::clamp((judged - NO_TALKER) / (ALL_TALKER - NO_TALKER), 0.0f, 1.0f);
         // Without a reference there is no echo.
         presence.talker[b] = 1 - active * (1 - talker);
     }
+    decide(bands, presence.talker);
 }
 
 } // namespace nax::res

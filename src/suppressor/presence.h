@@ -28,8 +28,10 @@ struct Presence {
 // Takes in one frame. presence begins zero-filled.
 void presence_update(Presence &presence, const Bands &bands, const Evidence &evidence);
 
-// The parts of it, for tests: the features, and the network's outputs for given features.
+// The parts of it, for tests: the features, the network's outputs for given features, and each
+// band's share from those of all bands.
 void find_features(const Bands &bands, const Evidence &evidence, int8_t *inputs);
 void run_network(const int8_t *inputs, float *state, float *outputs);
+void decide(const Bands &bands, float *talker);
 
 } // namespace nax::res

@@ -19,9 +19,9 @@ namespace nax::res {
 // Weight of a new frame in the running means: a memory of 67 frames, 1 s of active far end.
 // 0.008 to 0.03 give equal results.
 static constexpr float NEW_SHARE = 0.015f;
-// 6 dB: the microphone may hear a loudspeaker beside it louder than its reference is. Up to
-// 10 gives equal results.
-static constexpr float MAX_GAIN = 4;
+// 20 dB: a smart speaker's microphone hears its loudspeaker up to 19 dB louder than its reference
+// is. 13 dB gives equal results elsewhere.
+static constexpr float MAX_GAIN = 100;
 // The tail decays by 3.5 dB a frame, as in a room with a reverberation time of 0.3 s. 0.3 to
 // 0.6 give equal results.
 static constexpr Tail TAIL = {0.45f, 0.3f};

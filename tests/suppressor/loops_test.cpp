@@ -249,8 +249,9 @@ TEST_P(NeonLoops, ApplyTheGainAsTheScalarOnesDo)
             rule.over[band] = static_cast<float>(1 + band);
             rule.floor[band] = 0.003f * static_cast<float>(1 + band);
             rule.factor[band] = a[band];
+            rule.keep[band] = 0.95f - 0.01f * static_cast<float>(band);
         }
-        (neon ? neon::apply_gain : scalar::apply_gain)(bands, rule, 0.95f, b, c, d, out[0],
+        (neon ? neon::apply_gain : scalar::apply_gain)(bands, rule, b, c, d, out[0],
                                                        spectrum_in(out[1]));
     });
 }

@@ -54,6 +54,25 @@ TEST_P(PresenceOfATalker, IsJudgedByLogarithmsOfPowers)
     EXPECT_NEAR(feature(3, 6), 0.25, 1e-2);
 }
 
+// A filter that takes too little or too much leaves echo in phase or in opposite phase with what
+// it removed; a talker is in no phase with it.
+TEST_P(PresenceOfATalker, IsJudgedByThePhaseBetweenWhatIsLeftAndWhatWasRemoved)
+{
+    const auto set = [&](float left, float removed, float sum) {
+        comparison.cleaned[4] = left * left;
+        comparison.echo[4] = removed * removed;
+        comparison.mic[4] = sum;
+    };
+    set(100, 1000, 1100 * 1100);
+    EXPECT_NEAR(feature(4, 7), 1, 0.02);
+    set(100, 1000, 900 * 900);
+    EXPECT_NEAR(feature(4, 7), -1, 0.02);
+    set(100, 1000, 1000 * 1000 + 100 * 100);
+    EXPECT_NEAR(feature(4, 7), 0, 0.02);
+    set(0, 0, 0);
+    EXPECT_EQ(feature(4, 7), 0);
+}
+
 // Peaks at every fifth bin are those of one voice, at every seventh those of another.
 TEST_P(PresenceOfATalker, IsJudgedByWhoseHarmonicsAreLeft)
 {
@@ -65,16 +84,16 @@ TEST_P(PresenceOfATalker, IsJudgedByWhoseHarmonicsAreLeft)
     harmonics(echo, 5, 30);
     harmonics(reference.power, 7, 1);
     for (int32_t b = 0; b + 1 < judged; b++) {
-        EXPECT_NEAR(feature(b, 7), 1, 0.02) << b;
-        EXPECT_LT(std::abs(feature(b, 8)), 0.3) << b;
+        EXPECT_NEAR(feature(b, 8), 1, 0.02) << b;
+        EXPECT_LT(std::abs(feature(b, 9)), 0.3) << b;
     }
     harmonics(reference.power, 5, 0.01f);
-    EXPECT_NEAR(feature(7, 8), 1, 0.02);
+    EXPECT_NEAR(feature(7, 9), 1, 0.02);
     for (int32_t k = 0; k < MAX_BINS; k++) // the gaps filled, the peaks gone
         cleaned[k] = k % 5 == 0 ? 1e2f : 1e6f;
-    EXPECT_NEAR(feature(7, 7), -1, 0.02);
+    EXPECT_NEAR(feature(7, 8), -1, 0.02);
     std::fill_n(cleaned.at, MAX_BINS, 1e4f);
-    EXPECT_NEAR(feature(7, 7), 0, 0.02);
+    EXPECT_NEAR(feature(7, 8), 0, 0.02);
 }
 
 TEST_P(PresenceOfATalker, HasNoFeaturesOfBandsAboveHalfTheRate)
@@ -113,8 +132,28 @@ TEST_P(PresenceOfATalker, IsThatOfTheBandAt7kHzAboveIt)
     std::fill_n(comparison.cleaned, MAX_BANDS, 1e5f);
     for (int32_t t = 0; t < 20; t++)
         presence_update(*presence, bands, evidence());
-    for (int32_t b = 21; b < bands.count; b++)
-        EXPECT_EQ(presence->talker[b], presence->talker[20]) << b;
+    for (int32_t b = JUDGED_BANDS; b < bands.count; b++)
+        EXPECT_EQ(presence->talker[b], presence->talker[JUDGED_BANDS - 1]) << b;
+}
+
+TEST_P(PresenceOfATalker, IsRaisedWhereItIsInManyBandsAndLoweredElsewhere)
+{
+    struct Row {
+        float others, here, decided; // share in the other bands; in one band, before and after
+    };
+    for (const Row &row : {Row{0, 0, 0},
+                           {1, 1, 1},
+                           {1, 0, 0},
+                           {1, 0.25f, 0.5f},
+                           {0, 0.25f, 0.0625f},
+                           {0.1f, 0.25f, 0.0625f},
+                           {0.3f, 0.25f, (0.0625f + 0.5f) / 2}}) {
+        float talker[MAX_BANDS];
+        std::fill_n(talker, MAX_BANDS, row.others);
+        talker[0] = row.here; // below the bands of speech
+        decide(bands, talker);
+        EXPECT_NEAR(talker[0], row.decided, 1e-6) << row.others << " " << row.here;
+    }
 }
 
 TEST_P(PresenceOfATalker, IsFromZeroToOneAtEveryExtreme)
