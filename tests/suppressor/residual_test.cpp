@@ -75,6 +75,26 @@ TEST_F(EchoLeft, IsPredictedFromTheReferenceWhileTheCancellerTakesNothingOut)
     EXPECT_NEAR(10 * std::log10(residual->power[100]), 54, 2);
 }
 
+// A smart speaker's loudspeaker is 19 dB louder at its microphone than in its reference.
+TEST_F(EchoLeft, IsPredictedUpTo20DecibelsAboveTheReference)
+{
+    talk_far(400, 0, 80);
+    EXPECT_NEAR(residual->gain[5], 80, 1);
+    talk_far(400, 0, 300);
+    EXPECT_EQ(residual->gain[5], 100);
+}
+
+TEST_F(EchoLeft, IsHeardWhereItIsLouderThanTheNoise)
+{
+    talk_far(400, 0.5, 0.005);
+    for (const double noise_dB : {-30.0, -3.0, 3.0, 30.0}) {
+        const float level = 5e3f * static_cast<float>(std::pow(10, noise_dB / 10));
+        std::fill_n(noise.mean, MAX_BANDS, level);
+        frame(1e6, 5e5, 5e3, 0);
+        EXPECT_EQ(residual->heard, noise_dB < 0) << noise_dB;
+    }
+}
+
 // What the canceller takes out then is no echo.
 TEST_F(EchoLeft, DiesAwayAndIsNotLearntWhileTheReferenceIsSilent)
 {
