@@ -11,7 +11,7 @@ import { openBrowser, ROOT, serve } from './browser.mjs';
 import { levelDb, scene, wavFile, wavSamples } from './signals.mjs';
 
 const CANCEL_WAV = path.join(ROOT, 'build/default/tools/cancel_wav');
-const SUPPRESSED_STEPS = 4e-3; // share of samples that may be one step off, of the suppressor's:
+const SUPPRESSED_STEPS = 2e-4; // share of samples that may be one step off, of the suppressor's:
 // expf, logf and sinf round differently in the two C libraries
 
 let folder,
@@ -87,8 +87,7 @@ test('takes out the echo, finds its delay and leaves the near end', () => {
         cleaned = new Int16Array(n);
     new NaxAec(16000, 1, 1, { suppress: true }).process(mic, ref, { cleaned, delays });
     const change = (from, to) => levelDb(cleaned, from, to) - levelDb(mic, from, to);
-    // The far end is noise: the canceller removes 22 dB of it, the network takes what is left for a talker.
-    assert.ok(change(80000, 112000) < -20, `${change(80000, 112000)} dB of echo`);
+    assert.ok(change(80000, 112000) < -30, `${change(80000, 112000)} dB of echo`);
     assert.ok(change(120000, n) > -6, `${change(120000, n)} dB of near end`);
     assert.ok(Math.abs(delays.at(-1) - 1000) < 64, `${delays.at(-1)} samples`);
 });
