@@ -1,9 +1,14 @@
 // Prints what the library makes of seeded streams, one line each, for scripts/test --armv7
 // to compare between processors. With delay estimation off a line holds a hash of all
-// samples that came out; with it on, every delay that was applied, and the hash.
+// samples that came out; with it on, every delay that was applied, and the hash. With the
+// argument suppressor a line is of the suppressor behind the canceller and holds the hash of all
+// its samples so far at the end of each section.
 #include "nax_aec.h"
+#include "nax_res.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -106,11 +111,125 @@ void print(const Stream &stream, int32_t seconds)
     printf(", %016llx\n", hash.value());
 }
 
-} // namespace
+// A voice of integers only: a sawtooth in syllables of 0.1 to 0.4 s. In each the pitch falls and
+// the loudness rises and falls. One syllable in four is silent.
+class Voice {
+public:
+    Voice(int32_t rate, uint32_t seed) : rate_(rate), random_(seed) {}
 
-int main()
+    int32_t next()
+    {
+        if (at_ == length_) {
+            at_ = 0;
+            length_ = rate_ / 10 * static_cast<int32_t>(1 + random_() % 4);
+            pitch_ = 90 + static_cast<int32_t>(random_() % 130);
+            loudness_ = static_cast<int32_t>(random_() % 4) * 4000;
+        }
+        const int32_t pitch = pitch_ - 30 * at_ / length_; // Hz
+        phase_ = (phase_ + pitch) % rate_;
+        const int32_t level = loudness_ * std::min(at_, length_ - at_) / length_;
+        at_++;
+        low_ += (level * (2 * phase_ - rate_) / rate_ - low_) / 2;
+        return low_;
+    }
+
+private:
+    int32_t rate_;
+    std::mt19937 random_;
+    int32_t at_ = 0, length_ = 0, pitch_ = 0, loudness_ = 0, phase_ = 0, low_ = 0;
+};
+
+struct Section {
+    int32_t frames;
+    bool far, near, gap;
+};
+static constexpr Section SECTIONS[] = {
+    {60, true, false, false}, // far end alone
+    {30, true, true, false},  // double talk
+    {55, false, true, false}, // the reference is silent
+    {5, false, false, true},  // the device gives zeros, while the call goes on
+    {20, true, true, false},  // double talk
+    {20, true, false, false}, // far end alone
+};
+
+// A voice per reference, whose echo reaches beyond the canceller's 32 ms, a near-end talker and
+// the room's noise.
+class Call {
+public:
+    Call(int32_t rate, int32_t mics, int32_t refs)
+        : rate_(static_cast<uint32_t>(rate)), mics_(mics), refs_(refs),
+          near_(rate, 3), far_{{rate, 1}, {rate, 2}}, played_(2, std::vector<int32_t>(1 << 13))
+    {}
+
+    void next(const Section &section, std::vector<int16_t> &frame)
+    {
+        for (auto sample = frame.begin(); sample != frame.end(); now_++) {
+            int32_t heard = static_cast<int32_t>(random_() % 31) - 15;
+            const int32_t near = near_.next();
+            if (section.near) heard += near;
+            int32_t ref[MAX_REFS];
+            for (int32_t r = 0; r < refs_; r++) {
+                const int32_t far = far_[r].next();
+                ref[r] = section.far ? far : 0;
+                std::vector<int32_t> &played = played_[static_cast<size_t>(r)];
+                played[now_ % played.size()] = ref[r];
+                heard += echo(played);
+            }
+            for (int32_t m = 0; m < mics_; m++)
+                *sample++ = static_cast<int16_t>(section.gap ? 0 : heard * (4 - m) / 4);
+            for (int32_t r = 0; r < refs_; r++)
+                *sample++ = static_cast<int16_t>(section.gap ? 0 : ref[r]);
+        }
+    }
+
+private:
+    static constexpr int32_t MAX_REFS = 2;
+
+    int32_t echo(const std::vector<int32_t> &played) const
+    {
+        int32_t sum = 0, share = 2;
+        for (const uint32_t late_ms : {2, 17, 45, 70, 95})
+            sum += played[(now_ - late_ms * rate_ / 1000) % played.size()] / share++;
+        return sum;
+    }
+
+    uint32_t rate_;
+    int32_t mics_, refs_;
+    Voice near_, far_[MAX_REFS];
+    std::vector<std::vector<int32_t>> played_;
+    std::mt19937 random_{7};
+    uint32_t now_ = 0;
+};
+
+void print_suppressed(int32_t rate, int32_t mics, int32_t refs)
 {
-    if (!freopen("/dev/null", "w", stderr)) return 1; // the library's banners
+    const size_t frame = static_cast<size_t>(rate * 16 / 1000);
+    const size_t from_mics = frame * static_cast<size_t>(mics);
+    std::vector<int16_t> in(from_mics + frame * static_cast<size_t>(refs)), cleaned(in.size());
+    std::vector<int16_t> echo(from_mics), out(from_mics);
+    const nax_aec_param param = {1, 0, 0, 0, 0, nullptr};
+    nax_aec_state *canceller = nax_aec_state_init(rate, 16, mics, refs, &param);
+    nax_res_state *suppressor = nax_res_state_init(rate, mics, refs);
+    Call call(rate, mics, refs);
+    Hash hash;
+    printf("%d Hz, %d mics, %d refs, suppressed:", rate, mics, refs);
+    for (const Section &section : SECTIONS) {
+        for (int32_t t = 0; t < section.frames; t++) {
+            call.next(section, in);
+            nax_aec_short(canceller, in.data(), cleaned.data(), echo.data(),
+                          static_cast<int32_t>(in.size()));
+            nax_res_short(suppressor, cleaned.data(), echo.data(), out.data());
+            hash.add(out);
+        }
+        printf(" %016llx", hash.value());
+    }
+    printf("\n");
+    nax_res_state_destroy(suppressor);
+    nax_aec_state_destroy(canceller);
+}
+
+void print_canceller()
+{
     for (const int32_t rate : {8000, 16000, 32000, 48000}) {
         for (const int32_t mics : {1, 2})
             for (const int32_t refs : {1, 2}) {
@@ -120,5 +239,27 @@ int main()
         print({rate, 1, 1, 0, 1, false}, 12);
         print({rate, 2, 2, 1, 1, false}, 12);
     }
+}
+
+void print_suppressor()
+{
+    for (const int32_t mics : {1, 2})
+        for (const int32_t refs : {1, 2})
+            print_suppressed(8000, mics, refs);
+    for (const int32_t rate : {16000, 32000, 48000}) {
+        print_suppressed(rate, 1, 2);
+        print_suppressed(rate, 2, 1);
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (!freopen("/dev/null", "w", stderr)) return 1; // the library's banners
+    if (argc > 1 && strcmp(argv[1], "suppressor") == 0)
+        print_suppressor();
+    else
+        print_canceller();
     return 0;
 }
