@@ -56,6 +56,16 @@ TEST(Levels, DecibelsAreRightToAFewHundredths)
     for (double db = -99.9; db < 10.0; db += 0.037)
         EXPECT_NEAR(decibels(static_cast<float>(std::pow(10.0, db / 10))), db, 0.03);
     EXPECT_EQ(decibels(0.0f), -100.0f);
+    EXPECT_EQ(decibels(1e-10f), -100.0f);
+    EXPECT_GE(decibels(1.0001e-10f), -100.0f);
+}
+
+TEST(Levels, ANewValueWeighsAsMuchAsEachOfTheLastOnes)
+{
+    EXPECT_EQ(weight_of_new(0, 4), 1.0f);
+    EXPECT_EQ(weight_of_new(2, 4), 1.0f / 3);
+    EXPECT_EQ(weight_of_new(3, 4), 1.0f / 4);
+    EXPECT_EQ(weight_of_new(INT32_MAX, 4), 1.0f / 4);
 }
 
 // Noise of a peak of 8000, at a limit in 64 of 256 samples.

@@ -79,6 +79,10 @@ TEST(Likeness, IsForgotten)
     forget(likeness);
     EXPECT_EQ(likeness.best, 0.0f);
     EXPECT_EQ(chance(likeness), 1.0f);
+    for (size_t t = 0; t < 100; t++)
+        take_in(likeness, far[t], far[t], true);
+    find_best(likeness);
+    EXPECT_GT(likeness.best, 0.99f);
 }
 
 } // namespace nax::meter

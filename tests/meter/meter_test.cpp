@@ -23,6 +23,8 @@ TEST(MeterCreation, RefusesFormatsThatTheCancellerDoesNotServe)
     for (const auto &[rate, mics, refs] :
          {std::tuple{44100, 1, 1}, {16000, 0, 1}, {16000, 3, 1}, {16000, 1, 0}})
         EXPECT_EQ(nax_meter_state_init(rate, mics, refs), nullptr);
+    EXPECT_EQ(nax_meter_state_init(16000, 1, INT32_MAX), nullptr);
+    EXPECT_TRUE(Meter(nax_meter_state_init(16000, 1, INT32_MAX - 1)));
     nax_meter_state_destroy(nullptr);
 }
 
@@ -124,6 +126,74 @@ TEST(MeterLevels, AreThoseOfEachChannel)
         EXPECT_NEAR(report.delay_s, 8.0, 0.01);
         EXPECT_EQ(report.delay_moves, 0);
     }
+}
+
+// A stream at 16000 Hz whose frames are all alike.
+class Frames {
+public:
+    Frames(int32_t mics, int32_t refs)
+        : channels_(mics + refs), meter_(nax_meter_state_init(16000, mics, refs))
+    {}
+
+    // Goes on for some seconds. sample(channel, i) gives the input, and the output from
+    // channel mics + refs on.
+    template <typename Sample> nax_meter_report run(double span_s, Sample sample, int32_t delay = 0)
+    {
+        Samples in, out;
+        for (int32_t i = 0; i < 256; i++)
+            for (int32_t c = 0; c < channels_; c++) {
+                in.push_back(to_sample(sample(c, i)));
+                out.push_back(to_sample(sample(channels_ + c, i)));
+            }
+        for (double t = 0; t < span_s; t += 0.016)
+            nax_meter_short(meter_.get(), in.data(), out.data(), delay);
+        return report_of(meter_);
+    }
+
+private:
+    int32_t channels_;
+    Meter meter_;
+};
+
+static double flat(int32_t i) { return i % 16 < 8 ? 12000 : -12000; }
+
+TEST(MeterReport, ClippingIsThatOfTheChannelThatClipsMostAndNotOfTheOutput)
+{
+    Noise noise(1);
+    for (int32_t clips = 0; clips < 6; clips++) { // 2 microphones, 2 references, 2 outputs
+        const nax_meter_report report = Frames(2, 2).run(
+            2, [&](int32_t c, int32_t i) { return c == clips ? flat(i) : noise.next(3000); });
+        EXPECT_EQ(report.mic_clipped > 0.5f, clips < 2) << clips;
+        EXPECT_EQ(report.mic_clipped == 0.0f, clips >= 2) << clips;
+        EXPECT_EQ(report.ref_clipped > 0.5f, clips == 2 || clips == 3) << clips;
+        EXPECT_EQ(report.ref_clipped == 0.0f, clips != 2 && clips != 3) << clips;
+    }
+}
+
+TEST(MeterReport, TimesCountFromTheDelaysMoveAndFromTheVerdict)
+{
+    Frames frames(1, 1);
+    const auto dead_microphone = [](int32_t channel, int32_t i) {
+        return channel == 1 ? flat(i) / 2 : 0;
+    };
+    frames.run(4, dead_microphone);
+    const nax_meter_report report = frames.run(6, dead_microphone, 512);
+    EXPECT_NEAR(report.delay_s, 6, 0.1);
+    EXPECT_EQ(report.verdict, NAX_METER_NO_MICROPHONE); // after 5 s and one to be sure
+    EXPECT_NEAR(report.verdict_s, 4, 0.1);
+}
+
+TEST(MeterReport, FurtherReferencesAreOfTheFarEndAndHaveNoLevel)
+{
+    constexpr int32_t REFS = NAX_METER_REFS + 1;
+    const nax_meter_report report = Frames(1, REFS).run(
+        2, [](int32_t channel, int32_t i) { return channel == REFS ? flat(i) : 0; }, 300);
+    EXPECT_NEAR(report.far_end_s, 2, 0.1);
+    EXPECT_EQ(report.frames, 124); // reported every 4 frames
+    EXPECT_EQ(report.delay, 300);
+    for (const float level : report.ref_dbfs)
+        EXPECT_EQ(level, -100.0f);
+    EXPECT_EQ(report.ref_clipped, 0.0f);
 }
 
 // Seconds of a call through the canceller, and what the meter makes of it.

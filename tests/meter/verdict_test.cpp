@@ -55,6 +55,10 @@ static const Case CASES[] = {
     {"the microphone is muted for a moment", [](Evidence &e) { e.mic_dead_s = 4; },
      NAX_METER_CANCELLING},
 
+    {"the far end is gone, and later the microphone is gated",
+     [](Evidence &e) { e.far_silent_s = 20, e.mic_dead_s = 10, e.unheard_s = 20; },
+     NAX_METER_REFERENCE_SILENT},
+
     {"nothing was ever played, a quiet room",
      [](Evidence &e) { e = {}, e.far_silent_s = 20, e.unheard_s = 20; },
      NAX_METER_REFERENCE_SILENT},
@@ -70,6 +74,8 @@ static const Case CASES[] = {
     {"hardly clipped", [](Evidence &e) { e.clipped = 0.0004f; }, NAX_METER_CANCELLING},
     {"the delay moved once more", [](Evidence &e) { e.delay_moves = 1; }, NAX_METER_CANCELLING},
     {"samples are lost", [](Evidence &e) { e.delay_moves = 2; }, NAX_METER_DELAY_MOVES},
+    {"the delay moved twice in ten minutes", [](Evidence &e) { e.delay_moves_long = 2; },
+     NAX_METER_CANCELLING},
     {"clocks drift", [](Evidence &e) { e.delay_moves_long = 3; }, NAX_METER_DELAY_MOVES},
     {"the reference is the microphone",
      [](Evidence &e) { e.likeness = 0.99f, e.distance = 0, e.removed_db = 30; },
@@ -86,6 +92,9 @@ static const Case CASES[] = {
      NAX_METER_NOT_CANCELLING},
     {"a tune that repeats: like itself elsewhere, and removed",
      [](Evidence &e) { e.removing = 0.7f, e.distance = 60; }, NAX_METER_CANCELLING},
+    {"an echo that is late and whose reference is as late, less removed",
+     [](Evidence &e) { e.removing = 0.35f, e.distance = 60, e.applied = 60.2f; },
+     NAX_METER_CANCELLING},
     {"an echo where it should be, and nothing removed", [](Evidence &e) { e.removing = 0.05f; },
      NAX_METER_NOT_CANCELLING},
     {"an echo where it should be, below the noise of the room",
@@ -104,6 +113,13 @@ static const Case CASES[] = {
     {"the loudspeaker is switched off",
      [](Evidence &e) { e.removing = 0.02f, e.likeness = 0.1f, e.sounding = 0.2f; },
      NAX_METER_NOT_HEARD},
+    {"the loudspeaker was switched off four seconds ago",
+     [](Evidence &e) {
+         e.removing = 0.02f, e.likeness = 0.1f, e.sounding = 0.2f, e.far_since_s = 4;
+     },
+     UNDECIDED},
+    {"no echo is found, and a little is removed",
+     [](Evidence &e) { e.removing = 0.09f, e.likeness = 0.1f, e.sounding = 0.2f; }, UNDECIDED},
     {"samples are lost all the time: the echo is nowhere for long",
      [](Evidence &e) { e.removing = 0.02f, e.likeness = 0.1f; }, NAX_METER_NOT_CANCELLING},
     {"both talk for long", [](Evidence &e) { e.removing = 0.06f, e.likeness = 0.1f; }, UNDECIDED},
