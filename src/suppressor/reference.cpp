@@ -9,8 +9,15 @@ namespace nax::res {
 // Factor per frame, 2.2 dB, by which a band's peak decays. Rooms decay faster.
 static constexpr float HOLD = 0.6f;
 
-void reference_update(Reference &reference, const Bands &bands)
+void reference_update(Reference &reference, const Bands &bands, float zeros)
 {
+    // Once a lap the delay lines end in zeros, so the canceller does not hear that part of the
+    // reference. It lies at this window's edge, where the window is small, and then in the middle
+    // of the next. A frame of zeros is the far end's own silence.
+    if (zeros >= 1) zeros = 0;
+    reference.gap = std::min(reference.zeros + zeros * zeros * zeros, 1.0f);
+    reference.zeros = zeros;
+
     band_means(bands, reference.power, reference.mean);
     for (int32_t b = 0; b < bands.count; b++) {
         float &held = reference.held[b];

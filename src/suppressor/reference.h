@@ -10,13 +10,16 @@ struct Reference {
     float mean[MAX_BANDS];     // its mean over each band
     float held[MAX_BANDS];     // peak of that mean, decaying
     float activity[MAX_BANDS]; // 0 (silent) to 1 (active)
+    float zeros;               // at the end of the newest frame, share of a frame, not all of it
+    float gap;                 // share of this window's echo that has no reference
 };
 
 // A band counts as active above this mean power: that of white noise of 44 rms at 16000 Hz,
 // -57 dBFS. A fifth of it gives equal results.
 inline constexpr float ACTIVE_POWER = 44 * 44;
 
-// Takes in the power of a new frame, which the caller has put into reference.power.
-void reference_update(Reference &reference, const Bands &bands);
+// Takes in the power of a new frame, which the caller has put into reference.power, and the share
+// of the frame for which every active reference ends in zeros.
+void reference_update(Reference &reference, const Bands &bands, float zeros);
 
 } // namespace nax::res

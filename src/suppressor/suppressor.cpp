@@ -63,15 +63,27 @@ static bool is_silent(const Window &window, int32_t frame_size)
                        [](int16_t sample) { return sample == 0; });
 }
 
+// Number of zeros at the end of the newest frame.
+static int32_t zeros_at_end(const Window &window, int32_t frame_size)
+{
+    int32_t zeros = 0;
+    while (zeros < frame_size && window.samples[2 * frame_size - 1 - zeros] == 0)
+        zeros++;
+    return zeros;
+}
+
 static void take_in_references(nax_res_state &state)
 {
     std::fill_n(state.reference.power, padded_bins(state.bands), 0.0f);
+    int32_t zeros = state.frame_size;
     for (int32_t r = 0; r < state.refs; r++) {
         if (is_silent(state.ref_windows[r], state.frame_size)) continue; // always, when dropped
         analyse(state.spectra, state.ref_windows[r].samples, state.spectrum);
         add_power(state.spectrum, state.reference.power, padded_bins(state.bands));
+        zeros = std::min(zeros, zeros_at_end(state.ref_windows[r], state.frame_size));
     }
-    reference_update(state.reference, state.bands);
+    reference_update(state.reference, state.bands,
+                     static_cast<float>(zeros) / static_cast<float>(state.frame_size));
 }
 
 static void suppress(nax_res_state &state, Microphone &mic)

@@ -13,7 +13,7 @@ protected:
     PresenceOfATalker()
     {
         std::fill_n(coherence, MAX_BANDS, 1.0f);
-        reference_update(reference, bands);
+        reference_update(reference, bands, 0);
     }
 
     Evidence evidence() const

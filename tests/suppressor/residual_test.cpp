@@ -20,7 +20,7 @@ protected:
         for (int32_t k = 257; k < MAX_BINS; k++)
             ref_power[k] = echo_power[k] = 0;
         std::copy_n(ref_power.at, MAX_BINS, reference.power);
-        reference_update(reference, bands);
+        reference_update(reference, bands, zeros);
         residual_update(*residual, bands, reference, echo_power,
                         comparison_of(static_cast<float>(left + near), static_cast<float>(echo)),
                         noise);
@@ -39,6 +39,7 @@ protected:
 
     const Bands bands = bands_for(256);
     Reference reference = {};
+    float zeros = 0; // at the end of the references' newest frame, share of it
     Noise noise = {};
     std::unique_ptr<Residual> residual{new Residual()};
     ::Noise random{5};
@@ -82,6 +83,33 @@ TEST_F(EchoLeft, IsPredictedUpTo20DecibelsAboveTheReference)
     EXPECT_NEAR(residual->gain[5], 80, 1);
     talk_far(400, 0, 300);
     EXPECT_EQ(residual->gain[5], 100);
+}
+
+// In the window that begins with the frame, the gap is in the middle.
+TEST_F(EchoLeft, IsWholeInAGapOfTheReference)
+{
+    for (const double gap : {0.05, 0.25, 0.9}) {
+        talk_far(400, 0.5, 0.005);
+        zeros = static_cast<float>(gap);
+        frame(1e6, 5e5, 5e3, 0);
+        EXPECT_NEAR(residual->mean[5] / residual->predicted_mean[5],
+                    std::max<double>(gap * gap * gap, residual->leakage[5]), 1e-3);
+        zeros = 0;
+        frame(1e6, 5e5, 5e3, 0);
+        EXPECT_NEAR(residual->mean[5] / residual->predicted_mean[5], gap, 1e-3);
+        talk_far(20, 0.5, 0.005);
+        EXPECT_LT(residual->mean[5] / residual->predicted_mean[5], 0.02);
+    }
+}
+
+TEST_F(EchoLeft, IsNotWholeWhereTheFarEndItselfFallsSilent)
+{
+    talk_far(400, 0.5, 0.005);
+    for (const float end : {1.0f, 1.0f, 0.0f}) {
+        zeros = end;
+        frame(1e6, 5e5, 5e3, 0);
+        EXPECT_LT(residual->mean[5] / residual->predicted_mean[5], 0.02) << end;
+    }
 }
 
 TEST_F(EchoLeft, IsHeardWhereItIsLouderThanTheNoise)
