@@ -176,6 +176,42 @@ void scalar::apply_layer(const Layer &layer, const int8_t *inputs, float *output
     }
 }
 
+// log2(a) within 0.01 for a > 0: the exponent and a parabola through the mantissa.
+static float log2_of(float a)
+{
+    uint32_t bits;
+    memcpy(&bits, &a, sizeof bits);
+    const int32_t exponent = static_cast<int32_t>(bits >> 23) - 128;
+    bits = (bits & 0x7fffffu) | 0x3f800000u;
+    float mantissa; // 1 to 2
+    memcpy(&mantissa, &bits, sizeof mantissa);
+    return static_cast<float>(exponent) + (2 - mantissa / 3) * mantissa - 2.0f / 3;
+}
+
+void scalar::levels(const float *powers, int8_t *integers, int32_t count)
+{
+    for (int32_t i = 0; i < count; i++) {
+        const float level = LEVEL_SCALE * log2_of(powers[i] + LEAST_POWER) + LEVEL_OFFSET;
+        const float scaled =
+            std::min(std::max(level * static_cast<float>(INPUT_ONE), -127.0f), 127.0f);
+        integers[i] = static_cast<int8_t>(scaled + (scaled < 0 ? -0.5f : 0.5f));
+    }
+}
+
+void scalar::to_integers(const float *values, int8_t *integers, int32_t count)
+{
+    constexpr float one = HIDDEN_ONE;
+    for (int32_t i = 0; i < count; i++) // The sum is positive, so that it is rounded.
+        integers[i] =
+            static_cast<int8_t>(static_cast<int32_t>(values[i] * one + (one + 0.5f)) - HIDDEN_ONE);
+}
+
+void scalar::add_gated(const float *gate, const float *values, float *to, int32_t count)
+{
+    for (int32_t i = 0; i < count; i++)
+        to[i] += (0.5f + 0.5f * gate[i]) * values[i];
+}
+
 void scalar::squash(float *values, int32_t count)
 {
     for (int32_t i = 0; i < count; i++) {
@@ -199,6 +235,9 @@ ApplyGain *apply_gain = scalar::apply_gain;
 FourthRoots *fourth_roots = scalar::fourth_roots;
 SumProducts *sum_products = scalar::sum_products;
 ApplyLayer *apply_layer = scalar::apply_layer;
+Levels *levels = scalar::levels;
+ToIntegers *to_integers = scalar::to_integers;
+AddGated *add_gated = scalar::add_gated;
 Squash *squash = scalar::squash;
 
 #if NAX_AEC_NEON
@@ -218,6 +257,9 @@ Squash *squash = scalar::squash;
     fourth_roots = neon::fourth_roots;
     sum_products = neon::sum_products;
     apply_layer = neon::apply_layer;
+    levels = neon::levels;
+    to_integers = neon::to_integers;
+    add_gated = neon::add_gated;
     squash = neon::squash;
 }
 #endif

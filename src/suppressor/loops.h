@@ -99,6 +99,21 @@ struct Layer {
 };
 using ApplyLayer = void(const Layer &layer, const int8_t *inputs, float *outputs);
 
+// The network's features and hidden values are integers, 1 as these.
+inline constexpr int32_t INPUT_ONE = 48, HIDDEN_ONE = 127;
+
+// integers = 0.1 log2(power + 0.04) - 0.9 within 0.001, as features; powers that occur give -1.4
+// to 2.1. 0.04 is half of the power of rounding to 16 bits. Up to the next multiple of 4 of them
+// are read and written.
+using Levels = void(const float *powers, int8_t *integers, int32_t count);
+inline constexpr float LEAST_POWER = 0.04f, LEVEL_SCALE = 0.1f, LEVEL_OFFSET = -0.9f;
+
+// integers = values from -1 to 1 as hidden values, rounded to the nearest. count is a multiple of 8.
+using ToIntegers = void(const float *values, int8_t *integers, int32_t count);
+
+// to += sigmoid(a) x values, where gate = tanh(a / 2). count is a multiple of 4.
+using AddGated = void(const float *gate, const float *values, float *to, int32_t count);
+
 // values = tanh(values), within 1e-4: Lambert's continued fraction. count is a multiple of 4.
 using Squash = void(float *values, int32_t count);
 inline constexpr float TANH_LIMIT = 4.9f; // beyond it the fraction would exceed 1
@@ -120,6 +135,9 @@ ApplyGain apply_gain;
 FourthRoots fourth_roots;
 SumProducts sum_products;
 ApplyLayer apply_layer;
+Levels levels;
+ToIntegers to_integers;
+AddGated add_gated;
 Squash squash;
 } // namespace scalar
 
@@ -138,6 +156,9 @@ ApplyGain apply_gain;
 FourthRoots fourth_roots;
 SumProducts sum_products;
 ApplyLayer apply_layer;
+Levels levels;
+ToIntegers to_integers;
+AddGated add_gated;
 Squash squash;
 } // namespace neon
 #endif
@@ -156,6 +177,9 @@ extern ApplyGain *apply_gain;
 extern FourthRoots *fourth_roots;
 extern SumProducts *sum_products;
 extern ApplyLayer *apply_layer;
+extern Levels *levels;
+extern ToIntegers *to_integers;
+extern AddGated *add_gated;
 extern Squash *squash;
 
 } // namespace nax::res

@@ -9,6 +9,7 @@
 #include <arm_neon.h>
 
 #include <cmath>
+#include <cstring>
 
 namespace nax::res::neon {
 
@@ -255,6 +256,61 @@ void apply_layer(const Layer &layer, const int8_t *inputs, float *outputs)
             vcombine_s32(vpadd_s32(pairs_of(a), pairs_of(b)), vpadd_s32(pairs_of(c), pairs_of(d)));
         vst1q_f32(outputs + i, vmlaq_f32(vld1q_f32(layer.bias + i), vcvtq_f32_s32(sums),
                                          vld1q_f32(layer.scale + i)));
+    }
+}
+
+// log2 of four as the scalar variant computes it.
+static float32x4_t log2_of(float32x4_t a)
+{
+    const uint32x4_t bits = vreinterpretq_u32_f32(a);
+    const int32x4_t exponent =
+        vsubq_s32(vreinterpretq_s32_u32(vshrq_n_u32(bits, 23)), vdupq_n_s32(128));
+    const float32x4_t mantissa = vreinterpretq_f32_u32(
+        vorrq_u32(vandq_u32(bits, vdupq_n_u32(0x7fffffu)), vdupq_n_u32(0x3f800000u)));
+    const float32x4_t slope = vsubq_f32(vdupq_n_f32(2), divide(mantissa, vdupq_n_f32(3)));
+    const float32x4_t sum = vmlaq_f32(vcvtq_f32_s32(exponent), slope, mantissa);
+    return vsubq_f32(sum, vdupq_n_f32(2.0f / 3));
+}
+
+void levels(const float *powers, int8_t *integers, int32_t count)
+{
+    const uint32x4_t sign = vdupq_n_u32(0x80000000u),
+                     half = vreinterpretq_u32_f32(vdupq_n_f32(0.5f));
+    const float32x4_t least = vdupq_n_f32(-127), most = vdupq_n_f32(127);
+    for (int32_t i = 0; i < count; i += 4) {
+        const float32x4_t log = log2_of(vaddq_f32(vld1q_f32(powers + i), vdupq_n_f32(LEAST_POWER)));
+        const float32x4_t level =
+            vaddq_f32(vmulq_f32(vdupq_n_f32(LEVEL_SCALE), log), vdupq_n_f32(LEVEL_OFFSET));
+        const float32x4_t scaled =
+            vminq_f32(vmaxq_f32(vmulq_f32(level, vdupq_n_f32(INPUT_ONE)), least), most);
+        const uint32x4_t away = vorrq_u32(vandq_u32(vreinterpretq_u32_f32(scaled), sign), half);
+        const int32x4_t four = vcvtq_s32_f32(vaddq_f32(scaled, vreinterpretq_f32_u32(away)));
+        const int8x8_t narrow = vmovn_s16(vcombine_s16(vmovn_s32(four), vdup_n_s16(0)));
+        const uint32_t bytes = vget_lane_u32(vreinterpret_u32_s8(narrow), 0);
+        memcpy(integers + i, &bytes, sizeof bytes);
+    }
+}
+
+static int16x4_t to_integers(const float *values)
+{
+    const float32x4_t one = vdupq_n_f32(HIDDEN_ONE), above = vdupq_n_f32(HIDDEN_ONE + 0.5f);
+    const int32x4_t rounded = vcvtq_s32_f32(vmlaq_f32(above, vld1q_f32(values), one));
+    return vmovn_s32(vsubq_s32(rounded, vdupq_n_s32(HIDDEN_ONE)));
+}
+
+void to_integers(const float *values, int8_t *integers, int32_t count)
+{
+    for (int32_t i = 0; i < count; i += 8)
+        vst1_s8(integers + i,
+                vmovn_s16(vcombine_s16(to_integers(values + i), to_integers(values + i + 4))));
+}
+
+void add_gated(const float *gate, const float *values, float *to, int32_t count)
+{
+    const float32x4_t half = vdupq_n_f32(0.5f);
+    for (int32_t i = 0; i < count; i += 4) {
+        const float32x4_t share = vmlaq_f32(half, vld1q_f32(gate + i), half);
+        vst1q_f32(to + i, vmlaq_f32(vld1q_f32(to + i), share, vld1q_f32(values + i)));
     }
 }
 

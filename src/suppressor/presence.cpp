@@ -12,13 +12,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 namespace nax::res {
 
-// A power P is a feature 0.1 log2(P + 0.04) - 0.9: between -1.4 and 2.1.
-static constexpr float LOG_SCALE = 0.1f, LOG_OFFSET = -0.9f;
-static constexpr float LEAST_POWER = 0.04f; // half of that of rounding to 16 bits
+static constexpr int32_t POWERS = 6; // features of a band that are levels of powers
 // The fine structure of a band is that of its bins and of so many on either side, at least
 // 31 bins. Bins below LOWEST_BIN, 125 Hz, and from HIGHEST_BIN, 8 kHz, on are left out.
 static constexpr int32_t MARGIN = 12, LOWEST_BIN = VECTOR, HIGHEST_BIN = 256;
@@ -30,28 +27,11 @@ static constexpr float NO_TALKER = 0.05f, ALL_TALKER = 0.9f;
 static constexpr int32_t LOWEST_OF_SPEECH = 2, HIGHEST_OF_SPEECH = 17;
 static constexpr float FEW = 0.1f, MANY = 0.5f;
 
-// log2(a) within 0.01 for a > 0: the exponent and a parabola through the mantissa.
-static float log2_of(float a)
-{
-    uint32_t bits;
-    memcpy(&bits, &a, sizeof bits);
-    const int32_t exponent = static_cast<int32_t>(bits >> 23) - 128;
-    bits = (bits & 0x7fffffu) | 0x3f800000u;
-    float mantissa; // 1 to 2
-    memcpy(&mantissa, &bits, sizeof mantissa);
-    return static_cast<float>(exponent) + (2 - mantissa / 3) * mantissa - 2.0f / 3;
-}
-
 // A feature as an integer, 1 as INPUT_ONE.
 static int8_t feature(float value)
 {
     const float scaled = std::clamp(value * static_cast<float>(INPUT_ONE), -127.0f, 127.0f);
     return static_cast<int8_t>(scaled + (scaled < 0 ? -0.5f : 0.5f));
-}
-
-static int8_t of_power(float power)
-{
-    return feature(LOG_SCALE * log2_of(power + LEAST_POWER) + LOG_OFFSET);
 }
 
 // Pearson's correlation of two quantities from their sums over n values.
@@ -70,14 +50,16 @@ void find_features(const Bands &bands, const Evidence &evidence, int8_t *inputs)
     fourth_roots(evidence.echo_power, echo, bins);
     fourth_roots(evidence.reference->power, ref, bins);
     const Comparison &comparison = *evidence.comparison;
+    const float *const powers[POWERS] = {comparison.cleaned,     comparison.echo,
+                                         comparison.mic,         evidence.reference->mean,
+                                         evidence.residual_mean, evidence.noise_mean};
+    int8_t of_powers[POWERS][MAX_BANDS];
+    for (int32_t i = 0; i < POWERS; i++)
+        levels(powers[i], of_powers[i], count);
     for (int32_t b = 0; b < count; b++) {
         int8_t *const input = inputs + b * FEATURES;
-        input[0] = of_power(comparison.cleaned[b]);
-        input[1] = of_power(comparison.echo[b]);
-        input[2] = of_power(comparison.mic[b]);
-        input[3] = of_power(evidence.reference->mean[b]);
-        input[4] = of_power(evidence.residual_mean[b]);
-        input[5] = of_power(evidence.noise_mean[b]);
+        for (int32_t i = 0; i < POWERS; i++)
+            input[i] = of_powers[i][b];
         input[6] = feature(evidence.coherence[b]);
         // Re(E conj(D)) = (|Y|^2 - |E|^2 - |D|^2) / 2
         const float in_phase = comparison.mic[b] - comparison.cleaned[b] - comparison.echo[b];
@@ -93,44 +75,31 @@ void find_features(const Bands &bands, const Evidence &evidence, int8_t *inputs)
     }
 }
 
-// A hidden value from -1 to 1 as an integer, 1 as HIDDEN_ONE. The sum is positive, so that it
-// is rounded to the nearest.
-static int8_t hidden_integer(float value)
-{
-    constexpr float one = HIDDEN_ONE;
-    return static_cast<int8_t>(static_cast<int32_t>(value * one + (one + 0.5f)) - HIDDEN_ONE);
-}
-
-// sigmoid from the tanh of half the argument.
-static float sigmoid(float squashed) { return 0.5f + 0.5f * squashed; }
-
 void run_network(const int8_t *inputs, float *state, float *outputs)
 {
     float dense[HIDDEN], of_input[3 * HIDDEN], of_state[3 * HIDDEN];
     int8_t hidden[2 * HIDDEN]; // state, dense layer
     apply_layer(INPUT_LAYER, inputs, dense);
     squash(dense, HIDDEN);
-    for (int32_t i = 0; i < HIDDEN; i++) {
-        hidden[i] = hidden_integer(state[i]);
-        hidden[HIDDEN + i] = hidden_integer(dense[i]);
-    }
+    to_integers(state, hidden, HIDDEN);
+    to_integers(dense, hidden + HIDDEN, HIDDEN);
     apply_layer(INPUT_GATES, hidden + HIDDEN, of_input);
     apply_layer(STATE_GATES, hidden, of_state);
     float *const reset = of_input, *const keep = reset + HIDDEN, *const candidate = keep + HIDDEN;
     for (int32_t i = 0; i < 2 * HIDDEN; i++)
         of_input[i] += of_state[i];
     squash(of_input, 2 * HIDDEN);
-    for (int32_t i = 0; i < HIDDEN; i++)
-        candidate[i] += sigmoid(reset[i]) * of_state[2 * HIDDEN + i];
+    add_gated(reset, of_state + 2 * HIDDEN, candidate, HIDDEN);
     squash(candidate, HIDDEN);
-    for (int32_t i = 0; i < HIDDEN; i++) {
-        state[i] = candidate[i] + sigmoid(keep[i]) * (state[i] - candidate[i]);
-        hidden[i] = hidden_integer(state[i]);
-    }
+    for (int32_t i = 0; i < HIDDEN; i++)
+        state[i] -= candidate[i];
+    add_gated(keep, state, candidate, HIDDEN);
+    std::copy_n(candidate, HIDDEN, state);
+    to_integers(state, hidden, HIDDEN);
     apply_layer(OUTPUT_LAYER, hidden, outputs);
     squash(outputs, OUTPUTS);
-    for (int32_t b = 0; b < OUTPUTS; b++)
-        outputs[b] = sigmoid(outputs[b]);
+    for (int32_t b = 0; b < JUDGED_BANDS; b++)
+        outputs[b] = 0.5f + 0.5f * outputs[b]; // sigmoid from the tanh of half the argument
 }
 
 void decide(const Bands &bands, float *talker)

@@ -10,8 +10,6 @@ inline constexpr int32_t FEATURES = 10;       // of a band
 inline constexpr int32_t PADDED_INPUTS = 208; // JUDGED_BANDS x FEATURES and zeros
 inline constexpr int32_t HIDDEN = 64;         // values of a hidden layer
 inline constexpr int32_t OUTPUTS = JUDGED_BANDS;
-inline constexpr int32_t INPUT_ONE = 48;   // a feature of 1
-inline constexpr int32_t HIDDEN_ONE = 127; // a hidden value of 1
 
 // The rows of the reset and update gates and of the outputs are halved, since
 // sigmoid(a) = 0.5 + 0.5 tanh(a / 2).

@@ -95,6 +95,15 @@ TEST(Loops, SquashIsTanhWithinATenThousandth)
     }
 }
 
+TEST(Loops, ToIntegersRoundsToTheNearest)
+{
+    float values[8] = {0, 1, -1, 0.45f / 127, -0.4f / 127, 0.6f / 127, -63.6f / 127, 126.4f / 127};
+    int8_t integers[8];
+    to_integers(values, integers, 8);
+    for (int32_t i = 0; i < 8; i++)
+        EXPECT_NEAR(integers[i], 127.0 * values[i], 0.5) << i;
+}
+
 // A layer of any size and its inputs, the extremes among them.
 struct RandomLayer {
     RandomLayer(uint32_t seed, int32_t rows, int32_t columns)
@@ -267,6 +276,20 @@ TEST_P(NeonLoops, SumForTheNetworkAsTheScalarOnesDo)
     expect_alike(1, [&](bool neon, auto &out, auto &, auto &, auto &, auto &) {
         (neon ? neon::squash : scalar::squash)(out[0], GetParam());
     });
+    expect_alike(1, [&](bool neon, auto &out, auto &a, auto &b, auto &, auto &) {
+        (neon ? neon::add_gated : scalar::add_gated)(a, b, out[0], GetParam());
+    });
+    expect_alike(1, [&](bool neon, auto &out, auto &a, auto &, auto &, auto &) {
+        (neon ? neon::levels : scalar::levels)(a, reinterpret_cast<int8_t *>(out[0].at),
+                                               GetParam());
+    });
+    float values[256];
+    int8_t plain_integers[256], integers[256];
+    for (int32_t i = 0; i < 256; i++)
+        values[i] = std::clamp(static_cast<float>(i - 127) / 127.0f + 0.001f, -1.0f, 1.0f);
+    scalar::to_integers(values, plain_integers, 256);
+    neon::to_integers(values, integers, 256);
+    EXPECT_TRUE(std::equal(integers, integers + 256, plain_integers));
     RandomLayer drawn(13, 64, 208);
     scalar::apply_layer(drawn.layer, drawn.inputs.data(), drawn.outputs.data());
     const std::vector<float> plain = drawn.outputs;
