@@ -62,6 +62,12 @@ TEST(Likeness, OfUnrelatedLevelsStaysBelowChance)
     }
 }
 
+TEST(Likeness, ChanceSettlesWithTheMemory)
+{
+    EXPECT_NEAR(chance(likeness_of(levels(1, 3000), levels(2, 3000))), 0.126, 0.003);
+    EXPECT_NEAR(chance(likeness_of(levels(1, 6000), levels(2, 6000))), 0.126, 0.003);
+}
+
 TEST(Likeness, OfOneAndTheSameIsOneAndOfNothingIsNone)
 {
     const std::vector<float> far = levels(1, 300), silence(300);
@@ -83,6 +89,11 @@ TEST(Likeness, IsForgotten)
         take_in(likeness, far[t], far[t], true);
     find_best(likeness);
     EXPECT_GT(likeness.best, 0.99f);
+    forget(likeness);
+    for (size_t t = 10; t < 210; t++)
+        take_in(likeness, far[t], far[t - 10], true);
+    find_best(likeness);
+    EXPECT_EQ(likeness.distance, 10);
 }
 
 } // namespace nax::meter

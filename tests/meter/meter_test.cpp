@@ -55,6 +55,28 @@ TEST(MeterCalls, RefuseNullPointersAndReferencesThatAreNotThere)
     EXPECT_EQ(report_of(meter).frames, 0);
 }
 
+TEST(MeterCalls, ThatAreRefusedChangeNothing)
+{
+    const Meter meter(nax_meter_state_init(16000, 1, 2));
+    const Samples in = Noise(1).frame(256 * 2, 8000), out(256 * 3);
+    EXPECT_EQ(nax_meter_drop(meter.get(), 1), 0);
+    EXPECT_EQ(nax_meter_drop(meter.get(), 3), -1);
+    for (int32_t frame = 0; frame < 100; frame++) {
+        nax_meter_short(meter.get(), in.data(), out.data(), 7);
+        EXPECT_EQ(nax_meter_short(meter.get(), nullptr, out.data(), 9), -1);
+        EXPECT_EQ(nax_meter_short(meter.get(), in.data(), nullptr, 9), -1);
+    }
+    const nax_meter_report report = report_of(meter);
+    EXPECT_EQ(report.frames, 100);
+    EXPECT_EQ(report.delay, 7);
+    EXPECT_GT(report.ref_dbfs[0], -30.0f);
+    EXPECT_EQ(report.ref_dbfs[1], -100.0f); // still dropped
+    nax_meter_report untouched = report;
+    untouched.frames = 4711;
+    EXPECT_EQ(nax_meter_read(nullptr, &untouched), -1);
+    EXPECT_EQ(untouched.frames, 4711);
+}
+
 TEST(MeterTexts, AreThereForEveryVerdictAndDiffer)
 {
     std::set<std::string> names, texts;
@@ -194,6 +216,7 @@ TEST(MeterReport, FurtherReferencesAreOfTheFarEndAndHaveNoLevel)
     for (const float level : report.ref_dbfs)
         EXPECT_EQ(level, -100.0f);
     EXPECT_EQ(report.ref_clipped, 0.0f);
+    EXPECT_EQ(report.mic_clipped, 0.0f);
 }
 
 // Seconds of a call through the canceller, and what the meter makes of it.
