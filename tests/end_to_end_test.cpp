@@ -124,6 +124,32 @@ TEST(EndToEnd, ProcessesBytesLikeSamples)
     }
 }
 
+TEST(EndToEnd, OnlyReadsTheBytesWhichMayLieAtAnOddAddress)
+{
+    for (const int32_t pos : {0, 1, 2})
+        for (const uint32_t order : {NAX_AEC_LITTLE_ENDIAN, NAX_AEC_BIG_ENDIAN}) {
+            const Words words = {.pos = pos, .drop_channel = 1, .model_aec_en = 1};
+            const State even = make_state(8000, 2, 2, words), odd = make_state(8000, 2, 2, words);
+            Noise noise(3);
+            for (int32_t frame = 0; frame < 10; frame++) {
+                const Samples in = noise.frame(128 * 4, 9000.0);
+                std::vector<uint8_t> bytes(1024), later(1025);
+                memcpy(bytes.data(), in.data(), 1024);
+                std::copy(bytes.begin(), bytes.end(), later.begin() + 1);
+                const std::vector<uint8_t> before = bytes, later_before = later;
+                Samples out(512), echo(256), out_of_odd(512), echo_of_odd(256);
+                uint8_t *at_even = bytes.data(), *at_odd = later.data() + 1;
+                EXPECT_EQ(nax_aec_byte(even.get(), &at_even, out.data(), echo.data(), 1024, order),
+                          nax_aec_byte(odd.get(), &at_odd, out_of_odd.data(), echo_of_odd.data(),
+                                       1024, order));
+                ASSERT_EQ(out_of_odd, out);
+                ASSERT_EQ(echo_of_odd, echo);
+                ASSERT_EQ(bytes, before);
+                ASSERT_EQ(later, later_before);
+            }
+        }
+}
+
 TEST(EndToEnd, KeepsStatesApart)
 {
     const State first = make_state(8000, 1, 1, {.model_aec_en = 1});

@@ -126,6 +126,20 @@ TEST_F(Frame, WorksInPlaceWhenOutIsTheInput)
     }
 }
 
+TEST_F(Frame, WorksInPlaceWhenEchoIsTheInput)
+{
+    const State state = make_state(8000, 2, 2, {});
+    const Samples in = counting(4 * F, 70);
+    Samples buffer = in, out = untouched(4 * F);
+    nax_aec_short(state.get(), buffer.data(), out.data(), buffer.data(), 4 * F);
+    for (size_t i = 0; i < F; i++)
+        EXPECT_EQ(Samples(&out[4 * i], &out[4 * i] + 4),
+                  (Samples{cleaned_sample(0, 2 * i), cleaned_sample(0, 2 * i + 1), in[4 * i + 2],
+                           in[4 * i + 3]}));
+    for (size_t i = 0; i < 4 * F; i++)
+        EXPECT_EQ(buffer[i], i < 2 * F ? echo_sample(0, i) : in[i]);
+}
+
 TEST_F(Frame, HandsTheCancellerTheStatesOwnBuffers)
 {
     const State state = make_state(8000, 2, 2, {});
