@@ -51,6 +51,7 @@ TEST(MeterCalls, RefuseNullPointersAndReferencesThatAreNotThere)
     EXPECT_EQ(nax_meter_drop(nullptr, 0), -1);
     EXPECT_EQ(nax_meter_drop(meter.get(), 3), -1);
     EXPECT_EQ(nax_meter_drop(meter.get(), -1), -1);
+    EXPECT_EQ(nax_meter_drop(meter.get(), 0), 0);
     EXPECT_EQ(nax_meter_drop(meter.get(), 2), 0);
     EXPECT_EQ(report_of(meter).frames, 0);
 }
@@ -203,6 +204,12 @@ TEST(MeterReport, TimesCountFromTheDelaysMoveAndFromTheVerdict)
     EXPECT_NEAR(report.delay_s, 6, 0.1);
     EXPECT_EQ(report.verdict, NAX_METER_NO_MICROPHONE); // after 5 s and one to be sure
     EXPECT_NEAR(report.verdict_s, 4, 0.1);
+}
+
+TEST(MeterReport, AQuietStartIsNotTheNearEndAlone)
+{
+    const auto silence = [](int32_t, int32_t) { return 0; };
+    EXPECT_EQ(Frames(1, 1).run(5, silence).verdict, NAX_METER_REFERENCE_SILENT);
 }
 
 TEST(MeterReport, FurtherReferencesAreOfTheFarEndAndHaveNoLevel)
