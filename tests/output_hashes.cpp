@@ -188,7 +188,7 @@ private:
     int32_t echo(const std::vector<int32_t> &played) const
     {
         int32_t sum = 0, share = 2;
-        for (const uint32_t late_ms : {2, 17, 45, 70, 95})
+        for (const uint32_t late_ms : {2u, 17u, 45u, 70u, 95u})
             sum += played[(now_ - late_ms * rate_ / 1000) % played.size()] / share++;
         return sum;
     }
