@@ -55,6 +55,8 @@ static const Case CASES[] = {
     {"the microphone is muted for a moment", [](Evidence &e) { e.mic_dead_s = 4; },
      NAX_METER_CANCELLING},
 
+    {"everything falls silent at once, as on hold",
+     [](Evidence &e) { e.far_silent_s = e.mic_dead_s = 7; }, NAX_METER_CANCELLING},
     {"the far end is gone, and later the microphone is gated",
      [](Evidence &e) { e.far_silent_s = 20, e.mic_dead_s = 10, e.unheard_s = 20; },
      NAX_METER_REFERENCE_SILENT},
