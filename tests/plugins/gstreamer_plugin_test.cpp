@@ -82,6 +82,50 @@ TEST_F(GStreamerPlugin, PassesAudioThroughWithoutAReference)
     EXPECT_TRUE(output() == mic);
 }
 
+// The warnings of a pipeline that runs to its end.
+static std::vector<std::string> warnings_of(const std::string &pipeline)
+{
+    GError *error = nullptr;
+    GstElement *element = gst_parse_launch(pipeline.c_str(), &error);
+    EXPECT_TRUE(element && !error);
+    gst_element_set_state(element, GST_STATE_PLAYING);
+    GstBus *bus = gst_element_get_bus(element);
+    const auto wanted =
+        static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_WARNING);
+    std::vector<std::string> warnings;
+    for (bool ended = false; !ended;) {
+        GstMessage *message = gst_bus_timed_pop_filtered(bus, PATIENCE, wanted);
+        ended = !message || GST_MESSAGE_TYPE(message) != GST_MESSAGE_WARNING;
+        EXPECT_TRUE(message && GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR);
+        if (!ended) {
+            gchar *debug = nullptr;
+            gst_message_parse_warning(message, &error, &debug);
+            warnings.push_back(std::string(error->message) + " " + debug);
+            g_free(debug);
+            g_error_free(error);
+        }
+        if (message) gst_message_unref(message);
+    }
+    gst_element_set_state(element, GST_STATE_NULL);
+    gst_object_unref(bus);
+    gst_object_unref(element);
+    return warnings;
+}
+
+TEST_F(GStreamerPlugin, WarnsOnceOfAProbeThatIsNotThereForASecond)
+{
+    const auto warnings_after = [&](int32_t samples, const std::string &settings) {
+        write_raw(folder + "/mic.raw", Samples(static_cast<size_t>(samples)));
+        return warnings_of(raw_file(folder + "/mic.raw", 1) + "! naxaec " + settings +
+                           " ! fakesink");
+    };
+    EXPECT_TRUE(warnings_after(RATE * 9 / 10, "probe=nobody").empty());
+    EXPECT_TRUE(warnings_after(RATE * 3, "").empty());
+    const std::vector<std::string> warnings = warnings_after(RATE * 3, "probe=nobody");
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_NE(warnings[0].find("does not exist"), std::string::npos) << warnings[0];
+}
+
 TEST_F(GStreamerPlugin, StopsWithAReasonWhereItCannotServe)
 {
     const Recording recording = make_recording(RATE, 2, 2, 0.1);
