@@ -206,6 +206,12 @@ void scalar::to_integers(const float *values, int8_t *integers, int32_t count)
             static_cast<int8_t>(static_cast<int32_t>(values[i] * one + (one + 0.5f)) - HIDDEN_ONE);
 }
 
+void scalar::add_scaled(float factor, const float *values, float *to, int32_t count)
+{
+    for (int32_t i = 0; i < count; i++)
+        to[i] += factor * values[i];
+}
+
 void scalar::add_gated(const float *gate, const float *values, float *to, int32_t count)
 {
     for (int32_t i = 0; i < count; i++)
@@ -237,6 +243,7 @@ SumProducts *sum_products = scalar::sum_products;
 ApplyLayer *apply_layer = scalar::apply_layer;
 Levels *levels = scalar::levels;
 ToIntegers *to_integers = scalar::to_integers;
+AddScaled *add_scaled = scalar::add_scaled;
 AddGated *add_gated = scalar::add_gated;
 Squash *squash = scalar::squash;
 
@@ -259,6 +266,7 @@ Squash *squash = scalar::squash;
     apply_layer = neon::apply_layer;
     levels = neon::levels;
     to_integers = neon::to_integers;
+    add_scaled = neon::add_scaled;
     add_gated = neon::add_gated;
     squash = neon::squash;
 }

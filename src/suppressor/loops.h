@@ -111,6 +111,9 @@ inline constexpr float LEAST_POWER = 0.04f, LEVEL_SCALE = 0.1f, LEVEL_OFFSET = -
 // integers = values from -1 to 1 as hidden values, rounded to the nearest. count is a multiple of 8.
 using ToIntegers = void(const float *values, int8_t *integers, int32_t count);
 
+// to += factor x values. count is a multiple of 4.
+using AddScaled = void(float factor, const float *values, float *to, int32_t count);
+
 // to += sigmoid(a) x values, where gate = tanh(a / 2). count is a multiple of 4.
 using AddGated = void(const float *gate, const float *values, float *to, int32_t count);
 
@@ -137,6 +140,7 @@ SumProducts sum_products;
 ApplyLayer apply_layer;
 Levels levels;
 ToIntegers to_integers;
+AddScaled add_scaled;
 AddGated add_gated;
 Squash squash;
 } // namespace scalar
@@ -158,6 +162,7 @@ SumProducts sum_products;
 ApplyLayer apply_layer;
 Levels levels;
 ToIntegers to_integers;
+AddScaled add_scaled;
 AddGated add_gated;
 Squash squash;
 } // namespace neon
@@ -179,6 +184,7 @@ extern SumProducts *sum_products;
 extern ApplyLayer *apply_layer;
 extern Levels *levels;
 extern ToIntegers *to_integers;
+extern AddScaled *add_scaled;
 extern AddGated *add_gated;
 extern Squash *squash;
 

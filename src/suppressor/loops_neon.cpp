@@ -305,6 +305,13 @@ void to_integers(const float *values, int8_t *integers, int32_t count)
                 vmovn_s16(vcombine_s16(to_integers(values + i), to_integers(values + i + 4))));
 }
 
+void add_scaled(float factor, const float *values, float *to, int32_t count)
+{
+    const float32x4_t four = vdupq_n_f32(factor);
+    for (int32_t i = 0; i < count; i += 4)
+        vst1q_f32(to + i, vmlaq_f32(vld1q_f32(to + i), four, vld1q_f32(values + i)));
+}
+
 void add_gated(const float *gate, const float *values, float *to, int32_t count)
 {
     const float32x4_t half = vdupq_n_f32(0.5f);

@@ -86,13 +86,11 @@ void run_network(const int8_t *inputs, float *state, float *outputs)
     apply_layer(INPUT_GATES, hidden + HIDDEN, of_input);
     apply_layer(STATE_GATES, hidden, of_state);
     float *const reset = of_input, *const keep = reset + HIDDEN, *const candidate = keep + HIDDEN;
-    for (int32_t i = 0; i < 2 * HIDDEN; i++)
-        of_input[i] += of_state[i];
+    add_scaled(1, of_state, of_input, 2 * HIDDEN);
     squash(of_input, 2 * HIDDEN);
     add_gated(reset, of_state + 2 * HIDDEN, candidate, HIDDEN);
     squash(candidate, HIDDEN);
-    for (int32_t i = 0; i < HIDDEN; i++)
-        state[i] -= candidate[i];
+    add_scaled(-1, candidate, state, HIDDEN);
     add_gated(keep, state, candidate, HIDDEN);
     std::copy_n(candidate, HIDDEN, state);
     to_integers(state, hidden, HIDDEN);

@@ -276,7 +276,8 @@ TEST_P(NeonLoops, SumForTheNetworkAsTheScalarOnesDo)
     expect_alike(1, [&](bool neon, auto &out, auto &, auto &, auto &, auto &) {
         (neon ? neon::squash : scalar::squash)(out[0], GetParam());
     });
-    expect_alike(1, [&](bool neon, auto &out, auto &a, auto &b, auto &, auto &) {
+    expect_alike(1, [&](bool neon, auto &out, auto &a, auto &b, auto &, auto &d) {
+        (neon ? neon::add_scaled : scalar::add_scaled)(-0.3f, d, out[0], GetParam());
         (neon ? neon::add_gated : scalar::add_gated)(a, b, out[0], GetParam());
     });
     expect_alike(1, [&](bool neon, auto &out, auto &a, auto &, auto &, auto &) {
