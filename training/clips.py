@@ -25,7 +25,7 @@ def decibels(db):
 def speech(rng, voice, rate, samples, single_words=0.0):
     """A talker (samples) of active level 1: bursts of words with pauses between them, or, with
     the probability single_words, single words with pauses."""
-    if rng.random() < 0.05:                     # whispered, or no voice at all
+    if rng.random() < 0.06:                     # whispered, or no voice at all
         return syllables(rng, rate, samples)
     files, x = voices.words(voice), np.zeros(samples, np.float32)
     pitch = rng.uniform(0.88, 1.14)
@@ -46,8 +46,14 @@ def speech(rng, voice, rate, samples, single_words=0.0):
 
 
 def syllables(rng, rate, samples):
-    """Low-passed noise in syllables of random length and loudness (samples), active level 1."""
-    x = filtered(rng.standard_normal(samples), rate, "low", 1, rng.uniform(500, 3000))
+    """Low-passed noise or a sawtooth in syllables of random length and loudness (samples), active
+    level 1."""
+    if rng.random() < 0.6:
+        x = rng.standard_normal(samples)
+    else:
+        pitch = rng.uniform(80, 400) * (1 + 0.1 * np.sin(2 * np.pi * rng.uniform(0.1, 1) / rate * np.arange(samples)))
+        x = 2 * (np.cumsum(pitch / rate) % 1) - 1
+    x = filtered(x, rate, "low", 1, rng.uniform(500, 3000))
     at = 0
     while at < samples:
         length = int(rng.uniform(0.1, 0.4) * rate)
@@ -102,6 +108,17 @@ def loudspeaker(rng, x, rate):
     return filtered(x, rate, "low", 2, rng.uniform(3000, 20000)) if rng.random() < 0.6 else x
 
 
+def steady(rng, rate, samples):
+    """A sound without pauses (samples), active level 1: noise whose loudness swings, as of water, a
+    crowd or a fan."""
+    x = noise(rng, rate, samples)
+    if rng.random() < 0.5:
+        x = filtered(x, rate, "low", 1, rng.uniform(300, 4000))
+    depth, swing = rng.uniform(0, 1), rng.uniform(0.05, 12)
+    x *= 1 + depth * np.sin(2 * np.pi * swing / rate * np.arange(samples) + rng.uniform(0, 6))
+    return x / voices.active_rms(x, rate)
+
+
 def noise(rng, rate, samples):
     """Noise (samples) of rms 1: white to rumble, perhaps with hum."""
     spectrum = np.fft.rfft(rng.standard_normal(samples))
@@ -143,11 +160,16 @@ def mixture(number, validation):
     known = voices.HELD_OUT_VOICES if validation else [v for v in voices.VOICES if v not in voices.HELD_OUT_VOICES]
     pieces = voices.HELD_OUT_MUSIC if validation else [m for m in voices.MUSIC if m not in voices.HELD_OUT_MUSIC]
     far_voice, near_voice = rng.choice(known, 2, replace=False)
-    kind = rng.choice(("speech", "music", "silence"), p=(0.68, 0.28, 0.04))
+    kind = rng.choice(("speech", "music", "steady", "silence"), p=(0.62, 0.27, 0.07, 0.04))
     if kind == "silence":
         far = np.zeros(samples)
     else:
-        far = speech(rng, far_voice, rate, samples) if kind == "speech" else music(rng, rng.choice(pieces), rate, samples)
+        if kind == "speech":
+            far = speech(rng, far_voice, rate, samples)
+        elif kind == "music":
+            far = music(rng, rng.choice(pieces), rate, samples)
+        else:
+            far = steady(rng, rate, samples)
         if rng.random() < 0.1:                  # a telephone, a player without treble
             far = filtered(far, rate, "low", 6, rng.uniform(2500, 5000))
         if rng.random() < 0.5:

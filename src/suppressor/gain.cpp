@@ -4,6 +4,8 @@
 //   - While the far end talks alone, the echo is overestimated and the gain is multiplied by
 //     the coherence of the cleaned with the raw microphone: a band that the canceller changed
 //     much is echo. In double talk both would harm the talker more than the echo.
+//   - The presence of a talker bounds the residual echo of a band from both sides. The estimate
+//     knows the spectrum's shape better than its level.
 //   - The output never falls below the microphone's noise. A listener hears residual echo
 //     against that noise, and also hears gaps in it.
 #include "suppressor/gain.h"
@@ -20,11 +22,14 @@ namespace nax::res {
 static constexpr float KEEP_ALONE = 0.97f, KEEP_NEAR = 0.9f;
 
 // Factor by which the echo is overestimated while the far end talks alone; 1 with a talker.
-// 20 to 60 give equal results.
+// 10 to 60 give equal results.
 static constexpr float OVER_ALONE = 30;
 // Smallest gain while the far end talks alone, and with a talker. 0.003 to 0.03 and 0.03 to
 // 0.1 give equal results. Between both states the factors are interpolated geometrically.
 static constexpr float FLOOR_ALONE = 0.01f, FLOOR_NEAR = 0.1f;
+// At least this share of a band's power is the talker's where he is sure. 0.5 to 0.8 give equal
+// results; with 1 a listener hears echo beside him.
+static constexpr float LEAST_TALKER = 0.7f;
 static constexpr int32_t STEPS = 32;
 static constexpr size_t POINTS = STEPS + 1;
 
@@ -55,16 +60,25 @@ static float between(const std::array<float, POINTS> &table, float talker)
     return table[i] + (at - static_cast<float>(i)) * (table[i + 1] - table[i]);
 }
 
-void gain_apply(Gain &gain, const Bands &bands, const float *talker, const float *coherence,
-                const float *residual_power, const float *noise_power, const float *cleaned_power,
-                Complex *spectrum)
+// The power of the echo in a band of the given power: at least (1 - p)^8 of it, so that a band
+// without a talker is all echo, and at most 1 - LEAST_TALKER p^2.
+static float bounded(float echo, float power, float talker)
+{
+    const float rest = (1 - talker) * (1 - talker), rest_4 = rest * rest;
+    return std::clamp(echo, rest_4 * rest_4 * power, (1 - LEAST_TALKER * talker * talker) * power);
+}
+
+void gain_apply(Gain &gain, const Bands &bands, const BandLevels &of, const float *residual_power,
+                const float *noise_power, const float *cleaned_power, Complex *spectrum)
 {
     GainRule rule;
     for (int32_t b = 0; b < bands.count; b++) {
-        rule.over[b] = between(OVER, talker[b]);
-        rule.floor[b] = FLOOR_NEAR * between(FLOOR, talker[b]);
-        rule.factor[b] = talker[b] + (1 - talker[b]) * coherence[b];
-        rule.keep[b] = KEEP_ALONE + talker[b] * (KEEP_NEAR - KEEP_ALONE);
+        const float talker = of.talker[b], residual = of.residual[b] + TINY_POWER;
+        const float echo = between(OVER, talker) * residual;
+        rule.over[b] = bounded(echo, of.cleaned[b], talker) / residual;
+        rule.floor[b] = FLOOR_NEAR * between(FLOOR, talker);
+        rule.factor[b] = talker + (1 - talker) * of.coherence[b];
+        rule.keep[b] = KEEP_ALONE + talker * (KEEP_NEAR - KEEP_ALONE);
     }
     apply_gain(bands, rule, cleaned_power, residual_power, noise_power, gain.power_out, spectrum);
 }

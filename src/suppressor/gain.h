@@ -9,10 +9,15 @@ struct Gain {
     float power_out[MAX_BINS]; // output power of the frame before
 };
 
-// Applies the gain to a cleaned microphone's spectrum. talker is the near end's presence and
-// coherence that of the cleaned with the raw microphone, both per band; the powers are per bin.
-void gain_apply(Gain &gain, const Bands &bands, const float *talker, const float *coherence,
-                const float *residual_power, const float *noise_power, const float *cleaned_power,
-                Complex *spectrum);
+// What is known of each band.
+struct BandLevels {
+    const float *talker;             // presence of the near end, 0 to 1
+    const float *coherence;          // of the cleaned with the raw microphone
+    const float *cleaned, *residual; // mean powers of the cleaned microphone and its residual echo
+};
+
+// Applies the gain to a cleaned microphone's spectrum. The powers are per bin.
+void gain_apply(Gain &gain, const Bands &bands, const BandLevels &of, const float *residual_power,
+                const float *noise_power, const float *cleaned_power, Complex *spectrum);
 
 } // namespace nax::res

@@ -100,8 +100,9 @@ static void suppress(nax_res_state &state, Microphone &mic)
     presence_update(mic.presence, state.bands,
                     {&comparison, mic.coherence.value, &state.reference, mic.residual.mean,
                      mic.noise.mean, state.cleaned_power, state.echo_power});
-    gain_apply(mic.gain, state.bands, mic.presence.talker, mic.coherence.value, mic.residual.power,
-               mic.noise.power, state.cleaned_power, state.spectrum);
+    gain_apply(mic.gain, state.bands,
+               {mic.presence.talker, mic.coherence.value, comparison.cleaned, mic.residual.mean},
+               mic.residual.power, mic.noise.power, state.cleaned_power, state.spectrum);
     synthesise(state.spectra, state.spectrum, mic.left_over, mic.frame);
 }
 

@@ -235,6 +235,38 @@ TEST(Suppressor, LetsTheTalkerPassWhilePlayedSoundIsNotHeard)
     }
 }
 
+// Once a lap of 0.77 s, a burst of echo is left. The noise swings, or what is left of it would be
+// taken for the microphone's own.
+TEST(Suppressor, TakesTheEchoOfNoiseAlsoWhereTheDelayLinesEndInZeros)
+{
+    for (const int32_t rate : {8000, 16000, 32000}) {
+        const double swing = 2 * 3.141592653589793 / (0.6 * rate);
+        const int32_t size = frame_size(rate), frames = 5 * rate / size;
+        const State aec = make_state(rate, 1, 1, {.pos = 1, .model_aec_en = 1});
+        const Suppressor res = make_suppressor(rate, 1, 1);
+        EchoPath path(size * 15 / 4, {0.4, 0.2, -0.1});
+        Noise noise(17);
+        Frame frame(rate, 1, 1);
+        Samples in(frame.aec.size());
+        double heard = 0, left = 0;
+        for (int32_t t = 0; t < frames; t++) {
+            for (size_t i = 0; i < in.size(); i += 2) {
+                const double at = swing * (t * size + static_cast<double>(i) / 2);
+                in[i + 1] = to_sample((1 + std::sin(at)) * noise.next(6000));
+                in[i] = to_sample(path.next(in[i + 1]) + noise.next(2));
+            }
+            nax_aec_short(aec.get(), in.data(), frame.aec.data(), frame.echo.data(), 2 * size);
+            nax_res_short(res.get(), frame.aec.data(), frame.echo.data(), frame.out.data());
+            if (t < frames / 2) continue;
+            for (size_t i = 0; i < frame.out.size(); i++) {
+                heard += double{1} * in[2 * i] * in[2 * i];
+                left += double{1} * frame.out[i] * frame.out[i];
+            }
+        }
+        EXPECT_LT(10 * std::log10(left / heard), -35) << rate;
+    }
+}
+
 // Nothing may be left behind that mutes a talker, nor be louder than it came in.
 TEST(Suppressor, IsBackToNormalWithinASecondOfEveryExtreme)
 {
