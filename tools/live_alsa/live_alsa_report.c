@@ -103,8 +103,9 @@ void report_status(const struct report *recent, const struct report *total, int 
                  10 * log10(recent->active_mic_energy / (recent->active_cleaned_energy + 1)));
     snprintf(clipped, sizeof clipped, "%ld+%ld", total->clipped_mic, total->clipped_ref);
     const double frames = recent->frames > 0 ? (double)recent->frames : 1;
-    snprintf(load, sizeof load, "%.1f/%.1f", 100 * recent->busy_s / frames / FRAME_S,
-             100 * recent->peak_busy_s / FRAME_S);
+    const double peak = 100 * recent->peak_busy_s / FRAME_S; // thousands when the device stalls
+    snprintf(load, sizeof load, "%.1f/%.*f", 100 * recent->busy_s / frames / FRAME_S,
+             peak < 100 ? 1 : 0, peak);
     fprintf(stderr, "%7.1f %5.1f %7.1f %6.1f %6s %7s %8ld %9s %-16.16s%s",
             (double)total->frames * FRAME_S, 1e3 * total->delay / rate,
             dbfs(recent->mic_energy, recent->samples),
