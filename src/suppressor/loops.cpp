@@ -201,7 +201,7 @@ void scalar::levels(const float *powers, int8_t *integers, int32_t count)
 void scalar::to_integers(const float *values, int8_t *integers, int32_t count)
 {
     constexpr float one = HIDDEN_ONE;
-    for (int32_t i = 0; i < count; i++) // The sum is positive, so that it is rounded.
+    for (int32_t i = 0; i < count; i++) // Of a positive sum: to the nearest.
         integers[i] =
             static_cast<int8_t>(static_cast<int32_t>(values[i] * one + (one + 0.5f)) - HIDDEN_ONE);
 }

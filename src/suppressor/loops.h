@@ -99,12 +99,12 @@ struct Layer {
 };
 using ApplyLayer = void(const Layer &layer, const int8_t *inputs, float *outputs);
 
-// The network's features and hidden values are integers, 1 as these.
+// INPUT_ONE and HIDDEN_ONE stand for 1 in the network's features and hidden values.
 inline constexpr int32_t INPUT_ONE = 48, HIDDEN_ONE = 127;
 
-// integers = 0.1 log2(power + 0.04) - 0.9 within 0.001, as features; powers that occur give -1.4
-// to 2.1. 0.04 is half of the power of rounding to 16 bits. Up to the next multiple of 4 of them
-// are read and written.
+// integers = INPUT_ONE x (0.1 log2(power + 0.04) - 0.9), rounded to the nearest and limited to
+// 127; the logarithm is right within 0.01. 0.04 is half of the power of rounding to 16 bits. count
+// is a multiple of 4.
 using Levels = void(const float *powers, int8_t *integers, int32_t count);
 inline constexpr float LEAST_POWER = 0.04f, LEVEL_SCALE = 0.1f, LEVEL_OFFSET = -0.9f;
 

@@ -291,7 +291,7 @@ void levels(const float *powers, int8_t *integers, int32_t count)
     }
 }
 
-static int16x4_t to_integers(const float *values)
+static int16x4_t four_integers(const float *values)
 {
     const float32x4_t one = vdupq_n_f32(HIDDEN_ONE), above = vdupq_n_f32(HIDDEN_ONE + 0.5f);
     const int32x4_t rounded = vcvtq_s32_f32(vmlaq_f32(above, vld1q_f32(values), one));
@@ -302,14 +302,14 @@ void to_integers(const float *values, int8_t *integers, int32_t count)
 {
     for (int32_t i = 0; i < count; i += 8)
         vst1_s8(integers + i,
-                vmovn_s16(vcombine_s16(to_integers(values + i), to_integers(values + i + 4))));
+                vmovn_s16(vcombine_s16(four_integers(values + i), four_integers(values + i + 4))));
 }
 
 void add_scaled(float factor, const float *values, float *to, int32_t count)
 {
-    const float32x4_t four = vdupq_n_f32(factor);
+    const float32x4_t factors = vdupq_n_f32(factor);
     for (int32_t i = 0; i < count; i += 4)
-        vst1q_f32(to + i, vmlaq_f32(vld1q_f32(to + i), four, vld1q_f32(values + i)));
+        vst1q_f32(to + i, vmlaq_f32(vld1q_f32(to + i), factors, vld1q_f32(values + i)));
 }
 
 void add_gated(const float *gate, const float *values, float *to, int32_t count)

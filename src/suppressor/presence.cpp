@@ -55,7 +55,7 @@ void find_features(const Bands &bands, const Evidence &evidence, int8_t *inputs)
                                          evidence.residual_mean, evidence.noise_mean};
     int8_t of_powers[POWERS][MAX_BANDS];
     for (int32_t i = 0; i < POWERS; i++)
-        levels(powers[i], of_powers[i], count);
+        levels(powers[i], of_powers[i], JUDGED_BANDS);
     for (int32_t b = 0; b < count; b++) {
         int8_t *const input = inputs + b * FEATURES;
         for (int32_t i = 0; i < POWERS; i++)
@@ -96,7 +96,7 @@ void run_network(const int8_t *inputs, float *state, float *outputs)
     to_integers(state, hidden, HIDDEN);
     apply_layer(OUTPUT_LAYER, hidden, outputs);
     squash(outputs, OUTPUTS);
-    for (int32_t b = 0; b < JUDGED_BANDS; b++)
+    for (int32_t b = 0; b < OUTPUTS; b++)
         outputs[b] = 0.5f + 0.5f * outputs[b]; // sigmoid from the tanh of half the argument
 }
 

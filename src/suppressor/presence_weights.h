@@ -5,7 +5,8 @@
 
 namespace nax::res {
 
-inline constexpr int32_t JUDGED_BANDS = 20;   // up to 7.75 kHz
+inline constexpr int32_t JUDGED_BANDS = 20; // up to 7.75 kHz
+static_assert(JUDGED_BANDS % 4 == 0 && JUDGED_BANDS <= MAX_BANDS);
 inline constexpr int32_t FEATURES = 10;       // of a band
 inline constexpr int32_t PADDED_INPUTS = 208; // JUDGED_BANDS x FEATURES and zeros
 inline constexpr int32_t HIDDEN = 64;         // values of a hidden layer

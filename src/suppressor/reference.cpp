@@ -11,11 +11,12 @@ static constexpr float HOLD = 0.6f;
 
 void reference_update(Reference &reference, const Bands &bands, float zeros)
 {
-    // Once a lap the delay lines end in zeros, so the canceller does not hear that part of the
-    // reference. It lies at this window's edge, where the window is small, and then in the middle
-    // of the next. A frame of zeros is the far end's own silence.
-    if (zeros >= 1) zeros = 0;
-    reference.gap = std::min(reference.zeros + zeros * zeros * zeros, 1.0f);
+    // Once a lap the delay lines end in zeros, and the canceller does not hear that part of the
+    // reference. A share z of a frame holds about z^3 of a window's energy at its end and z in its
+    // middle. Before a frame of zeros it was the beginning of the far end's own silence.
+    const bool silent = zeros >= 1;
+    if (silent) zeros = 0;
+    reference.gap = silent ? 0 : std::min(reference.zeros + zeros * zeros * zeros, 1.0f);
     reference.zeros = zeros;
 
     band_means(bands, reference.power, reference.mean);

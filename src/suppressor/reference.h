@@ -10,8 +10,8 @@ struct Reference {
     float mean[MAX_BANDS];     // its mean over each band
     float held[MAX_BANDS];     // peak of that mean, decaying
     float activity[MAX_BANDS]; // 0 (silent) to 1 (active)
-    float zeros;               // at the end of the newest frame, share of a frame, not all of it
-    float gap;                 // share of this window's echo that has no reference
+    float zeros;               // share of the newest frame at its end; 0 if it is all zeros
+    float gap;                 // at most this share of the window's echo has no reference
 };
 
 // A band counts as active above this mean power: that of white noise of 44 rms at 16000 Hz,

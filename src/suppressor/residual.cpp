@@ -86,10 +86,10 @@ void residual_update(Residual &r, const Bands &bands, const Reference &reference
     for (int32_t b = 0; b < bands.count; b++)
         if (reference.held[b] > ACTIVE_POWER)
             learn_leakage(r, b, comparison.cleaned[b], noise.mean[b]);
-    float left[MAX_BANDS]; // The echo in a gap of the reference is left whole.
+    float shares[MAX_BANDS]; // The echo in a gap of the reference is left whole.
     for (int32_t b = 0; b < bands.count; b++)
-        left[b] = std::max(r.leakage[b], reference.gap);
-    estimate_residual(bands, left, r.predicted_power, RELEASE, r.power, r.mean);
+        shares[b] = std::max(r.leakage[b], reference.gap);
+    estimate_residual(bands, shares, r.predicted_power, RELEASE, r.power, r.mean);
     r.heard = is_heard(r, bands, noise);
 }
 

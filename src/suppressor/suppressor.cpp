@@ -90,7 +90,7 @@ static void suppress(nax_res_state &state, Microphone &mic)
 {
     analyse(state.spectra, mic.cleaned.samples, state.spectrum);
     analyse(state.spectra, mic.echo.samples, state.echo_spectrum);
-    Comparison comparison;
+    Comparison comparison = {};
     compare(state.bands, state.spectrum, state.echo_spectrum, state.cleaned_power, state.echo_power,
             comparison);
     noise_update(mic.noise, state.bands, state.cleaned_power, mic.residual.heard);

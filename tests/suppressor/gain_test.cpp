@@ -22,7 +22,10 @@ protected:
         const Bins noise(static_cast<float>(frame.noise));
         if (frame.beside > 0)
             for (int32_t k = 0; k < MAX_BINS; k++)
-                if (k != 50) power[k] = static_cast<float>(frame.beside), echo[k] = 0;
+                if (k != 50) {
+                    power[k] = static_cast<float>(frame.beside);
+                    echo[k] = 0;
+                }
         float talker[MAX_BANDS], coherence[MAX_BANDS], cleaned[MAX_BANDS], residual[MAX_BANDS];
         band_means(bands, power, cleaned);
         band_means(bands, echo, residual);

@@ -105,6 +105,8 @@ TEST_F(EchoLeft, IsWholeInAGapOfTheReference)
 TEST_F(EchoLeft, IsNotWholeWhereTheFarEndItselfFallsSilent)
 {
     talk_far(400, 0.5, 0.005);
+    zeros = 0.2f; // it begins within a frame
+    frame(1e6, 5e5, 5e3, 0);
     for (const float end : {1.0f, 1.0f, 0.0f}) {
         zeros = end;
         frame(1e6, 5e5, 5e3, 0);
