@@ -10,7 +10,7 @@ struct Reference {
     float mean[MAX_BANDS];     // its mean over each band
     float held[MAX_BANDS];     // peak of that mean, decaying
     float activity[MAX_BANDS]; // 0 (silent) to 1 (active)
-    float zeros;               // share of the newest frame at its end; 0 if it is all zeros
+    float zeros;               // part of the newest frame, at its end, that is 0; none if all is
     float gap;                 // at most this share of the window's echo has no reference
 };
 
